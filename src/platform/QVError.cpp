@@ -1,0 +1,7 @@
+#include "platform/QVError.h"
+
+std::string QVError::message() const {
+  if (recoverySuggestion) return *recoverySuggestion;
+  if (localizedDescription) return *localizedDescription;
+  return "";
+}

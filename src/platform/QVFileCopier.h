@@ -1,0 +1,40 @@
+// QVFileCopier copies a file, or a folder with its whole tree, to a path that must not exist yet.
+// Symbolic links are copied as links, never followed; permissions and modification times are kept.
+// The kernel moves the contents where it can (a reflink clone, else copy_file_range), with a plain
+// read/write loop as the fallback; no whole file is held in memory.
+//
+// It reports to its delegate: the file count and total size once, before copying; the fraction done as
+// it goes (a few times a second at most, and 1.0 at the end); and it asks whether to continue between
+// files and at least every 8 MiB inside a file. Errors carry status codes: a full volume -1429, no
+// permission -54, a vanished source -43, anything else the system's own error number.
+//
+// One copier serves one copy at a time, on the calling thread; the delegate is called on that thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct QVError;
+
+class QVFileCopierDelegate {
+ public:
+  virtual ~QVFileCopierDelegate() = default;
+  virtual bool fileManagerShouldContinueCopyingItem() = 0;
+  virtual void fileManagerReachedProgress(double fraction) = 0;
+  virtual void fileManagerCalculatedFiles(std::uint64_t files, std::uint64_t size) = 0;
+};
+
+class QVFileCopier {
+ public:
+  void setDelegate(QVFileCopierDelegate* delegate) { m_delegate = delegate; }  // not owned
+  QVFileCopierDelegate* delegate() const { return m_delegate; }
+
+  // Copies sourcePath to destinationPath. With ignoringSourceErrors, source files that cannot be read
+  // are passed over and the copy goes on. A copy stopped by the delegate fails with status -128.
+  // On failure writes *error (domain kQVErrorDomain, the status code, the status text as suggestion).
+  bool copyItemReportingProgressAtPath(const std::string& sourcePath, const std::string& destinationPath,
+                                       bool ignoringSourceErrors, QVError* error);
+
+ private:
+  QVFileCopierDelegate* m_delegate = nullptr;
+};

@@ -1,0 +1,3 @@
+#include "targets/QVFTPSBackupTarget.h"
+
+std::string QVFTPSBackupTarget::urlScheme() const { return "ftps"; }

@@ -1,0 +1,95 @@
+#include "targets/QVLocalBackupTarget.h"
+
+#include <filesystem>
+#include <system_error>
+
+#include "platform/QVFoundation.h"
+#include "platform/QVLocalization.h"
+#include "platform/QVLog.h"
+
+namespace fs = std::filesystem;
+
+QVLocalBackupTarget::QVLocalBackupTarget(const QVTarget& options) : QVBackupTarget(options) {}
+
+std::string QVLocalBackupTarget::pathForItem(const QVGroup& group) const {
+  return qv::stringByAppendingPathComponent(m_options.path, group.title);
+}
+
+std::optional<std::vector<std::string>> QVLocalBackupTarget::entriesInDirectoryForItem(const QVGroup& group) {
+  std::error_code ec;
+  fs::directory_iterator it(pathForItem(group), ec);
+  if (ec) return std::nullopt;
+  std::vector<std::string> names;
+  for (; it != fs::directory_iterator(); it.increment(ec)) {
+    if (ec) return std::nullopt;
+    names.push_back(it->path().filename().string());
+  }
+  return names;
+}
+
+void QVLocalBackupTarget::removeRootEntryForGroup(const QVGroup& group) {
+  std::error_code ec;
+  const std::string path = pathForItem(group);
+  fs::remove_all(path, ec);
+  if (ec) QVLog(qv::stringWithFormat("%@ warning: Could not remove directory -%@", {"QVLocalBackupTarget", path}));
+}
+
+bool QVLocalBackupTarget::removeEntry(const std::string& entry, const QVGroup& forItem) {
+  std::error_code ec;
+  const std::string path = qv::stringByAppendingPathComponent(pathForItem(forItem), entry);
+  if (!fs::exists(fs::symlink_status(path, ec))) return false;
+  fs::remove_all(path, ec);
+  return !ec;
+}
+
+bool QVLocalBackupTarget::backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,
+                                     const std::string& toEntry, QVError* error) {
+  // A copier of its own for this call, with this destination as its delegate for the call only.
+  QVFileCopier copier;
+  copier.setDelegate(this);
+
+  if (!QVBackupTarget::backupItem(path, ofGroup, withName, toEntry, error)) return false;
+
+  // A folder with nothing to copy is skipped and counts as backed up.
+  if (!isPathValidForUpload(path)) return true;
+
+  const std::string& destination = m_options.path;
+  if (!qv::fileExistsAtPath(destination)) {
+    if (error) *error = errorWithStatusCode(-120, std::nullopt, path);
+    return false;
+  }
+
+  const std::string entryPath = qv::stringByAppendingPathComponent(pathForItem(ofGroup), toEntry);
+  std::error_code ec;
+  fs::create_directories(entryPath, ec);
+  if (ec || !qv::fileExistsAtPath(entryPath)) {
+    if (error) {
+      const std::string message =
+          qv::stringWithFormat(QVLocalizedString("You do not have appropriate access privileges to save group %@ in folder %@", this),
+                               {ofGroup.title, qv::lastPathComponent(destination)});
+      *error = errorWithStatusCode(ec ? ec.value() : 0, message, path);
+    }
+    return false;
+  }
+
+  // An existing copy is kept as it is and never overwritten.
+  const std::string itemPath = qv::stringByAppendingPathComponent(entryPath, withName);
+  if (fs::exists(fs::symlink_status(itemPath, ec))) return true;
+
+  QVError copyError;
+  copyError.code = 0;
+  bool copied = copier.copyItemReportingProgressAtPath(path, itemPath, true, &copyError);
+  if (!copied && error) *error = errorWithStatusCode(copyError.code, std::nullopt, path);
+  copier.setDelegate(nullptr);
+  return copied;
+}
+
+bool QVLocalBackupTarget::fileManagerShouldContinueCopyingItem() { return !isCancelled(); }
+
+void QVLocalBackupTarget::fileManagerReachedProgress(double fraction) {
+  if (delegate()) delegate()->backupProgress(fraction);
+}
+
+void QVLocalBackupTarget::fileManagerCalculatedFiles(std::uint64_t files, std::uint64_t size) {
+  if (delegate()) delegate()->backupCalculatedFiles(files, size);
+}
