@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "platform/QVLog.h"
@@ -31,14 +32,28 @@ QVValue valueOf(const Entry& entry) {
   return QVDictionary{{"user", entry.user}, {"pass", entry.pass}, {"label", entry.label}};
 }
 
+std::string parentFolder(const std::string& path) {
+  std::string::size_type slash = path.find_last_of('/');
+  return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Missing folders are made with mode 0700, as the store would make them.
+void makeFolders(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) == 0 || errno != ENOENT) return;
+  if (std::string parent = parentFolder(path); parent != path) makeFolders(parent);
+  if (::mkdir(path.c_str(), 0700) == 0) ::chmod(path.c_str(), 0700);
+}
+
 // An exclusive lock on the keychain's folder for one read-modify-write cycle. The file itself cannot
-// carry the lock: every write replaces it with a new file. Without a folder there is nothing to lock
-// yet; without lock support (some network file systems) the cycle runs unlocked.
+// carry the lock: every write replaces it with a new file. The folder is made first, or the very first
+// writers would race unlocked. Where the folder cannot be made or locked (some network file systems),
+// the cycle runs unlocked and the write reports any failure.
 class FolderLock {
  public:
   explicit FolderLock(const std::string& filePath) {
-    std::string::size_type slash = filePath.find_last_of('/');
-    std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : filePath.substr(0, slash);
+    std::string folder = parentFolder(filePath);
+    makeFolders(folder);
     m_fd = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (m_fd < 0) return;
     while (::flock(m_fd, LOCK_EX) != 0) {

@@ -193,11 +193,11 @@ std::string pad(std::string text, const Piece& piece) {
 }
 
 std::string printfText(const Piece& piece, const char* suffix, auto value) {
-  std::string spec = "%" + piece.flags + piece.width + piece.precision + suffix;
-  int needed = std::snprintf(nullptr, 0, spec.c_str(), value);
+  std::string conversion = "%" + piece.flags + piece.width + piece.precision + suffix;
+  int needed = std::snprintf(nullptr, 0, conversion.c_str(), value);
   if (needed < 0) return "";
   std::string out(static_cast<std::size_t>(needed) + 1, '\0');
-  std::snprintf(out.data(), out.size(), spec.c_str(), value);
+  std::snprintf(out.data(), out.size(), conversion.c_str(), value);
   out.resize(static_cast<std::size_t>(needed));
   return out;
 }

@@ -16,7 +16,16 @@
 #include "targets/QVFTPSBackupTarget.h"
 #include "targets/QVLocalBackupTarget.h"
 
+namespace {
+std::atomic<QVBackupTarget::QVTargetMaker> g_testingMaker{nullptr};
+}
+
+void QVBackupTarget::setTestingMaker(QVTargetMaker maker) { g_testingMaker.store(maker); }
+
 std::unique_ptr<QVBackupTarget> QVBackupTarget::targetWithOptions(const QVTarget& options) {
+  if (QVTargetMaker maker = g_testingMaker.load()) {
+    if (auto made = maker(options)) return made;
+  }
   const std::string& type = options.type;
   if (type == "local") return std::make_unique<QVLocalBackupTarget>(options);
   if (type == "ftp") return std::make_unique<QVFTPBackupTarget>(options);

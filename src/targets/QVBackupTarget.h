@@ -38,6 +38,9 @@ class QVBackupTarget {
   // A new destination of the kind that options' "type" names (exact, case-sensitive: "local", "ftp",
   // "ftps", "dav"); nullptr for any other type, without an error or a log line.
   static std::unique_ptr<QVBackupTarget> targetWithOptions(const QVTarget& options);
+  // Tests: a maker asked before the kinds above; when it answers nullptr the kinds are tried.
+  using QVTargetMaker = std::unique_ptr<QVBackupTarget> (*)(const QVTarget& options);
+  static void setTestingMaker(QVTargetMaker maker);
 
   explicit QVBackupTarget(const QVTarget& options);
   virtual ~QVBackupTarget();

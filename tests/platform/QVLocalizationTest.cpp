@@ -5,8 +5,6 @@
 #include <clocale>
 #include <cstdlib>
 #include <cstdint>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -48,22 +46,6 @@ TEST(QVStringWithFormatTest, LeavesNullForMissingArguments) {
   EXPECT_EQ(qv::stringWithFormat("%@ - %@", {"Photos"}), "Photos - (null)");
   EXPECT_EQ(qv::stringWithFormat("%3$@|%d", {}), "(null)|(null)");
   EXPECT_EQ(qv::stringWithFormat("%@", {"a", "b"}), "a");
-}
-
-TEST(QVStringWithFormatTest, IsSafeToCallFromManyThreads) {
-  std::vector<std::thread> threads;
-  std::vector<int> failures(4, 0);
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([t, &failures] {
-      for (int i = 0; i < 2000; ++i) {
-        std::string expected = std::to_string(t) + ":" + std::to_string(i);
-        if (qv::stringWithFormat("%2$d:%1$d", {i, t}) != expected) ++failures[t];
-        QVLocalizedString("Never");
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(failures, std::vector<int>(4, 0));
 }
 
 // ---- Translations -----------------------------------------------------------------------------------

@@ -1,0 +1,35 @@
+// QVBackupCommand is "stellwin-backup backup GROUP...": it starts each group's run, follows the runs on
+// the main loop with a live progress display on a terminal, prints one line per outcome (or a JSON
+// array), and returns 0 when every group completed, 1 otherwise, 130 when SIGINT or SIGTERM cancelled
+// the runs. It never returns while the agent still runs a backup, also one that a group's timer started
+// meanwhile. Uses the agent, the monitor and the host without owning them. Main thread.
+#pragma once
+
+#include <iosfwd>
+#include <vector>
+
+#include "host/QVCommandLine.h"
+#include "host/QVRunMonitor.h"
+
+class QVBackupAgent;
+class QVHostApp;
+
+class QVBackupCommand {
+ public:
+  QVBackupCommand(QVBackupAgent& agent, QVRunMonitor& monitor, QVHostApp& host, std::ostream& out, std::ostream& err);
+  int run(const QVCommandOptions& options);
+
+ private:
+  QVBackupAgent& m_agent;
+  QVRunMonitor& m_monitor;
+  QVHostApp& m_host;
+  std::ostream& m_out;
+  std::ostream& m_err;
+};
+
+namespace qv {
+
+// The outcomes as a JSON array of {"id", "title", "outcome", "statusCode", "message"}.
+std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes);
+
+}  // namespace qv

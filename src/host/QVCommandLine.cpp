@@ -1,0 +1,232 @@
+#include "host/QVCommandLine.h"
+
+#include <CLI/CLI.hpp>
+#include <ostream>
+
+#include "host/QVHostArguments.h"
+
+namespace {
+
+constexpr const char* kProgram = "stellwin-backup";
+
+constexpr const char* kGroupHelp =
+    "GROUP is a group's identifier or its title; a title that several groups share must be given as an "
+    "identifier.";
+constexpr const char* kTargetHelp =
+    "TARGET is a destination's identifier or its title; a title that several destinations share must be given "
+    "as an identifier.";
+
+constexpr const char* kDaemonFooter =
+    "Runs the scheduled backups until stopped. One line is logged to stderr per run that starts and per "
+    "outcome.\n"
+    "Signals:\n"
+    "  SIGTERM, SIGINT  cancel the running backups, wait for them to end, save and exit with status 0\n"
+    "  SIGUSR1          re-arm every group's timer, as after the computer woke from sleep\n"
+    "  SIGHUP           read the preferences again (after changes made with the other commands)";
+
+constexpr const char* kScheduleHelp =
+    "manual, hourly[:MM], daily[@HH:MM], weekly[@DAY[@HH:MM]] (DAY mon..sun or 1..7) or monthly[@D[@HH:MM]]";
+
+}  // namespace
+
+struct QVCommandLine::Impl {
+  CLI::App app{"Stellwin Backup: copies groups of files and folders to a folder, a WebDAV server or an FTP "
+               "server, on request or on a schedule.",
+               kProgram};
+
+  // Values as CLI11 fills them; copied into the options after a successful parse.
+  std::string name, group, target, title, groupTarget, versions, schedule, type, path, server, port, user;
+  std::vector<std::string> paths, groups;
+  bool json = false, passwordStdin = false, makeDefault = false;
+
+  CLI::App* groupCommand = nullptr;
+  CLI::App* groupAdd = nullptr;
+  CLI::App* groupList = nullptr;
+  CLI::App* groupShow = nullptr;
+  CLI::App* groupSet = nullptr;
+  CLI::App* groupRemove = nullptr;
+  CLI::App* groupRemoveItems = nullptr;
+  CLI::App* targetCommand = nullptr;
+  CLI::App* targetAdd = nullptr;
+  CLI::App* targetList = nullptr;
+  CLI::App* targetSet = nullptr;
+  CLI::App* targetRemove = nullptr;
+  CLI::App* versionsCommand = nullptr;
+  CLI::App* backup = nullptr;
+  CLI::App* daemon = nullptr;
+  CLI::App* menu = nullptr;
+
+  // Options given, by the member they fill.
+  std::vector<std::pair<CLI::Option*, std::optional<std::string> QVCommandOptions::*>> optionalValues;
+
+  void addJSON(CLI::App* command) { command->add_flag("--json", json, "Print JSON instead of a table"); }
+
+  void addOptional(CLI::App* command, const std::string& flag, std::string& value,
+                   std::optional<std::string> QVCommandOptions::*member, const std::string& help) {
+    optionalValues.emplace_back(command->add_option(flag, value, help), member);
+  }
+
+  void addTargetOptions(CLI::App* command, bool required) {
+    auto add = [&](const std::string& flag, std::string& value, std::optional<std::string> QVCommandOptions::*member,
+                   const std::string& help, bool isRequired) {
+      CLI::Option* option = command->add_option(flag, value, help);
+      if (isRequired) option->required();
+      optionalValues.emplace_back(option, member);
+    };
+    add("--type", type, &QVCommandOptions::type, "Kind of destination: local, dav, ftp or ftps", required);
+    add("--title", title, &QVCommandOptions::title, "Name shown for the destination", required);
+    add("--path", path, &QVCommandOptions::path, "Folder (local) or path on the server", required);
+    add("--server", server, &QVCommandOptions::server, "Host name of the server (dav, ftp, ftps)", false);
+    add("--port", port, &QVCommandOptions::port, "Port of the server, 1-65535 (default: the protocol's own)", false);
+    add("--user", user, &QVCommandOptions::user,
+        "User name on the server; the password is then asked for on the terminal", false);
+    command->add_flag("--password-stdin", passwordStdin,
+                      "Read the password from the first line of standard input (never from the arguments)");
+    command->add_flag("--default", makeDefault, "Make this the default destination of new groups");
+  }
+
+  Impl() {
+    app.set_version_flag("--version", std::string(kProgram) + " " + "0.1.0");
+    app.footer(
+        "Without a command, prints the groups and destinations.\n"
+        "Exit status: 0 done, 1 failed, 2 bad usage, 130 interrupted.");
+
+    groupCommand = app.add_subcommand("group", "Add, list, show, change and remove backup groups");
+    groupCommand->require_subcommand(1);
+    groupAdd = groupCommand->add_subcommand(
+        "add", "Add files and folders to the group titled NAME (created when no group has that title)");
+    groupAdd->add_option("NAME", name, "Title of the group")->required();
+    groupAdd->add_option("PATH", paths, "Files and folders to add")->required();
+
+    groupList = groupCommand->add_subcommand("list", "List the groups with their next scheduled run");
+    addJSON(groupList);
+
+    groupShow = groupCommand->add_subcommand("show", "Show every field and item of a group");
+    groupShow->add_option("GROUP", group, "The group")->required();
+    groupShow->footer(kGroupHelp);
+    addJSON(groupShow);
+
+    groupSet = groupCommand->add_subcommand("set", "Change a group's title, destination, versions or schedule");
+    groupSet->add_option("GROUP", group, "The group")->required();
+    addOptional(groupSet, "--title", title, &QVCommandOptions::title, "New title");
+    addOptional(groupSet, "--target", groupTarget, &QVCommandOptions::groupTarget,
+                "Destination (identifier or title)");
+    addOptional(groupSet, "--versions", versions, &QVCommandOptions::versions,
+                "How many versions to keep (a whole number, 0 or more)");
+    addOptional(groupSet, "--schedule", schedule, &QVCommandOptions::schedule, kScheduleHelp);
+    groupSet->footer(kGroupHelp);
+
+    groupRemove = groupCommand->add_subcommand("remove", "Remove a group (its backups stay at the destination)");
+    groupRemove->add_option("GROUP", group, "The group")->required();
+    groupRemove->footer(kGroupHelp);
+
+    groupRemoveItems = groupCommand->add_subcommand("remove-items", "Remove items from a group");
+    groupRemoveItems->add_option("GROUP", group, "The group")->required();
+    groupRemoveItems->add_option("PATH", paths, "Items to remove, as added")->required();
+    groupRemoveItems->footer(kGroupHelp);
+
+    targetCommand = app.add_subcommand("target", "Add, list, change and remove backup destinations");
+    targetCommand->require_subcommand(1);
+    targetAdd = targetCommand->add_subcommand("add", "Add a destination");
+    addTargetOptions(targetAdd, true);
+
+    targetList = targetCommand->add_subcommand("list", "List the destinations (never their passwords)");
+    addJSON(targetList);
+
+    targetSet = targetCommand->add_subcommand("set", "Change a destination");
+    targetSet->add_option("TARGET", target, "The destination")->required();
+    addTargetOptions(targetSet, false);
+    targetSet->footer(kTargetHelp);
+
+    targetRemove = targetCommand->add_subcommand(
+        "remove", "Remove a destination (groups that use it keep naming it and cannot be backed up)");
+    targetRemove->add_option("TARGET", target, "The destination")->required();
+    targetRemove->footer(kTargetHelp);
+
+    versionsCommand = app.add_subcommand("versions", "List the versions of a group at its destination");
+    versionsCommand->add_option("GROUP", group, "The group")->required();
+    versionsCommand->footer(kGroupHelp);
+    addJSON(versionsCommand);
+
+    backup = app.add_subcommand("backup", "Back up groups now and wait for their outcomes");
+    backup->add_option("GROUP", groups, "The groups")->required();
+    backup->footer(std::string(kGroupHelp) +
+                   "\nCtrl-C (SIGINT) or SIGTERM cancels the running backups; the status is then 130.");
+    addJSON(backup);
+
+    daemon = app.add_subcommand("daemon", "Run the scheduled backups until stopped");
+    daemon->footer(kDaemonFooter);
+
+    menu = app.add_subcommand("menu", "Print the status menu");
+    addJSON(menu);
+  }
+
+  QVCommand chosen() const {
+    const std::pair<const CLI::App*, QVCommand> table[] = {
+        {groupAdd, QVCommand::groupAdd},         {groupList, QVCommand::groupList},
+        {groupShow, QVCommand::groupShow},       {groupSet, QVCommand::groupSet},
+        {groupRemove, QVCommand::groupRemove},   {groupRemoveItems, QVCommand::groupRemoveItems},
+        {targetAdd, QVCommand::targetAdd},       {targetList, QVCommand::targetList},
+        {targetSet, QVCommand::targetSet},       {targetRemove, QVCommand::targetRemove},
+        {versionsCommand, QVCommand::versions},  {backup, QVCommand::backup},
+        {daemon, QVCommand::daemon},             {menu, QVCommand::menu},
+    };
+    for (const auto& [command, value] : table)
+      if (command->parsed()) return value;
+    return QVCommand::summary;
+  }
+};
+
+QVCommandLine::QVCommandLine() : m_impl(std::make_unique<Impl>()) {}
+
+QVCommandLine::~QVCommandLine() = default;
+
+std::string QVCommandLine::help() const { return m_impl->app.help(); }
+
+std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out, std::ostream& err) {
+  Impl& impl = *m_impl;
+  try {
+    impl.app.parse(argc, argv);
+  } catch (const CLI::CallForHelp& e) {
+    out << impl.app.help();
+    return 0;
+  } catch (const CLI::CallForAllHelp& e) {
+    out << impl.app.help("", CLI::AppFormatMode::All);
+    return 0;
+  } catch (const CLI::CallForVersion& e) {
+    out << e.what() << "\n";
+    return 0;
+  } catch (const CLI::ParseError& e) {
+    // The command whose --help explains the mistake.
+    std::string command = kProgram;
+    if (argc > 1 && (std::string(argv[1]) == "group" || std::string(argv[1]) == "target")) {
+      command += std::string(" ") + argv[1];
+      if (argc > 2 && argv[2][0] != '-') command += std::string(" ") + argv[2];
+    } else if (argc > 1 && argv[1][0] != '-') {
+      command += std::string(" ") + argv[1];
+    }
+    err << kProgram << ": " << qv::singleLine(e.what()) << " (see \"" << command << " --help\")" << std::endl;
+    return 2;
+  } catch (const std::exception& e) {
+    err << kProgram << ": " << qv::singleLine(e.what()) << std::endl;
+    return 2;
+  }
+
+  QVCommandOptions options;
+  options.command = impl.chosen();
+  options.json = impl.json;
+  options.name = impl.name;
+  options.group = impl.group;
+  options.target = impl.target;
+  options.paths = impl.paths;
+  options.groups = impl.groups;
+  options.passwordStdin = impl.passwordStdin;
+  options.makeDefault = impl.makeDefault;
+  for (const auto& [option, member] : impl.optionalValues) {
+    if (option->count() == 0) continue;
+    // Only the parsed command's options have a count.
+    options.*member = option->as<std::string>();
+  }
+  m_options = std::move(options);
+  return std::nullopt;
+}

@@ -1,0 +1,77 @@
+// QVCommandLine is the grammar of stellwin-backup: its commands, their arguments and options, and their
+// --help texts (CLI11). It only reads the arguments into QVCommandOptions; whether a group or a
+// destination exists is for the commands to check. Parse errors never escape as exceptions: they end
+// in one line on stderr and exit status 2. Main thread.
+#pragma once
+
+#include <iosfwd>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+enum class QVCommand {
+  summary,  // no command: the groups and destinations at a glance
+  groupAdd,
+  groupList,
+  groupShow,
+  groupSet,
+  groupRemove,
+  groupRemoveItems,
+  targetAdd,
+  targetList,
+  targetSet,
+  targetRemove,
+  versions,
+  backup,
+  daemon,
+  menu,
+};
+
+// The arguments of the chosen command. Options that were not given stay nullopt.
+struct QVCommandOptions {
+  QVCommand command = QVCommand::summary;
+  bool json = false;
+
+  std::string name;                 // group add NAME
+  std::string group;                // GROUP of group show/set/remove/remove-items, versions
+  std::string target;               // TARGET of target set/remove
+  std::vector<std::string> paths;   // PATH... of group add/remove-items
+  std::vector<std::string> groups;  // GROUP... of backup
+
+  // group set
+  std::optional<std::string> title;
+  std::optional<std::string> groupTarget;
+  std::optional<std::string> versions;
+  std::optional<std::string> schedule;
+
+  // target add / target set (title shared with group set)
+  std::optional<std::string> type;
+  std::optional<std::string> path;
+  std::optional<std::string> server;
+  std::optional<std::string> port;
+  std::optional<std::string> user;
+  bool passwordStdin = false;
+  bool makeDefault = false;
+};
+
+class QVCommandLine {
+ public:
+  QVCommandLine();
+  ~QVCommandLine();
+  QVCommandLine(const QVCommandLine&) = delete;
+  QVCommandLine& operator=(const QVCommandLine&) = delete;
+
+  // Reads argv. nullopt: go on with options(). Otherwise the program ends with the returned status:
+  // 0 after --help or --version (printed to out), 2 after a usage error (one line on err).
+  std::optional<int> parse(int argc, char** argv, std::ostream& out, std::ostream& err);
+  const QVCommandOptions& options() const { return m_options; }
+
+  // The top-level help text.
+  std::string help() const;
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> m_impl;
+  QVCommandOptions m_options;
+};

@@ -1,0 +1,202 @@
+#include "host/QVDaemonCommand.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <ostream>
+
+#include "agent/QVBackupAgent.h"
+#include "host/QVHostApp.h"
+#include "host/QVHostArguments.h"
+#include "host/QVRunMonitor.h"
+#include "platform/QVFoundation.h"
+#include "platform/QVRunLoop.h"
+#include "platform/QVUserDefaults.h"
+
+namespace {
+
+constexpr const char* kPreferencesKey = "QVBackupAgent";
+constexpr auto kFileCheckInterval = std::chrono::seconds(3);
+
+std::string quoted(const std::string& text) { return "\"" + qv::singleLine(text) + "\""; }
+
+}  // namespace
+
+// What the preferences file was when this process last read or wrote it. A save replaces the file
+// (a new inode), so any write by another process shows here.
+struct QVDaemonCommand::FileState {
+  bool exists = false;
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  long long modifiedNs = 0;
+
+  static FileState of(const std::string& path) {
+    FileState state;
+    struct stat st {};
+    if (stat(path.c_str(), &st) != 0) return state;
+    state.exists = true;
+    state.device = st.st_dev;
+    state.inode = st.st_ino;
+    state.size = st.st_size;
+    state.modifiedNs = static_cast<long long>(st.st_mtim.tv_sec) * 1'000'000'000LL + st.st_mtim.tv_nsec;
+    return state;
+  }
+  bool operator==(const FileState& other) const {
+    return exists == other.exists && device == other.device && inode == other.inode && size == other.size &&
+           modifiedNs == other.modifiedNs;
+  }
+};
+
+QVDaemonCommand::QVDaemonCommand(QVBackupAgent& agent, QVRunMonitor& monitor, QVHostApp& host, std::ostream& log,
+                                 std::vector<std::string> arguments)
+    : m_agent(agent), m_monitor(monitor), m_host(host), m_log(log), m_arguments(std::move(arguments)) {}
+
+QVDaemonCommand::~QVDaemonCommand() = default;
+
+std::string QVDaemonCommand::nextRunText(const std::string& groupID) const {
+  auto date = m_agent.timerFireDateForGroupWithID(groupID);
+  if (!date) return "";
+  if (*date <= std::chrono::system_clock::now()) return "next run: now";
+  return "next run: " + qv::stringFromDate(*date);
+}
+
+int QVDaemonCommand::run() {
+  m_monitor.setStartHandler([this](const QVGroup& group) { runStarted(group); });
+  m_monitor.setOutcomeHandler([this](const QVRunOutcome& outcome) { runEnded(outcome); });
+
+  auto stop = [this] {
+    if (!m_stopping) m_log << "stopping: cancelling the running backups" << std::endl;
+    m_stopping = true;
+    for (const auto& groupID : m_monitor.runningGroupIDs()) m_agent.cancelBackupGroupWithID(groupID);
+    for (const auto& group : m_agent.groups())
+      if (m_agent.isBackingUpGroupWithID(group->identifier)) m_agent.cancelBackupGroupWithID(group->identifier);
+  };
+  std::vector<unsigned> handlers;
+  handlers.push_back(qv::addSignalHandler(SIGTERM, stop));
+  handlers.push_back(qv::addSignalHandler(SIGINT, stop));
+  handlers.push_back(qv::addSignalHandler(SIGUSR1, [this] {
+    m_log << "wake: re-arming the timers" << std::endl;
+    m_agent.systemDidWake();
+  }));
+  handlers.push_back(qv::addSignalHandler(SIGHUP, [this] {
+    m_log << "reloading the preferences" << std::endl;
+    m_reloading = true;
+  }));
+
+  m_agent.syncUserDefaults();
+  rememberPreferencesFile();
+  armFileCheck();
+
+  std::size_t scheduled = 0;
+  for (const auto& group : m_agent.groups()) {
+    const std::string next = nextRunText(group->identifier);
+    if (next.empty()) continue;
+    ++scheduled;
+    m_log << quoted(group->title) << " " << next << std::endl;
+  }
+  m_log << "started with " << m_agent.groups().size() << (m_agent.groups().size() == 1 ? " group, " : " groups, ")
+        << scheduled << " scheduled" << std::endl;
+
+  for (;;) {
+    auto done = [this] { return (m_stopping || m_reloading) && m_monitor.isIdle(); };
+    while (!done()) qv::runMainLoopUntil(done, std::chrono::hours(1));
+    if (m_stopping) break;
+    restartSelf();  // returns only when starting anew failed
+    m_reloading = false;
+  }
+
+  for (unsigned id : handlers) qv::removeSignalHandler(id);
+  m_fileCheck.reset();
+  m_monitor.setStartHandler(nullptr);
+  m_monitor.setOutcomeHandler(nullptr);
+  if (!m_fileState || FileState::of(QVUserDefaults::standardUserDefaults().filePath()) == *m_fileState)
+    m_agent.syncUserDefaults();
+  m_log << "stopped" << std::endl;
+  return 0;
+}
+
+void QVDaemonCommand::runStarted(const QVGroup& group) { m_log << "started " << quoted(group.title) << std::endl; }
+
+void QVDaemonCommand::runEnded(const QVRunOutcome& outcome) {
+  std::string line = quoted(outcome.title) + " " + QVRunOutcome::kindName(outcome.kind);
+  if (outcome.kind == QVRunOutcome::Kind::failed) {
+    if (outcome.statusCode) line += " (" + std::to_string(*outcome.statusCode) + ")";
+    if (!outcome.message.empty()) line += ": " + outcome.message;
+  } else if (outcome.kind == QVRunOutcome::Kind::empty) {
+    line += "; nothing to back up";
+  }
+  const std::string next = nextRunText(outcome.groupID);
+  if (!next.empty()) line += " (" + next + ")";
+  m_log << line << std::endl;
+
+  // Written now, so that a daemon that is killed loses nothing; into the changed file when another
+  // command wrote it meanwhile.
+  checkPreferencesFile();
+  if (m_reloading) {
+    mergeOutcomeIntoFile(outcome.groupID);
+  } else {
+    m_agent.syncUserDefaults();
+    rememberPreferencesFile();
+  }
+}
+
+void QVDaemonCommand::rememberPreferencesFile() {
+  m_fileState = std::make_unique<FileState>(FileState::of(QVUserDefaults::standardUserDefaults().filePath()));
+}
+
+void QVDaemonCommand::checkPreferencesFile() {
+  if (m_reloading || !m_fileState) return;
+  if (FileState::of(QVUserDefaults::standardUserDefaults().filePath()) == *m_fileState) return;
+  m_log << "the preferences were changed; reloading" << (m_monitor.isIdle() ? "" : " once the running backups end")
+        << std::endl;
+  m_reloading = true;
+}
+
+void QVDaemonCommand::armFileCheck() {
+  // Re-armed from its own action: the timer that fired is let go, which its action allows.
+  m_fileCheck = std::make_unique<QVTimer>(std::chrono::system_clock::now() + kFileCheckInterval, [this](QVTimer&) {
+    checkPreferencesFile();
+    armFileCheck();
+  });
+}
+
+void QVDaemonCommand::mergeOutcomeIntoFile(const std::string& groupID) {
+  QVGroupRef group = m_agent.groupWithIdentifier(groupID);
+  if (!group) return;
+  QVUserDefaults current(QVUserDefaults::standardUserDefaults().filePath());
+  std::optional<QVDictionary> preferences = current.dictionaryForKey(kPreferencesKey);
+  if (!preferences) return;
+  auto groups = preferences->find("groups");
+  if (groups == preferences->end() || !groups->second.array()) return;
+  bool found = false;
+  for (QVValue& stored : *groups->second.array()) {
+    QVDictionary* record = stored.dictionary();
+    const QVValue* id = record ? qv::valueForKey(*record, "id") : nullptr;
+    if (!id || !id->string() || *id->string() != groupID) continue;
+    if (group->statusCode) (*record)["statusCode"] = *group->statusCode;
+    if (group->lastBackupDate) (*record)["lastBackupDate"] = *group->lastBackupDate;
+    if (group->lastBackupAttemptDate) (*record)["lastBackupAttemptDate"] = *group->lastBackupAttemptDate;
+    found = true;
+  }
+  if (!found) return;  // removed meanwhile
+  current.setObject(*preferences, kPreferencesKey);
+  current.synchronize();
+}
+
+void QVDaemonCommand::restartSelf() {
+  m_log << "starting anew to read the changed preferences" << std::endl;
+  std::vector<char*> argv;
+  for (auto& argument : m_arguments) argv.push_back(argument.data());
+  argv.push_back(nullptr);
+  std::fflush(nullptr);
+  m_log.flush();
+  execv("/proc/self/exe", argv.data());
+  m_log << "could not start anew (" << std::strerror(errno) << "); going on with the preferences read at start"
+        << std::endl;
+  rememberPreferencesFile();
+}

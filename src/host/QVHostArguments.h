@@ -1,0 +1,44 @@
+// Reading the arguments of stellwin-backup's commands: paths made absolute, whole numbers, ports, and
+// GROUP or TARGET arguments found by identifier or by title. A failed reading comes back with one line
+// for the user, never an exception. Stateless; main thread (the look-ups read the agent's records).
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "targets/QVGroup.h"
+#include "targets/QVTarget.h"
+
+class QVBackupAgent;
+
+namespace qv {
+
+// path made absolute against the working folder and lexically normal ("a/../b" -> "<cwd>/b"), without a
+// trailing slash (except "/" itself). Symbolic links are left as they are.
+std::string absolutePath(const std::string& path);
+
+// A whole number written with digits only ("3"; not "-1", "3.5", "+3", "x" or ""); nullopt otherwise,
+// and for numbers beyond 64 bits.
+std::optional<std::uint64_t> wholeNumber(const std::string& text);
+
+// A TCP port: a whole number from 1 to 65535.
+std::optional<std::int64_t> portNumber(const std::string& text);
+
+// The record that a command-line argument names, or the line that says why there is none.
+template <typename Ref>
+struct QVFoundRecord {
+  Ref record;         // null when error is set
+  std::string error;  // e.g. unknown group "Foo"
+};
+
+// An argument names the record whose identifier it equals; else the one record with that title. No
+// record, or a title that several records share (their identifiers are listed), is an error.
+QVFoundRecord<QVGroupRef> findGroup(const QVBackupAgent& agent, const std::string& argument);
+QVFoundRecord<QVTargetRef> findTarget(const QVBackupAgent& agent, const std::string& argument);
+
+// One line for the user: newlines and tabs become spaces.
+std::string singleLine(const std::string& text);
+
+}  // namespace qv

@@ -1,0 +1,61 @@
+// The printed forms of the agent's records: JSON with the stored keys for programs (--json), and aligned
+// tables and detail listings for people. Groups carry "id", "title", "items", "target", "schedule",
+// "versions", "statusCode", "lastBackupDate", "lastBackupAttemptDate" (ISO 8601 dates, null when
+// absent), and in lists "nextRun"; destinations carry "id", "title", "type", "path", "server", "port",
+// "isDefault", "user" and never a password. Every function returns the whole text, ending in a newline.
+// Stateless; main thread (reads the agent's records).
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/QVValue.h"
+#include "targets/QVGroup.h"
+#include "targets/QVTarget.h"
+
+class QVBackupAgent;
+class QVMenuItem;
+
+// A table whose columns line up in a fixed-width terminal; widths count characters, not bytes.
+class QVTextTable {
+ public:
+  explicit QVTextTable(std::vector<std::string> header);
+  void addRow(std::vector<std::string> row);
+  bool isEmpty() const { return m_rows.empty(); }
+  // Two spaces between columns; the last column is not padded.
+  std::string text(const std::string& indent = "") const;
+
+ private:
+  std::vector<std::string> m_header;
+  std::vector<std::vector<std::string>> m_rows;
+};
+
+namespace qv {
+
+// The number of characters of a UTF-8 text (what a terminal shows for most scripts).
+std::size_t displayWidth(const std::string& text);
+
+// A group's next run as a person reads it: "manual", "due now", or the date.
+std::string nextRunText(const QVGroup& group, QVDate now);
+// A group's last outcome: "never run", "complete", "cancelled", "failed (-120)".
+std::string statusText(const QVGroup& group);
+// A destination's place: its folder, or "type://server:port/path".
+std::string locationText(const QVTarget& target);
+
+std::string groupsJSON(const std::vector<QVGroupRef>& groups, QVDate now);
+std::string groupJSON(const QVGroup& group);
+std::string groupsTable(const QVBackupAgent& agent, QVDate now);
+std::string groupDetails(const QVBackupAgent& agent, const QVGroup& group, QVDate now);
+
+std::string targetsJSON(const std::vector<QVTargetRef>& targets);
+std::string targetsTable(const std::vector<QVTargetRef>& targets);
+
+// A JSON array of strings.
+std::string stringsJSON(const std::vector<std::string>& strings);
+
+// The status menu: visible items, separators as "----", submenus indented.
+std::string menuText(const std::vector<std::shared_ptr<QVMenuItem>>& items);
+std::string menuJSON(const std::vector<std::shared_ptr<QVMenuItem>>& items);
+
+}  // namespace qv

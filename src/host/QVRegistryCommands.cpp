@@ -1,0 +1,368 @@
+#include "host/QVRegistryCommands.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <ostream>
+
+#include "agent/QVBackupAgent.h"
+#include "host/QVHostArguments.h"
+#include "host/QVPasswordInput.h"
+#include "host/QVRecordPrinter.h"
+#include "platform/QVFoundation.h"
+#include "platform/QVMenu.h"
+#include "platform/QVSchedule.h"
+
+namespace {
+
+constexpr const char* kProgram = "stellwin-backup";
+
+bool isNetworkedType(const std::string& type) { return type == "dav" || type == "ftp" || type == "ftps"; }
+bool isKnownType(const std::string& type) { return type == "local" || isNetworkedType(type); }
+
+bool contains(const std::vector<std::string>& list, const std::string& value) {
+  return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+std::string quoted(const std::string& text) { return "\"" + qv::singleLine(text) + "\""; }
+
+QVDate now() { return std::chrono::system_clock::now(); }
+
+}  // namespace
+
+QVRegistryCommands::QVRegistryCommands(QVBackupAgent& agent, std::ostream& out, std::ostream& err)
+    : m_agent(agent), m_out(out), m_err(err) {}
+
+int QVRegistryCommands::refuse(const std::string& line) {
+  m_err << kProgram << ": " << qv::singleLine(line) << std::endl;
+  return 2;
+}
+
+int QVRegistryCommands::fail(const std::string& line) {
+  m_err << kProgram << ": " << qv::singleLine(line) << std::endl;
+  return 1;
+}
+
+void QVRegistryCommands::warn(const std::string& line) {
+  m_err << kProgram << ": warning: " << qv::singleLine(line) << std::endl;
+}
+
+int QVRegistryCommands::run(const QVCommandOptions& options) {
+  switch (options.command) {
+    case QVCommand::groupAdd: return groupAdd(options);
+    case QVCommand::groupList: return groupList(options);
+    case QVCommand::groupShow: return groupShow(options);
+    case QVCommand::groupSet: return groupSet(options);
+    case QVCommand::groupRemove: return groupRemove(options);
+    case QVCommand::groupRemoveItems: return groupRemoveItems(options);
+    case QVCommand::targetAdd: return targetAdd(options);
+    case QVCommand::targetList: return targetList(options);
+    case QVCommand::targetSet: return targetSet(options);
+    case QVCommand::targetRemove: return targetRemove(options);
+    case QVCommand::versions: return versions(options);
+    case QVCommand::menu: return menu(options);
+    case QVCommand::summary: return summary();
+    case QVCommand::backup:
+    case QVCommand::daemon: break;
+  }
+  return refuse("internal error: not a registry command");
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Groups
+
+int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
+  if (options.name.empty()) return refuse("a group needs a title; NAME must not be empty");
+
+  std::vector<std::string> existing;
+  for (const auto& given : options.paths) {
+    const std::string path = qv::absolutePath(given);
+    if (!qv::fileExistsAtPath(path)) {
+      warn(quoted(path) + " does not exist; not added");
+      continue;
+    }
+    if (!contains(existing, path)) existing.push_back(path);
+  }
+  if (existing.empty()) return fail("nothing was added to " + quoted(options.name) + ": none of the given paths exists");
+
+  // The agent adds to the first group with this title, or makes one.
+  std::vector<std::string> itemsBefore;
+  for (const auto& group : m_agent.groups()) {
+    if (group->title == options.name) {
+      itemsBefore = group->items;
+      break;
+    }
+  }
+  m_agent.addItemsAtPaths(existing, options.name);
+
+  QVGroupRef group;
+  for (const auto& candidate : m_agent.groups()) {
+    if (candidate->title == options.name) {
+      group = candidate;
+      break;
+    }
+  }
+  if (!group) return fail("the group " + quoted(options.name) + " could not be made");
+  for (const auto& path : existing) {
+    if (contains(itemsBefore, path)) m_out << "already in the group: " << path << "\n";
+    else if (contains(group->items, path)) m_out << "added: " << path << "\n";
+    else m_out << "already covered by a folder of the group: " << path << "\n";
+  }
+  m_out << "group " << quoted(group->title) << " (" << group->identifier << ") has " << group->items.size()
+        << (group->items.size() == 1 ? " item" : " items") << "\n";
+  if (!group->target || *group->target == "nil" || !m_agent.targetWithIdentifier(*group->target))
+    warn("group " + quoted(group->title) + " has no destination; set one with \"stellwin-backup group set " +
+         group->identifier + " --target TARGET\"");
+  return 0;
+}
+
+int QVRegistryCommands::groupList(const QVCommandOptions& options) {
+  m_out << (options.json ? qv::groupsJSON(m_agent.groups(), now()) : qv::groupsTable(m_agent, now()));
+  return 0;
+}
+
+int QVRegistryCommands::groupShow(const QVCommandOptions& options) {
+  auto found = qv::findGroup(m_agent, options.group);
+  if (!found.record) return refuse(found.error);
+  m_out << (options.json ? qv::groupJSON(*found.record) : qv::groupDetails(m_agent, *found.record, now()));
+  return 0;
+}
+
+int QVRegistryCommands::groupSet(const QVCommandOptions& options) {
+  auto found = qv::findGroup(m_agent, options.group);
+  if (!found.record) return refuse(found.error);
+  if (!options.title && !options.groupTarget && !options.versions && !options.schedule)
+    return refuse("nothing to change; give --title, --target, --versions or --schedule");
+
+  // Everything is read before anything changes.
+  auto changed = std::make_shared<QVGroup>(*found.record);
+  if (options.title) {
+    if (options.title->empty()) return refuse("--title must not be empty");
+    changed->title = *options.title;
+  }
+  if (options.groupTarget) {
+    auto target = qv::findTarget(m_agent, *options.groupTarget);
+    if (!target.record) return refuse(target.error);
+    changed->target = target.record->identifier;
+  }
+  if (options.versions) {
+    auto versions = qv::wholeNumber(*options.versions);
+    if (!versions) return refuse("--versions must be a whole number, 0 or more, not " + quoted(*options.versions));
+    changed->versions = *versions;
+  }
+  if (options.schedule) {
+    std::string error;
+    auto schedule = qv::scheduleFromSpec(*options.schedule, &error);
+    if (!schedule) return refuse(error);
+    changed->schedule = *schedule;
+  }
+  if (options.title && *options.title != found.record->title)
+    warn("the versions already made stay in the destination's folder named after the old title");
+
+  m_agent.updateGroup(changed);
+  m_out << "updated group " << quoted(changed->title) << " (" << changed->identifier << ")\n";
+  return 0;
+}
+
+int QVRegistryCommands::groupRemove(const QVCommandOptions& options) {
+  auto found = qv::findGroup(m_agent, options.group);
+  if (!found.record) return refuse(found.error);
+  const QVGroupRef group = found.record;
+  m_agent.removeGroupWithID(group->identifier);
+  m_out << "removed group " << quoted(group->title) << " (" << group->identifier
+        << "); its versions stay at the destination\n";
+  return 0;
+}
+
+int QVRegistryCommands::groupRemoveItems(const QVCommandOptions& options) {
+  auto found = qv::findGroup(m_agent, options.group);
+  if (!found.record) return refuse(found.error);
+  const QVGroupRef group = found.record;
+  std::vector<std::string> removing;
+  std::vector<std::string> strangers;
+  for (const auto& given : options.paths) {
+    const std::string path = qv::absolutePath(given);
+    if (contains(group->items, path)) {
+      if (!contains(removing, path)) removing.push_back(path);
+    } else {
+      strangers.push_back(path);
+    }
+  }
+  if (removing.empty())
+    return refuse((strangers.size() == 1 ? quoted(strangers.front()) + " is not an item" : "none of the given paths is an item") +
+                  std::string(" of group ") + quoted(group->title));
+  for (const auto& path : strangers) warn(quoted(path) + " is not an item of group " + quoted(group->title));
+  m_agent.removeItemsWithPaths(removing, group->identifier);
+  for (const auto& path : removing) m_out << "removed: " << path << "\n";
+  m_out << "group " << quoted(group->title) << " (" << group->identifier << ") has " << group->items.size()
+        << (group->items.size() == 1 ? " item" : " items") << "\n";
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Destinations
+
+std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& options, QVTarget& target, bool isNew) {
+  if (options.type) {
+    if (!isKnownType(*options.type))
+      return "unknown destination type " + quoted(*options.type) + " (expected local, dav, ftp or ftps)";
+    target.type = *options.type;
+  }
+  if (options.title) {
+    if (options.title->empty()) return "--title must not be empty";
+    target.title = *options.title;
+  }
+  if (options.path) {
+    if (options.path->empty()) return "--path must not be empty";
+    target.path = *options.path;
+  }
+  const bool networked = isNetworkedType(target.type);
+  if (!networked) {
+    // A local destination has no server, port or account.
+    if (options.server) return "--server does not apply to a local destination";
+    if (options.port) return "--port does not apply to a local destination";
+    if (options.user) return "--user does not apply to a local destination";
+    if (options.passwordStdin) return "--password-stdin does not apply to a local destination";
+    target.path = qv::absolutePath(target.path);
+    target.server = "";
+    target.port = 0;
+    target.user.reset();
+    target.pass.reset();
+  } else {
+    if (options.server) target.server = *options.server;
+    if (!target.server || target.server->empty())
+      return "--server is required for a " + target.type + " destination";
+    if (options.server && options.server->find_first_of("/ ") != std::string::npos)
+      return "--server takes a host name, not " + quoted(*options.server);
+    if (options.port) {
+      auto port = qv::portNumber(*options.port);
+      if (!port) return "--port must be a whole number from 1 to 65535, not " + quoted(*options.port);
+      target.port = *port;
+    } else if (target.port && *target.port == 0) {
+      target.port.reset();  // a former local destination's 0: the protocol's own port
+    }
+    if (options.user) {
+      if (options.user->empty()) {
+        target.user.reset();
+        target.pass.reset();
+      } else {
+        target.user = *options.user;
+      }
+    }
+    if (options.passwordStdin && !target.user) return "--password-stdin needs --user";
+  }
+
+  // The password last: a refusal above must not have consumed standard input or asked for it.
+  if (networked && target.user) {
+    if (options.passwordStdin) {
+      auto password = qv::readPasswordLine(stdin);
+      if (!password) return "could not read the password from standard input";
+      target.pass = *password;
+    } else if (options.user && !options.user->empty() && qv::canPromptForPassword()) {
+      auto password = qv::promptForPassword("Password for " + *target.user + " at " + target.server.value_or("") + ": ");
+      target.pass = password.value_or("");
+    } else if (isNew) {
+      target.pass = "";
+    }
+  }
+  return "";
+}
+
+void QVRegistryCommands::clearOtherDefaults(const std::string& keepID) {
+  // Copies: the records are shared with the agent, which replaces them on update.
+  std::vector<QVTarget> marked;
+  for (const auto& target : m_agent.targets())
+    if (target->identifier != keepID && target->isDefault) marked.push_back(*target);
+  for (auto& target : marked) {
+    target.isDefault.reset();
+    m_agent.updateTarget(target);
+  }
+}
+
+int QVRegistryCommands::targetAdd(const QVCommandOptions& options) {
+  QVTarget target;
+  target.identifier = qv::stringWithUUID();
+  if (std::string problem = applyTargetOptions(options, target, true); !problem.empty()) return refuse(problem);
+  if (target.type == "local" && !qv::fileExistsAtPath(target.path))
+    warn("the folder " + quoted(target.path) + " does not exist; backups to it fail until it does");
+  if (options.makeDefault) {
+    target.isDefault = true;
+    clearOtherDefaults(target.identifier);
+  }
+  m_agent.createTargetWithDictionary(target);
+  m_out << "added destination " << quoted(target.title) << " (" << target.identifier << ")\n";
+  return 0;
+}
+
+int QVRegistryCommands::targetList(const QVCommandOptions& options) {
+  m_out << (options.json ? qv::targetsJSON(m_agent.targets()) : qv::targetsTable(m_agent.targets()));
+  return 0;
+}
+
+int QVRegistryCommands::targetSet(const QVCommandOptions& options) {
+  auto found = qv::findTarget(m_agent, options.target);
+  if (!found.record) return refuse(found.error);
+  if (!options.type && !options.title && !options.path && !options.server && !options.port && !options.user &&
+      !options.passwordStdin && !options.makeDefault)
+    return refuse("nothing to change; give --type, --title, --path, --server, --port, --user, --password-stdin or --default");
+  QVTarget changed = *found.record;
+  if (std::string problem = applyTargetOptions(options, changed, false); !problem.empty()) return refuse(problem);
+  if (options.makeDefault) {
+    changed.isDefault = true;
+    clearOtherDefaults(changed.identifier);
+  }
+  m_agent.updateTarget(changed);
+  m_out << "updated destination " << quoted(changed.title) << " (" << changed.identifier << ")\n";
+  return 0;
+}
+
+int QVRegistryCommands::targetRemove(const QVCommandOptions& options) {
+  auto found = qv::findTarget(m_agent, options.target);
+  if (!found.record) return refuse(found.error);
+  const QVTargetRef target = found.record;
+  std::string users;
+  for (const auto& group : m_agent.groups())
+    if (group->target == target->identifier) users += (users.empty() ? "" : ", ") + quoted(group->title);
+  m_agent.removeTargetWithID(target->identifier);
+  m_out << "removed destination " << quoted(target->title) << " (" << target->identifier << ")\n";
+  if (!users.empty()) warn("groups " + users + " still name it and cannot be backed up until given another destination");
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------------
+// Versions, menu, summary
+
+int QVRegistryCommands::versions(const QVCommandOptions& options) {
+  auto found = qv::findGroup(m_agent, options.group);
+  if (!found.record) return refuse(found.error);
+  const QVGroupRef group = found.record;
+  if (!group->target || !m_agent.targetWithIdentifier(*group->target))
+    return fail("group " + quoted(group->title) + " has no usable destination");
+  std::vector<std::string> names = m_agent.backupsForGroupWithID(group->identifier).value_or(std::vector<std::string>{});
+  std::sort(names.begin(), names.end());
+  if (options.json) {
+    m_out << qv::stringsJSON(names);
+  } else if (names.empty()) {
+    m_out << "no versions\n";
+  } else {
+    for (const auto& name : names) m_out << name << "\n";
+  }
+  return 0;
+}
+
+int QVRegistryCommands::menu(const QVCommandOptions& options) {
+  auto items = m_agent.menuItems().value_or(std::vector<std::shared_ptr<QVMenuItem>>{});
+  if (options.json) m_out << qv::menuJSON(items);
+  else if (items.empty()) m_out << "No groups.\n";
+  else m_out << qv::menuText(items);
+  return 0;
+}
+
+int QVRegistryCommands::summary() {
+  m_out << "Groups:\n";
+  if (m_agent.groups().empty()) m_out << "  none; add one with: stellwin-backup group add NAME PATH...\n";
+  else m_out << qv::groupsTable(m_agent, now());
+  m_out << "\nDestinations:\n" << qv::targetsTable(m_agent.targets());
+  m_out << "\nRun \"stellwin-backup --help\" for the commands.\n";
+  return 0;
+}

@@ -1,0 +1,55 @@
+// QVRegistryCommands are the commands of stellwin-backup that read and change the agent's groups and
+// destinations (group ..., target ..., versions, menu, and the summary without a command). Every argument
+// is checked before the agent is asked to change anything, because the agent saves on each change: a
+// command that refuses its arguments writes one line to stderr, returns 2 and leaves the preferences
+// as they were. Passwords come from standard input or the terminal only, and are never printed.
+// Uses the agent without owning it. Main thread.
+#pragma once
+
+#include <iosfwd>
+#include <optional>
+#include <string>
+
+#include "host/QVCommandLine.h"
+
+class QVBackupAgent;
+struct QVTarget;
+
+class QVRegistryCommands {
+ public:
+  QVRegistryCommands(QVBackupAgent& agent, std::ostream& out, std::ostream& err);
+
+  // Runs options.command (one of the commands above). Returns the exit status: 0 done, 1 failed,
+  // 2 refused arguments.
+  int run(const QVCommandOptions& options);
+
+ private:
+  int groupAdd(const QVCommandOptions& options);
+  int groupList(const QVCommandOptions& options);
+  int groupShow(const QVCommandOptions& options);
+  int groupSet(const QVCommandOptions& options);
+  int groupRemove(const QVCommandOptions& options);
+  int groupRemoveItems(const QVCommandOptions& options);
+  int targetAdd(const QVCommandOptions& options);
+  int targetList(const QVCommandOptions& options);
+  int targetSet(const QVCommandOptions& options);
+  int targetRemove(const QVCommandOptions& options);
+  int versions(const QVCommandOptions& options);
+  int menu(const QVCommandOptions& options);
+  int summary();
+
+  // Applies the destination options to target. Returns the refusal line, or "" when they fit.
+  // Reads the password (stdin or terminal) when the options ask for one.
+  std::string applyTargetOptions(const QVCommandOptions& options, QVTarget& target, bool isNew);
+  // Removes the default mark of every destination but keepID.
+  void clearOtherDefaults(const std::string& keepID);
+
+  // "stellwin-backup: <line>" on stderr; the exit status 2 or 1.
+  int refuse(const std::string& line);
+  int fail(const std::string& line);
+  void warn(const std::string& line);
+
+  QVBackupAgent& m_agent;
+  std::ostream& m_out;
+  std::ostream& m_err;
+};

@@ -1,0 +1,101 @@
+// QVRunMonitor is the agent's delegate in stellwin-backup. It follows every run of the agent: those the
+// program starts (followRun) and those that a group's timer starts (found when the agent starts the
+// status icon animation). From the agent's messages and the items its notification templates show it
+// makes each run's outcome: complete, complete with missing items, failed with the status code and the
+// message the user was shown, or cancelled; and a group started by its timer while empty. An outcome is
+// handed out after the agent has finished handling the run, so the notification it shows is known.
+//
+//   not followed --followRun / timer start--> running --backupDidEndForGroup--> ending --posted--> outcome
+//
+// Made as a shared_ptr, which the program keeps for the agent's whole life (the agent only refers to
+// it). Refers to the agent and the host, which outlive it. Main thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/QVBackupAgentDelegate.h"
+
+class QVBackupAgent;
+class QVHostApp;
+class QVNCTemplate;
+struct QVNCTemplateItem;
+
+struct QVRunOutcome {
+  enum class Kind { complete, completeWithMissingItems, failed, cancelled, empty };
+
+  std::string groupID;
+  std::string title;
+  Kind kind = Kind::failed;
+  std::optional<std::int64_t> statusCode;
+  std::string message;  // failed, empty: what went wrong
+
+  bool isSuccess() const { return kind == Kind::complete || kind == Kind::completeWithMissingItems; }
+  // "complete", "complete with missing items", "failed", "cancelled", "empty".
+  static std::string kindName(Kind kind);
+  // The line a person reads: "Photos: failed (-120): Backup destination directory not found. ..."
+  std::string line() const;
+};
+
+class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_from_this<QVRunMonitor> {
+ public:
+  // Makes the monitor and registers it with the host for run starts and template items. The caller
+  // then makes it the agent's delegate.
+  static std::shared_ptr<QVRunMonitor> make(QVBackupAgent& agent, QVHostApp& host);
+  ~QVRunMonitor() override;
+
+  using StartHandler = std::function<void(const QVGroup& group)>;
+  using ProgressHandler = std::function<void(const std::string& groupID, std::int64_t percent)>;
+  using OutcomeHandler = std::function<void(const QVRunOutcome& outcome)>;
+  void setStartHandler(StartHandler handler) { m_onStart = std::move(handler); }
+  void setProgressHandler(ProgressHandler handler) { m_onProgress = std::move(handler); }
+  void setOutcomeHandler(OutcomeHandler handler) { m_onOutcome = std::move(handler); }
+
+  // Requires: the agent runs the group now. Follows it from here (the start handler is told).
+  void followRun(const std::string& groupID);
+  // The groups whose runs are followed and have no outcome yet.
+  std::vector<std::string> runningGroupIDs() const;
+  // No run in progress, none ending, and every outcome handed out.
+  bool isIdle() const;
+
+  // QVBackupAgentDelegate
+  void backupProgress(double progress, const std::string& forGroupID, std::size_t item, QVBackupAgent& inAgent) override;
+  void backupDidEndForGroup(const QVGroupRef& group, QVBackupAgent& inAgent) override;
+  void backupFailedForGroup(const QVGroupRef& group, const std::optional<QVError>& withError,
+                            QVBackupAgent& inAgent) override;
+  void groupsAndTargetsDidChangeInAgent(const std::vector<QVGroupRef>&, const std::vector<QVTargetRef>&,
+                                        QVBackupAgent&) override {}
+  void groupDidChangeInAgent(const QVGroupRef&, QVBackupAgent&) override {}
+  void groupWithIDDidRemovedInAgent(const std::string&, QVBackupAgent&) override {}
+  void targetDidChangeInAgent(const QVTargetRef&, QVBackupAgent&) override {}
+  void showGroupsWithIDs(const std::vector<std::string>& groupIDs) override;
+  void setLastBackupDate(const std::optional<QVDate>&) override {}
+
+ private:
+  QVRunMonitor(QVBackupAgent& agent, QVHostApp& host);
+
+  struct Run {
+    std::optional<std::string> failureText;  // the failure template's item for the run
+    std::optional<QVError> error;            // when the agent reports it
+    bool warned = false;                     // the warning template showed the group
+    bool ending = false;
+  };
+
+  void findStartedRuns();
+  void templateDidShowItem(const QVNCTemplate& nctemplate, const QVNCTemplateItem& item);
+  void finishRun(const std::string& groupID);
+  void emptyGroupEnded(const std::string& groupID);
+
+  QVBackupAgent& m_agent;
+  QVHostApp& m_host;
+  std::map<std::string, Run> m_runs;
+  std::size_t m_pendingOutcomes = 0;
+  StartHandler m_onStart;
+  ProgressHandler m_onProgress;
+  OutcomeHandler m_onOutcome;
+};
