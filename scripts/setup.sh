@@ -20,7 +20,7 @@ packages=(build-essential cmake pkg-config gettext
   libcurl4-openssl-dev libglib2.0-dev libsecret-1-dev libxml2-dev nlohmann-json3-dev libcli11-dev uuid-dev)
 if [ "$want_tests" = 1 ]; then
   packages+=(googletest libgtest-dev dbus dbus-user-session gnome-keyring libsecret-tools
-    apache2 apache2-utils vsftpd openssl curl util-linux)
+    apache2 apache2-utils vsftpd openssl curl util-linux tzdata)
 fi
 
 missing=()

@@ -17,8 +17,6 @@ namespace {
 
 constexpr const char* kProgram = "stellwin-backup";
 
-std::string quoted(const std::string& text) { return "\"" + qv::singleLine(text) + "\""; }
-
 }  // namespace
 
 namespace qv {
@@ -98,7 +96,7 @@ int QVBackupCommand::run(const QVCommandOptions& options) {
     refused.title = group->title;
     if (group->items.empty()) {
       // The agent says nothing when asked for an empty group: the host does.
-      say("group " + quoted(group->title) + " is empty; nothing to back up");
+      say("group " + qv::quoted(group->title) + " is empty; nothing to back up");
       refused.kind = QVRunOutcome::Kind::empty;
       refused.message = "the group is empty; nothing to back up";
       report(refused);
@@ -112,7 +110,7 @@ int QVBackupCommand::run(const QVCommandOptions& options) {
     if (m_agent.isBackingUpGroupWithID(group->identifier)) {
       m_monitor.followRun(group->identifier);
     } else {
-      say("group " + quoted(group->title) + " has no usable destination");
+      say("group " + qv::quoted(group->title) + " has no usable destination");
       refused.kind = QVRunOutcome::Kind::failed;
       refused.message = "no usable destination";
       report(refused);

@@ -22,8 +22,6 @@ namespace {
 constexpr const char* kPreferencesKey = "QVBackupAgent";
 constexpr auto kFileCheckInterval = std::chrono::seconds(3);
 
-std::string quoted(const std::string& text) { return "\"" + qv::singleLine(text) + "\""; }
-
 }  // namespace
 
 // What the preferences file was when this process last read or wrote it. A save replaces the file
@@ -97,7 +95,7 @@ int QVDaemonCommand::run() {
     const std::string next = nextRunText(group->identifier);
     if (next.empty()) continue;
     ++scheduled;
-    m_log << quoted(group->title) << " " << next << std::endl;
+    m_log << qv::quoted(group->title) << " " << next << std::endl;
   }
   m_log << "started with " << m_agent.groups().size() << (m_agent.groups().size() == 1 ? " group, " : " groups, ")
         << scheduled << " scheduled" << std::endl;
@@ -120,10 +118,10 @@ int QVDaemonCommand::run() {
   return 0;
 }
 
-void QVDaemonCommand::runStarted(const QVGroup& group) { m_log << "started " << quoted(group.title) << std::endl; }
+void QVDaemonCommand::runStarted(const QVGroup& group) { m_log << "started " << qv::quoted(group.title) << std::endl; }
 
 void QVDaemonCommand::runEnded(const QVRunOutcome& outcome) {
-  std::string line = quoted(outcome.title) + " " + QVRunOutcome::kindName(outcome.kind);
+  std::string line = qv::quoted(outcome.title) + " " + QVRunOutcome::kindName(outcome.kind);
   if (outcome.kind == QVRunOutcome::Kind::failed) {
     if (outcome.statusCode) line += " (" + std::to_string(*outcome.statusCode) + ")";
     if (!outcome.message.empty()) line += ": " + outcome.message;

@@ -43,11 +43,10 @@ QVFoundRecord<Ref> findRecord(const std::vector<Ref>& records, const std::string
   for (const auto& record : records)
     if (record->title == argument) titled.push_back(record);
   if (titled.size() == 1) return {titled.front(), ""};
-  if (titled.empty()) return {nullptr, std::string("unknown ") + kind + " \"" + singleLine(argument) + "\""};
+  if (titled.empty()) return {nullptr, std::string("unknown ") + kind + " " + quoted(argument)};
   std::string identifiers;
   for (const auto& record : titled) identifiers += (identifiers.empty() ? "" : ", ") + record->identifier;
-  return {nullptr, std::to_string(titled.size()) + " " + kind + "s are titled \"" + singleLine(argument) +
-                       "\" (" + identifiers + "); name one by its identifier"};
+  return {nullptr, std::to_string(titled.size()) + " " + kind + "s are titled " + quoted(argument) + " (" + identifiers + "); name one by its identifier"};
 }
 
 }  // namespace
@@ -66,5 +65,7 @@ std::string singleLine(const std::string& text) {
     if (c == '\n' || c == '\r' || c == '\t') c = ' ';
   return line;
 }
+
+std::string quoted(const std::string& text) { return "\"" + singleLine(text) + "\""; }
 
 }  // namespace qv

@@ -40,5 +40,7 @@ QVFoundRecord<QVTargetRef> findTarget(const QVBackupAgent& agent, const std::str
 
 // One line for the user: newlines and tabs become spaces.
 std::string singleLine(const std::string& text);
+// The text in double quotes, on one line: "Photos".
+std::string quoted(const std::string& text);
 
 }  // namespace qv

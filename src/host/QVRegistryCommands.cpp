@@ -24,8 +24,6 @@ bool contains(const std::vector<std::string>& list, const std::string& value) {
   return std::find(list.begin(), list.end(), value) != list.end();
 }
 
-std::string quoted(const std::string& text) { return "\"" + qv::singleLine(text) + "\""; }
-
 QVDate now() { return std::chrono::system_clock::now(); }
 
 }  // namespace
@@ -78,12 +76,12 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
   for (const auto& given : options.paths) {
     const std::string path = qv::absolutePath(given);
     if (!qv::fileExistsAtPath(path)) {
-      warn(quoted(path) + " does not exist; not added");
+      warn(qv::quoted(path) + " does not exist; not added");
       continue;
     }
     if (!contains(existing, path)) existing.push_back(path);
   }
-  if (existing.empty()) return fail("nothing was added to " + quoted(options.name) + ": none of the given paths exists");
+  if (existing.empty()) return fail("nothing was added to " + qv::quoted(options.name) + ": none of the given paths exists");
 
   // The agent adds to the first group with this title, or makes one.
   std::vector<std::string> itemsBefore;
@@ -102,16 +100,16 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
       break;
     }
   }
-  if (!group) return fail("the group " + quoted(options.name) + " could not be made");
+  if (!group) return fail("the group " + qv::quoted(options.name) + " could not be made");
   for (const auto& path : existing) {
     if (contains(itemsBefore, path)) m_out << "already in the group: " << path << "\n";
     else if (contains(group->items, path)) m_out << "added: " << path << "\n";
     else m_out << "already covered by a folder of the group: " << path << "\n";
   }
-  m_out << "group " << quoted(group->title) << " (" << group->identifier << ") has " << group->items.size()
+  m_out << "group " << qv::quoted(group->title) << " (" << group->identifier << ") has " << group->items.size()
         << (group->items.size() == 1 ? " item" : " items") << "\n";
   if (!group->target || *group->target == "nil" || !m_agent.targetWithIdentifier(*group->target))
-    warn("group " + quoted(group->title) + " has no destination; set one with \"stellwin-backup group set " +
+    warn("group " + qv::quoted(group->title) + " has no destination; set one with \"stellwin-backup group set " +
          group->identifier + " --target TARGET\"");
   return 0;
 }
@@ -147,7 +145,7 @@ int QVRegistryCommands::groupSet(const QVCommandOptions& options) {
   }
   if (options.versions) {
     auto versions = qv::wholeNumber(*options.versions);
-    if (!versions) return refuse("--versions must be a whole number, 0 or more, not " + quoted(*options.versions));
+    if (!versions) return refuse("--versions must be a whole number, 0 or more, not " + qv::quoted(*options.versions));
     changed->versions = *versions;
   }
   if (options.schedule) {
@@ -160,7 +158,7 @@ int QVRegistryCommands::groupSet(const QVCommandOptions& options) {
     warn("the versions already made stay in the destination's folder named after the old title");
 
   m_agent.updateGroup(changed);
-  m_out << "updated group " << quoted(changed->title) << " (" << changed->identifier << ")\n";
+  m_out << "updated group " << qv::quoted(changed->title) << " (" << changed->identifier << ")\n";
   return 0;
 }
 
@@ -169,7 +167,7 @@ int QVRegistryCommands::groupRemove(const QVCommandOptions& options) {
   if (!found.record) return refuse(found.error);
   const QVGroupRef group = found.record;
   m_agent.removeGroupWithID(group->identifier);
-  m_out << "removed group " << quoted(group->title) << " (" << group->identifier
+  m_out << "removed group " << qv::quoted(group->title) << " (" << group->identifier
         << "); its versions stay at the destination\n";
   return 0;
 }
@@ -189,12 +187,12 @@ int QVRegistryCommands::groupRemoveItems(const QVCommandOptions& options) {
     }
   }
   if (removing.empty())
-    return refuse((strangers.size() == 1 ? quoted(strangers.front()) + " is not an item" : "none of the given paths is an item") +
-                  std::string(" of group ") + quoted(group->title));
-  for (const auto& path : strangers) warn(quoted(path) + " is not an item of group " + quoted(group->title));
+    return refuse((strangers.size() == 1 ? qv::quoted(strangers.front()) + " is not an item" : "none of the given paths is an item") +
+                  std::string(" of group ") + qv::quoted(group->title));
+  for (const auto& path : strangers) warn(qv::quoted(path) + " is not an item of group " + qv::quoted(group->title));
   m_agent.removeItemsWithPaths(removing, group->identifier);
   for (const auto& path : removing) m_out << "removed: " << path << "\n";
-  m_out << "group " << quoted(group->title) << " (" << group->identifier << ") has " << group->items.size()
+  m_out << "group " << qv::quoted(group->title) << " (" << group->identifier << ") has " << group->items.size()
         << (group->items.size() == 1 ? " item" : " items") << "\n";
   return 0;
 }
@@ -205,7 +203,7 @@ int QVRegistryCommands::groupRemoveItems(const QVCommandOptions& options) {
 std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& options, QVTarget& target, bool isNew) {
   if (options.type) {
     if (!isKnownType(*options.type))
-      return "unknown destination type " + quoted(*options.type) + " (expected local, dav, ftp or ftps)";
+      return "unknown destination type " + qv::quoted(*options.type) + " (expected local, dav, ftp or ftps)";
     target.type = *options.type;
   }
   if (options.title) {
@@ -233,10 +231,10 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
     if (!target.server || target.server->empty())
       return "--server is required for a " + target.type + " destination";
     if (options.server && options.server->find_first_of("/ ") != std::string::npos)
-      return "--server takes a host name, not " + quoted(*options.server);
+      return "--server takes a host name, not " + qv::quoted(*options.server);
     if (options.port) {
       auto port = qv::portNumber(*options.port);
-      if (!port) return "--port must be a whole number from 1 to 65535, not " + quoted(*options.port);
+      if (!port) return "--port must be a whole number from 1 to 65535, not " + qv::quoted(*options.port);
       target.port = *port;
     } else if (target.port && *target.port == 0) {
       target.port.reset();  // a former local destination's 0: the protocol's own port
@@ -284,13 +282,13 @@ int QVRegistryCommands::targetAdd(const QVCommandOptions& options) {
   target.identifier = qv::stringWithUUID();
   if (std::string problem = applyTargetOptions(options, target, true); !problem.empty()) return refuse(problem);
   if (target.type == "local" && !qv::fileExistsAtPath(target.path))
-    warn("the folder " + quoted(target.path) + " does not exist; backups to it fail until it does");
+    warn("the folder " + qv::quoted(target.path) + " does not exist; backups to it fail until it does");
   if (options.makeDefault) {
     target.isDefault = true;
     clearOtherDefaults(target.identifier);
   }
   m_agent.createTargetWithDictionary(target);
-  m_out << "added destination " << quoted(target.title) << " (" << target.identifier << ")\n";
+  m_out << "added destination " << qv::quoted(target.title) << " (" << target.identifier << ")\n";
   return 0;
 }
 
@@ -312,7 +310,7 @@ int QVRegistryCommands::targetSet(const QVCommandOptions& options) {
     clearOtherDefaults(changed.identifier);
   }
   m_agent.updateTarget(changed);
-  m_out << "updated destination " << quoted(changed.title) << " (" << changed.identifier << ")\n";
+  m_out << "updated destination " << qv::quoted(changed.title) << " (" << changed.identifier << ")\n";
   return 0;
 }
 
@@ -322,9 +320,9 @@ int QVRegistryCommands::targetRemove(const QVCommandOptions& options) {
   const QVTargetRef target = found.record;
   std::string users;
   for (const auto& group : m_agent.groups())
-    if (group->target == target->identifier) users += (users.empty() ? "" : ", ") + quoted(group->title);
+    if (group->target == target->identifier) users += (users.empty() ? "" : ", ") + qv::quoted(group->title);
   m_agent.removeTargetWithID(target->identifier);
-  m_out << "removed destination " << quoted(target->title) << " (" << target->identifier << ")\n";
+  m_out << "removed destination " << qv::quoted(target->title) << " (" << target->identifier << ")\n";
   if (!users.empty()) warn("groups " + users + " still name it and cannot be backed up until given another destination");
   return 0;
 }
@@ -337,7 +335,7 @@ int QVRegistryCommands::versions(const QVCommandOptions& options) {
   if (!found.record) return refuse(found.error);
   const QVGroupRef group = found.record;
   if (!group->target || !m_agent.targetWithIdentifier(*group->target))
-    return fail("group " + quoted(group->title) + " has no usable destination");
+    return fail("group " + qv::quoted(group->title) + " has no usable destination");
   std::vector<std::string> names = m_agent.backupsForGroupWithID(group->identifier).value_or(std::vector<std::string>{});
   std::sort(names.begin(), names.end());
   if (options.json) {
