@@ -87,9 +87,6 @@ struct QVCommandLine::Impl {
 
   Impl() {
     app.set_version_flag("--version", std::string(kProgram) + " " + "0.1.0");
-    app.footer(
-        "Without a command, prints the groups and destinations.\n"
-        "Exit status: 0 done, 1 failed, 2 bad usage, 130 interrupted.");
 
     groupCommand = app.add_subcommand("group", "Add, list, show, change and remove backup groups");
     groupCommand->require_subcommand(1);
@@ -159,6 +156,27 @@ struct QVCommandLine::Impl {
 
     menu = app.add_subcommand("menu", "Print the status menu");
     addJSON(menu);
+
+    // Last: a subcommand takes its parent's footer when it is made.
+    app.footer(
+        "Without a command, prints the groups and destinations.\n"
+        "Exit status: 0 done, 1 failed, 2 bad usage, 130 interrupted.");
+  }
+
+  // Why argv names no command, or "" when its command words are known: CLI11 would take an unknown
+  // command for a stray argument and ask for a subcommand instead.
+  std::string unknownCommand(int argc, char** argv) const {
+    if (argc < 2 || argv[1][0] == '-') return "";
+    const std::string first = argv[1];
+    const CLI::App* command = nullptr;
+    for (const CLI::App* candidate : app.get_subcommands([](const CLI::App*) { return true; }))
+      if (candidate->get_name() == first) command = candidate;
+    if (!command) return "unknown command " + qv::quoted(first) + " (see \"" + kProgram + " --help\")";
+    if ((command != groupCommand && command != targetCommand) || argc < 3 || argv[2][0] == '-') return "";
+    const std::string second = argv[2];
+    for (const CLI::App* candidate : command->get_subcommands([](const CLI::App*) { return true; }))
+      if (candidate->get_name() == second) return "";
+    return "unknown command " + qv::quoted(first + " " + second) + " (see \"" + kProgram + " " + first + " --help\")";
   }
 
   QVCommand chosen() const {
@@ -185,25 +203,29 @@ std::string QVCommandLine::help() const { return m_impl->app.help(); }
 
 std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out, std::ostream& err) {
   Impl& impl = *m_impl;
+  if (std::string unknown = impl.unknownCommand(argc, argv); !unknown.empty()) {
+    err << kProgram << ": " << unknown << std::endl;
+    return 2;
+  }
   try {
     impl.app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
-    out << impl.app.help();
+    out << impl.app.help() << "\n";
     return 0;
   } catch (const CLI::CallForAllHelp& e) {
-    out << impl.app.help("", CLI::AppFormatMode::All);
+    out << impl.app.help("", CLI::AppFormatMode::All) << "\n";
     return 0;
   } catch (const CLI::CallForVersion& e) {
     out << e.what() << "\n";
     return 0;
   } catch (const CLI::ParseError& e) {
     // The command whose --help explains the mistake.
+    // (The command words are known: unknown ones were refused above.)
     std::string command = kProgram;
-    if (argc > 1 && (std::string(argv[1]) == "group" || std::string(argv[1]) == "target")) {
+    if (argc > 1 && argv[1][0] != '-') {
       command += std::string(" ") + argv[1];
-      if (argc > 2 && argv[2][0] != '-') command += std::string(" ") + argv[2];
-    } else if (argc > 1 && argv[1][0] != '-') {
-      command += std::string(" ") + argv[1];
+      if (argc > 2 && argv[2][0] != '-' && (std::string(argv[1]) == "group" || std::string(argv[1]) == "target"))
+        command += std::string(" ") + argv[2];
     }
     err << kProgram << ": " << qv::singleLine(e.what()) << " (see \"" << command << " --help\")" << std::endl;
     return 2;

@@ -196,8 +196,8 @@ TEST_F(QVBackupAgentPrefsTest, StartsWithTheDefaultDestinationWhenNothingIsStore
 
   // A local destination stores neither server nor port, and owns no keychain item.
   agent.savePrefs();
-  const QVDictionary* stored =
-      qvtest::storedRecord(qvtest::agentPreferencesInMemory(), "targets", target.identifier);
+  const QVDictionary saved = qvtest::agentPreferencesInMemory();
+  const QVDictionary* stored = qvtest::storedRecord(saved, "targets", target.identifier);
   ASSERT_TRUE(stored);
   EXPECT_TRUE(valueIn(stored, "server").isNull());
   EXPECT_TRUE(valueIn(stored, "port").isNull());

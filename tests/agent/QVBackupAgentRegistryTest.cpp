@@ -142,13 +142,19 @@ TEST_F(QVBackupAgentRegistryTest, AFileIsCoveredOnlyByItsImmediateParentFolder) 
   EXPECT_EQ(groupNamed("Docs")->items, (std::vector<std::string>{m_d, m_b}));
 }
 
-TEST_F(QVBackupAgentRegistryTest, CreatesANewGroupWithItsDefaults) {
+TEST_F(QVBackupAgentRegistryTest, CreatesANewGroupWithItsDefaultsThenSavesSyncsAndTells) {
   QVBackupAgent& agent = startAgent();
   const std::string defaultID = agent.defaultTarget()->identifier;
+  mark();
   agent.addItemsAtPaths({m_b}, "Docs");
 
   ASSERT_EQ(agent.groups().size(), 1u);
   const QVGroup& group = *agent.groups().front();
+  EXPECT_EQ(journal(), (qvtest::Journal{"delegate.groupDidChange:Docs", "setBackupGroupsCount:1"}));
+  EXPECT_EQ(storedItems(m_delegate->storeAtMessage, group.identifier), std::vector<std::string>{m_b})
+      << "the delegate hears of it after the save";
+  EXPECT_TRUE(diskChanged());
+  EXPECT_EQ(storedItems(qvtest::agentPreferencesOnDisk(m_env), group.identifier), std::vector<std::string>{m_b});
   EXPECT_EQ(group.title, "Docs");
   EXPECT_EQ(group.identifier.size(), 36u) << group.identifier;
   EXPECT_EQ(group.target, defaultID);
@@ -157,7 +163,6 @@ TEST_F(QVBackupAgentRegistryTest, CreatesANewGroupWithItsDefaults) {
   ASSERT_TRUE(group.schedule);
   EXPECT_EQ(group.schedule->period, "manual");
   EXPECT_EQ(agent.numberOfArmedTimers(), 0u);
-  EXPECT_EQ(m_host.groupsCount, 1u);
 
   // Groups are found by their exact name.
   agent.addItemsAtPaths({m_d}, "Docs");
@@ -189,18 +194,6 @@ TEST_F(QVBackupAgentRegistryTest, AddsEachPathOnceAndSkipsMissingPaths) {
   agent.addItemsAtPaths({missing}, "Nothing yet");
   ASSERT_TRUE(groupNamed("Nothing yet"));
   EXPECT_TRUE(groupNamed("Nothing yet")->items.empty());
-}
-
-TEST_F(QVBackupAgentRegistryTest, AddingItemsSavesSyncsAndThenTellsTheDelegate) {
-  QVBackupAgent& agent = startAgent();
-  mark();
-  agent.addItemsAtPaths({m_b}, "Docs");
-  const std::string id = groupNamed("Docs")->identifier;
-
-  EXPECT_EQ(journal(), (qvtest::Journal{"delegate.groupDidChange:Docs", "setBackupGroupsCount:1"}));
-  EXPECT_EQ(storedItems(m_delegate->storeAtMessage, id), std::vector<std::string>{m_b});
-  EXPECT_TRUE(diskChanged());
-  EXPECT_EQ(storedItems(qvtest::agentPreferencesOnDisk(m_env), id), std::vector<std::string>{m_b});
 }
 
 TEST_F(QVBackupAgentRegistryTest, RemovingAGroupTellsTheDelegateBeforeSaving) {

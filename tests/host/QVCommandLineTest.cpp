@@ -237,8 +237,11 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndLeavesThePreferencesAsThe
   // The ambiguous title names the candidates.
   ProgramResult twin = run({"group", "show", "Twin"});
   json groups = runJSON({"group", "list", "--json"});
-  for (const auto& group : groups)
-    if (group["title"] == "Twin") EXPECT_NE(twin.err.find(group["id"].get<std::string>()), std::string::npos) << twin.err;
+  for (const auto& group : groups) {
+    if (group["title"] == "Twin") {
+      EXPECT_NE(twin.err.find(group["id"].get<std::string>()), std::string::npos) << twin.err;
+    }
+  }
 
   // A refused destination does not keep the password it read either.
   ProgramResult port = run({"target", "add", "--type", "ftp", "--title", "X", "--path", "/x", "--server", "h",

@@ -116,6 +116,7 @@ TEST_F(QVKeychainTest, ReportsAFailedWriteWithoutThePassword) {
   qvtest::writeFile(m_env.configDirectory(), "a file where the folder should be");
   EXPECT_FALSE(open()->addGenericKeychainItemForService("svc", "u", remember("never written")));
   EXPECT_FALSE(open()->storeItem("svc", "u", remember("never written either"), "l"));
+  std::lock_guard<std::mutex> lock(m_logMutex);
   EXPECT_FALSE(m_log.empty());
 }
 

@@ -47,20 +47,32 @@ class FakeLogind {
     GError* error = nullptr;
     m_daemon = g_subprocess_new(G_SUBPROCESS_FLAGS_STDOUT_PIPE, &error, "dbus-daemon", "--session", "--nofork",
                                 "--print-address", nullptr);
-    if (!m_daemon) return fail(error);
+    if (!m_daemon) {
+      fail(error);
+      return;
+    }
     GDataInputStream* out = g_data_input_stream_new(g_subprocess_get_stdout_pipe(m_daemon));
     char* line = g_data_input_stream_read_line(out, nullptr, nullptr, &error);
     g_object_unref(out);
-    if (!line) return fail(error);
+    if (!line) {
+      fail(error);
+      return;
+    }
     m_address = line;
     g_free(line);
     m_logind = connect(&error);
-    if (!m_logind) return fail(error);
+    if (!m_logind) {
+      fail(error);
+      return;
+    }
     GVariant* reply = g_dbus_connection_call_sync(
         m_logind, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
         g_variant_new("(su)", "org.freedesktop.login1", 4u /* do not queue */), G_VARIANT_TYPE("(u)"),
         G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, &error);
-    if (!reply) return fail(error);
+    if (!reply) {
+      fail(error);
+      return;
+    }
     g_variant_unref(reply);
   }
   ~FakeLogind() {

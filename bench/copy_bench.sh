@@ -1,0 +1,107 @@
+#!/bin/bash
+# Times QVFileCopier (through qv-copy-bench) against `cp -a` on the same mixed tree: many small files in
+# nested folders plus a few large ones. Each tool copies the tree twice, the two alternating, and the
+# best time of each counts (page caches cannot be dropped without root, so both get warm caches alike).
+# The first copier result is checked against the source with diff.
+#
+# Usage: bench/copy_bench.sh [work folder]    (default: a new folder under $TMPDIR or /tmp)
+# Environment:
+#   QV_COPY_BENCH      the qv-copy-bench program (default: the first build*/bench/qv-copy-bench found)
+#   QV_BENCH_FILES     number of small files, 1-16 KiB each (default 5000)
+#   QV_BENCH_LARGE_MB  sizes of the large files in MiB (default "100 200 300")
+set -euo pipefail
+
+here=$(cd "$(dirname "$0")" && pwd)
+root=$(dirname "$here")
+files=${QV_BENCH_FILES:-5000}
+large_sizes=${QV_BENCH_LARGE_MB:-100 200 300}
+
+bench=${QV_COPY_BENCH:-}
+if [[ -z $bench ]]; then
+  for candidate in "$root"/build/bench/qv-copy-bench "$root"/build*/bench/qv-copy-bench; do
+    if [[ -x $candidate ]]; then bench=$candidate; break; fi
+  done
+fi
+if [[ -z $bench || ! -x $bench ]]; then
+  echo "qv-copy-bench not found: build the target qv-copy-bench or set QV_COPY_BENCH" >&2
+  exit 2
+fi
+
+if [[ $# -ge 1 ]]; then
+  work=$1
+  mkdir -p "$work"
+else
+  work=$(mktemp -d "${TMPDIR:-/tmp}/qv-copy-bench.XXXXXX")
+  trap 'rm -rf "$work"' EXIT
+fi
+src=$work/source
+
+echo "Building the tree in $src ..."
+rm -rf "$src"
+mkdir -p "$src"
+# Small files: random contents, 1-16 KiB, spread over 3 levels of folders, a few with odd names.
+perl -e '
+  my ($dir, $count) = @ARGV;
+  srand(7);
+  open(my $random, "<:raw", "/dev/urandom") or die "urandom: $!";
+  read($random, my $pool, 1 << 20) == 1 << 20 or die "urandom: short read";
+  for my $i (0 .. $count - 1) {
+    my $folder = sprintf("%s/album %02d/set-%d/day %d", $dir, $i % 20, ($i / 20) % 10, ($i / 200) % 5);
+    system("mkdir", "-p", $folder) == 0 or die unless -d $folder;
+    my $size = 1024 + int(rand(15 * 1024));
+    my $name = $i % 50 == 0 ? "photo ü $i.jpg" : "img_$i.jpg";
+    open(my $out, ">:raw", "$folder/$name") or die "$folder/$name: $!";
+    print $out substr($pool, int(rand((1 << 20) - $size)), $size);
+    close($out) or die;
+  }' "$src" "$files"
+mkdir -p "$src/videos"
+for mb in $large_sizes; do
+  head -c "${mb}M" /dev/urandom > "$src/videos/clip-${mb}.mov"
+done
+ln -s "videos/clip-${large_sizes%% *}.mov" "$src/latest.mov"
+ln -s "does-not-exist" "$src/dangling"
+sync
+read -r tree_kib _ < <(du -sk "$src")
+echo "Tree: $files small files and large files of $large_sizes MiB, $((tree_kib / 1024)) MiB in all"
+
+now() { date +%s.%N; }
+declare -a cp_times=() qv_times=()
+
+run() {  # run <destination> <command...>: copies afresh, prints the seconds it took
+  local destination=$1
+  shift
+  rm -rf "$destination"
+  sync
+  local start end
+  start=$(now)
+  "$@" > /dev/null
+  end=$(now)
+  echo "$start $end" | awk '{ printf "%.3f", $2 - $1 }'
+}
+
+for round in 1 2; do
+  t=$(run "$work/copy-cp" cp -a "$src" "$work/copy-cp")
+  cp_times+=("$t")
+  t=$(run "$work/copy-qv" "$bench" "$src" "$work/copy-qv")
+  qv_times+=("$t")
+  echo "round $round: cp -a ${cp_times[-1]} s, copier ${qv_times[-1]} s"
+  if [[ $round == 1 ]]; then
+    if ! diff -r --no-dereference "$src" "$work/copy-qv" > /dev/null; then
+      echo "the copier's copy differs from the source" >&2
+      exit 1
+    fi
+    if [[ $(cd "$src" && find . -printf '%p %y %m %s %T@ %l\n' | sort | md5sum) != \
+          $(cd "$work/copy-qv" && find . -printf '%p %y %m %s %T@ %l\n' | sort | md5sum) ]]; then
+      echo "the copier's copy has other modes, sizes, times or links than the source" >&2
+      exit 1
+    fi
+  fi
+done
+rm -rf "$work/copy-cp" "$work/copy-qv"
+
+best() { printf '%s\n' "$@" | sort -g | head -n 1; }
+cp_best=$(best "${cp_times[@]}")
+qv_best=$(best "${qv_times[@]}")
+echo "cp -a:   best $cp_best s (runs: ${cp_times[*]})"
+echo "copier:  best $qv_best s (runs: ${qv_times[*]})"
+awk -v qv="$qv_best" -v cp="$cp_best" 'BEGIN { printf "ratio (copier / cp -a): %.2f\n", (cp > 0 ? qv / cp : 0) }'
