@@ -210,10 +210,12 @@ std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out
   try {
     impl.app.parse(argc, argv);
   } catch (const CLI::CallForHelp& e) {
-    out << impl.app.help() << "\n";
+    std::string text = impl.app.help();
+    out << text << (text.empty() || text.back() != '\n' ? "\n" : "");
     return 0;
   } catch (const CLI::CallForAllHelp& e) {
-    out << impl.app.help("", CLI::AppFormatMode::All) << "\n";
+    std::string text = impl.app.help("", CLI::AppFormatMode::All);
+    out << text << (text.empty() || text.back() != '\n' ? "\n" : "");
     return 0;
   } catch (const CLI::CallForVersion& e) {
     out << e.what() << "\n";

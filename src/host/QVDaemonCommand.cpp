@@ -68,7 +68,7 @@ int QVDaemonCommand::run() {
   m_monitor.setOutcomeHandler([this](const QVRunOutcome& outcome) { runEnded(outcome); });
 
   auto stop = [this] {
-    if (!m_stopping) m_log << "stopping: cancelling the running backups" << std::endl;
+    if (!m_stopping) m_log << (m_monitor.isIdle() ? "stopping" : "stopping: cancelling the running backups") << std::endl;
     m_stopping = true;
     for (const auto& groupID : m_monitor.runningGroupIDs()) m_agent.cancelBackupGroupWithID(groupID);
     for (const auto& group : m_agent.groups())
@@ -130,10 +130,9 @@ void QVDaemonCommand::runEnded(const QVRunOutcome& outcome) {
   }
   const std::string next = nextRunText(outcome.groupID);
   if (!next.empty()) line += " (" + next + ")";
-  m_log << line << std::endl;
 
-  // Written now, so that a daemon that is killed loses nothing; into the changed file when another
-  // command wrote it meanwhile.
+  // Written before it is told, so that a daemon that is killed loses nothing; into the changed file when
+  // another command wrote it meanwhile.
   checkPreferencesFile();
   if (m_reloading) {
     mergeOutcomeIntoFile(outcome.groupID);
@@ -141,6 +140,7 @@ void QVDaemonCommand::runEnded(const QVRunOutcome& outcome) {
     m_agent.syncUserDefaults();
     rememberPreferencesFile();
   }
+  m_log << line << std::endl;
 }
 
 void QVDaemonCommand::rememberPreferencesFile() {

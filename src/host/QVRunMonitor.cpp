@@ -18,6 +18,7 @@ std::string QVRunOutcome::kindName(Kind kind) {
 }
 
 std::string QVRunOutcome::line() const {
+  if (kind == Kind::empty) return title + ": empty, nothing to back up";
   std::string text = title + ": " + kindName(kind);
   if (kind == Kind::failed && statusCode) text += " (" + std::to_string(*statusCode) + ")";
   if (!message.empty() && kind != Kind::complete && kind != Kind::completeWithMissingItems && kind != Kind::cancelled)

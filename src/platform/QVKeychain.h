@@ -49,8 +49,11 @@ class QVKeychain {
   static std::unique_ptr<QVKeychain> makeSecretServiceKeychain();
 
   virtual std::optional<QVKeychainItem> keychainItemWithService(const std::string& service) = 0;
+  // Over an existing item of the service, replaces its user name and password and keeps its label; a new
+  // item is labelled with its service until setLabel.
   virtual bool addGenericKeychainItemForService(const std::string& service, const std::string& username,
                                                 const std::string& password) = 0;
+  // False when there was no such item, or it could not be removed.
   virtual bool deleteItem(const std::string& service) = 0;
   // Writes all fields of the item with this service (creating it when it is gone).
   virtual bool storeItem(const std::string& service, const std::string& username, const std::string& password,

@@ -22,8 +22,9 @@ void logError(const std::string& operation, GError* error) {
 
 // Only a bus that the session already has: GLib would otherwise autolaunch one through dbus-launch.
 bool sessionBusConfigured() {
+  // An autolaunch entry, even as a fallback after other addresses, could start a bus.
   if (const char* address = std::getenv("DBUS_SESSION_BUS_ADDRESS"); address && *address)
-    return std::string(address).rfind("autolaunch:", 0) != 0;
+    return std::string(address).find("autolaunch:") == std::string::npos;
   const char* runtime = std::getenv("XDG_RUNTIME_DIR");
   if (!runtime || !*runtime) return false;
   struct stat st;

@@ -45,8 +45,9 @@ const QVValue* valueForKey(const QVDictionary& dictionary, const std::string& ke
 }
 
 QVDate distantPast() {
-  // 0001-01-01T00:00:00Z, far enough back for any record and still inside the clock's range.
-  return QVDate(std::chrono::duration_cast<QVDate::duration>(std::chrono::seconds(-62135596800LL)));
+  // 1678-01-01T00:00:00Z: far enough back for any record, and inside the range of the clock, which
+  // counts nanoseconds and so reaches only about 292 years either side of 1970.
+  return QVDate(std::chrono::duration_cast<QVDate::duration>(std::chrono::seconds(-9183110400LL)));
 }
 
 std::string iso8601(QVDate date) {
@@ -81,6 +82,7 @@ std::optional<QVDate> dateFromISO8601(const std::string& text) {
     if (std::sscanf(zone.c_str(), "%c%d:%d", &sign, &oh, &om) < 2 || (sign != '+' && sign != '-')) return std::nullopt;
     offsetSeconds = (oh * 3600L + om * 60L) * (sign == '-' ? -1 : 1);
   }
+  if (year < 1678 || year > 2261) return std::nullopt;  // outside what the clock can hold
   if (month < 1 || month > 12 || day < 1 || day > 31 || hour < 0 || hour > 23 || minute < 0 || minute > 59 ||
       second < 0 || second >= 61)
     return std::nullopt;
