@@ -56,6 +56,7 @@ int QVBackupCommand::run(const QVCommandOptions& options) {
 
   m_out.flush();
   QVProgressDisplay display(stderr, true);
+  display.setBusyQuery([this] { return m_host.animationDepth() > 0; });
   auto say = [&](const std::string& line) { display.printLine(stderr, std::string(kProgram) + ": " + line); };
   m_host.setMessageWriter(say);
 

@@ -1,10 +1,13 @@
 #include "host/QVDaemonCommand.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdlib>
 #include <csignal>
 #include <cstring>
 #include <ostream>
@@ -63,7 +66,26 @@ std::string QVDaemonCommand::nextRunText(const std::string& groupID) const {
   return "next run: " + qv::stringFromDate(*date);
 }
 
+namespace {
+
+// One daemon per user: a second one would start every due backup twice. The lock goes with the
+// process (and across its starting anew, which takes it again).
+bool takeDaemonLock(std::ostream& log) {
+  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+  const std::string folder = runtime && runtime[0] == '/' ? runtime : QVUserDefaults::configDirectory();
+  const std::string path = folder + "/stellwin-backup-daemon.lock";
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (fd < 0) return true;  // no place for a lock: nothing to guard with
+  if (flock(fd, LOCK_EX | LOCK_NB) == 0) return true;  // held until the process ends
+  close(fd);
+  log << "stellwin-backup: another daemon is already running for this user" << std::endl;
+  return false;
+}
+
+}  // namespace
+
 int QVDaemonCommand::run() {
+  if (!takeDaemonLock(m_log)) return 1;
   m_monitor.setStartHandler([this](const QVGroup& group) { runStarted(group); });
   m_monitor.setOutcomeHandler([this](const QVRunOutcome& outcome) { runEnded(outcome); });
 

@@ -31,7 +31,8 @@ int QVProgram::run(const QVCommandOptions& options) {
     host.setAgent(&agent);
     std::shared_ptr<QVRunMonitor> monitor = QVRunMonitor::make(agent, host);
     agent.setDelegate(monitor);
-    const bool hadTargets = hasStoredTargets(agent);
+    // The default destination that the agent made in memory; written only with the command's changes.
+    if (!hasStoredTargets(agent) && !agent.targets().empty()) agent.savePrefs();
 
     switch (options.command) {
       case QVCommand::backup:
@@ -45,8 +46,8 @@ int QVProgram::run(const QVCommandOptions& options) {
         break;
     }
 
-    if (status != 2) {
-      if (!hadTargets && !agent.targets().empty()) agent.savePrefs();
+    // The daemon writes for itself: other commands may have changed the file while it ran.
+    if (status != 2 && options.command != QVCommand::daemon) {
       if (!agent.syncUserDefaults()) {
         std::cerr << "stellwin-backup: the preferences could not be saved" << std::endl;
         if (status == 0) status = 1;

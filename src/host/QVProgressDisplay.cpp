@@ -85,8 +85,10 @@ void QVProgressDisplay::draw() {
   if (!m_live) return;
   std::size_t titleWidth = 0;
   for (const auto& bar : m_bars) titleWidth = std::max(titleWidth, std::min(kMaxTitleWidth, qv::displayWidth(bar.title)));
+  static const char kSpinner[] = {'|', '/', '-', '\\'};
+  const std::string spinner = m_busy && m_busy() ? std::string(1, kSpinner[m_frame++ % 4]) + " " : "  ";
   std::string text;
-  for (const auto& bar : m_bars) text += barLine(bar.title, titleWidth, bar.percent, kBarWidth) + "\n";
+  for (const auto& bar : m_bars) text += spinner + barLine(bar.title, titleWidth, bar.percent, kBarWidth) + "\n";
   std::size_t lines = m_bars.size();
   if (!m_note.empty() && !m_bars.empty()) {
     text += m_note + "\n";

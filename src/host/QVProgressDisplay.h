@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -28,6 +29,8 @@ class QVProgressDisplay {
   void printLine(std::FILE* stream, const std::string& line);
   // A line shown under the bars while any are drawn (e.g. "cancelling..."); "" for none.
   void setNote(const std::string& note);
+  // While busy() answers true (the host's status icon is animating), the bars turn a spinner.
+  void setBusyQuery(std::function<bool()> busy) { m_busy = std::move(busy); }
 
   // "Photos  [#######.............]  35%" for a bar width.
   static std::string barLine(const std::string& title, std::size_t titleWidth, std::int64_t percent,
@@ -47,6 +50,8 @@ class QVProgressDisplay {
   bool m_live;
   std::vector<Bar> m_bars;
   std::string m_note;
+  std::function<bool()> m_busy;
+  unsigned m_frame = 0;
   std::size_t m_linesDrawn = 0;
   std::chrono::steady_clock::time_point m_lastDraw{};
 };

@@ -261,6 +261,7 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
       target.pass = password.value_or("");
     } else if (isNew) {
       target.pass = "";
+      warn("no password was given for " + qv::quoted(*target.user) + "; give one with --password-stdin");
     }
   }
   return "";

@@ -126,9 +126,15 @@ class CopyOperation {
                              const std::string& dstPath, std::uint64_t& copied);
   bool applyAttributes(int fd, const struct stat& st, const std::string& dstPath);
 
-  // A source item that could not be read: passed over when allowed (true), else the copy fails.
-  bool sourceFailure(int error, const std::string& operation, const std::string& path, bool isTop,
-                     std::uint64_t size = 0);
+  // A source item that could not be read: passed over when allowed (true), else the copy fails. A file
+  // passed over counts as done, with its size, so that the progress still reaches the total.
+  bool sourceFailure(int error, const std::string& operation, const std::string& path, bool isTop);
+  bool fileSourceFailure(int error, const std::string& operation, const std::string& path, bool isTop,
+                         std::uint64_t size = 0) {
+    if (!sourceFailure(error, operation, path, isTop)) return false;
+    finishItem(size);
+    return true;
+  }
   bool mayPassOver(int error, bool isTop) const {
     return m_ignoringSourceErrors && !isTop && !isResourceError(error);
   }
@@ -345,10 +351,10 @@ bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const st
     struct stat st;
     const std::uint64_t size =
         ::fstatat(srcParent, srcName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
-    return sourceFailure(error, "open", srcPath, isTop, size);
+    return fileSourceFailure(error, "open", srcPath, isTop, size);
   }
   struct stat st;
-  if (::fstat(in.get(), &st) != 0) return sourceFailure(errno, "read", srcPath, isTop);
+  if (::fstat(in.get(), &st) != 0) return fileSourceFailure(errno, "read", srcPath, isTop);
   if (!S_ISREG(st.st_mode)) return true;
 
   // O_EXCL: an existing file is never written over. Private until the attributes are set.
@@ -383,13 +389,13 @@ bool CopyOperation::copySymlink(int srcParent, const std::string& srcName, const
                                 bool isTop) {
   struct stat st;
   if (::fstatat(srcParent, srcName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-    return sourceFailure(errno, "read", srcPath, isTop);
+    return fileSourceFailure(errno, "read", srcPath, isTop);
   }
   // st_size is the target's length on most file systems, 0 on some; grow until the target fits.
   std::string target(std::max<std::size_t>(static_cast<std::size_t>(st.st_size) + 1, 256), '\0');
   for (;;) {
     const ssize_t length = ::readlinkat(srcParent, srcName.c_str(), target.data(), target.size());
-    if (length < 0) return sourceFailure(errno, "read", srcPath, isTop);
+    if (length < 0) return fileSourceFailure(errno, "read", srcPath, isTop);
     if (static_cast<std::size_t>(length) < target.size()) {
       target.resize(static_cast<std::size_t>(length));
       break;
@@ -495,12 +501,10 @@ bool CopyOperation::applyAttributes(int fd, const struct stat& st, const std::st
   return true;
 }
 
-bool CopyOperation::sourceFailure(int error, const std::string& operation, const std::string& path, bool isTop,
-                                  std::uint64_t size) {
+bool CopyOperation::sourceFailure(int error, const std::string& operation, const std::string& path, bool isTop) {
   fail(Side::Source, error, operation, path);
   if (!mayPassOver(error, isTop)) return false;
   qv::debugLog("platform", "QVFileCopier passes over " + path + ": " + m_description);
-  finishItem(size);
   return true;
 }
 
