@@ -1,7 +1,7 @@
 #!/bin/bash
 # Times QVFileCopier (through qv-copy-bench) against `cp -a` on the same mixed tree: many small files in
 # nested folders plus a few large ones. The tools take turns, each copying the tree QV_BENCH_ROUNDS
-# times, and the best time of each counts. Caches are not dropped (that would disturb everything else on
+# times (default 4), and the best time of each counts. Caches are not dropped (that would disturb everything else on
 # the machine), so both tools read a warm source alike; the disk is synced before each copy.
 # The first copy by the copier is checked against the source: contents, types, modes, sizes, times.
 #
@@ -10,14 +10,14 @@
 #   QV_COPY_BENCH      the qv-copy-bench program (default: the first build*/bench/qv-copy-bench found)
 #   QV_BENCH_FILES     number of small files, 1-16 KiB each (default 5000)
 #   QV_BENCH_LARGE_MB  sizes of the large files in MiB (default "100 200 300")
-#   QV_BENCH_ROUNDS    copies by each tool (default 2)
+#   QV_BENCH_ROUNDS    copies by each tool (default 4)
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
 files=${QV_BENCH_FILES:-5000}
 large_sizes=${QV_BENCH_LARGE_MB:-100 200 300}
-rounds=${QV_BENCH_ROUNDS:-2}
+rounds=${QV_BENCH_ROUNDS:-4}
 
 bench=${QV_COPY_BENCH:-}
 if [[ -z $bench ]]; then
@@ -72,11 +72,10 @@ echo "Tree: $files small files and large files of $large_sizes MiB, $((tree_kib 
 
 declare -a cp_times=() qv_times=() cp_cpu=() qv_cpu=()
 
-# run <destination> <command...>: copies afresh; sets wall and cpu (user + system) to its seconds.
+# run <command...>: sets wall and cpu (user + system) to its seconds. Every copy goes to a new folder,
+# and none is removed before the end: ext4 passes over recently freed inodes when it allocates, which
+# would make whichever copy follows a removal pay for it.
 run() {
-  local destination=$1
-  shift
-  rm -rf "$destination"
   sync
   local TIMEFORMAT='%3R %3U %3S' real user system
   if ! { time "$@" > /dev/null 2> "$work/errors"; } 2> "$work/timing"; then
@@ -90,26 +89,33 @@ run() {
 }
 
 for ((round = 1; round <= rounds; round++)); do
-  run "$work/copy-cp" cp -a "$src" "$work/copy-cp"
-  cp_times+=("$wall")
-  cp_cpu+=("$cpu")
-  run "$work/copy-qv" "$bench" "$src" "$work/copy-qv"
-  qv_times+=("$wall")
-  qv_cpu+=("$cpu")
+  # Who goes first alternates: a file system fills up unevenly, and the second copy of a round can be
+  # slower or faster for that alone.
+  for tool in $( ((round % 2)) && echo "cp qv" || echo "qv cp"); do
+    if [[ $tool == cp ]]; then
+      run cp -a "$src" "$work/copy-cp-$round"
+      cp_times+=("$wall")
+      cp_cpu+=("$cpu")
+    else
+      run "$bench" "$src" "$work/copy-qv-$round"
+      qv_times+=("$wall")
+      qv_cpu+=("$cpu")
+    fi
+  done
   echo "round $round: cp -a ${cp_times[-1]} s (CPU ${cp_cpu[-1]} s), copier ${qv_times[-1]} s (CPU ${qv_cpu[-1]} s)"
   if [[ $round == 1 ]]; then
-    if ! diff -r --no-dereference "$src" "$work/copy-qv" > /dev/null; then
+    if ! diff -r --no-dereference "$src" "$work/copy-qv-1" > /dev/null; then
       echo "the copier's copy differs from the source" >&2
       exit 1
     fi
     if [[ $(cd "$src" && find . -printf '%p %y %m %s %T@ %l\n' | sort | md5sum) != \
-          $(cd "$work/copy-qv" && find . -printf '%p %y %m %s %T@ %l\n' | sort | md5sum) ]]; then
+          $(cd "$work/copy-qv-1" && find . -printf '%p %y %m %s %T@ %l\n' | sort | md5sum) ]]; then
       echo "the copier's copy has other modes, sizes, times or links than the source" >&2
       exit 1
     fi
   fi
 done
-rm -rf "$work/copy-cp" "$work/copy-qv"
+rm -rf "$work"/copy-cp-* "$work"/copy-qv-*
 
 best() { printf '%s\n' "$@" | sort -g | head -n 1; }
 cp_best=$(best "${cp_times[@]}")

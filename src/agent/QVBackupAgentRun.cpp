@@ -159,6 +159,11 @@ bool QVBackupAgent::isBackingUpGroupWithID(const std::string& groupID) const {
 // Run thread. Reads only the run's own copy of the group and drives the run's destination; everything
 // else goes to the main thread through postToSelf, in order.
 void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
+  // The thread is handed its destination when the run starts; without one there is no run and no outcome.
+  if (!run->target) {
+    QVLog("Backup Agent performBackup: Target not contains in collection targets for group");
+    return;
+  }
   QVBackupTarget& target = *run->target;
   const QVGroup& group = run->snapshot;
   const std::string version = qv::versionNameForDate(std::chrono::system_clock::now());

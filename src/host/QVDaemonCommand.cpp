@@ -19,6 +19,7 @@
 #include "platform/QVFoundation.h"
 #include "platform/QVRunLoop.h"
 #include "platform/QVUserDefaults.h"
+#include "platform/QVValue.h"
 
 namespace {
 
@@ -62,8 +63,9 @@ QVDaemonCommand::~QVDaemonCommand() = default;
 std::string QVDaemonCommand::nextRunText(const std::string& groupID) const {
   auto date = m_agent.timerFireDateForGroupWithID(groupID);
   if (!date) return "";
-  if (*date <= std::chrono::system_clock::now()) return "next run: now";
-  return "next run: " + qv::stringFromDate(*date);
+  // The readable date has no seconds; the exact one after it is for tools that read the log.
+  const std::string when = *date <= std::chrono::system_clock::now() ? "now" : qv::stringFromDate(*date);
+  return "next run: " + when + ", " + qv::iso8601(*date);
 }
 
 namespace {
@@ -100,8 +102,9 @@ int QVDaemonCommand::run() {
   handlers.push_back(qv::addSignalHandler(SIGTERM, stop));
   handlers.push_back(qv::addSignalHandler(SIGINT, stop));
   handlers.push_back(qv::addSignalHandler(SIGUSR1, [this] {
-    m_log << "wake: re-arming the timers" << std::endl;
     m_agent.systemDidWake();
+    const std::size_t armed = m_agent.numberOfArmedTimers();
+    m_log << "wake: re-armed " << armed << (armed == 1 ? " timer" : " timers") << std::endl;
   }));
   handlers.push_back(qv::addSignalHandler(SIGHUP, [this] {
     m_log << "reloading the preferences" << std::endl;

@@ -2,10 +2,14 @@
 // user reads, the exit status, and what the preferences keep afterwards. Each test has its own home.
 #include <gtest/gtest.h>
 
+#include <pty.h>
+
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 #include <regex>
+#include <set>
 
 #include "host/QVProgramRunner.h"
 #include "support/QVTestSupport.h"
@@ -117,6 +121,51 @@ TEST_F(QVBackupCommandTest, FailsAGroupWhoseDestinationWasRemoved) {
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "Orphan: failed: no usable destination\n");
   EXPECT_NE(result.err.find("group \"Orphan\" has no usable destination"), std::string::npos) << result.err;
+}
+
+TEST_F(QVBackupCommandTest, DrawsARisingProgressBarOnATerminal) {
+  const std::string big = m_env.home() + "/big.bin";
+  {
+    std::ofstream file(big);
+  }
+  fs::resize_file(big, 1ull << 30);  // sparse; half a second or more to write, so the bar is redrawn
+  addGroup("Big", {big});
+
+  // Run on a pseudo-terminal as a user would; its master side reads both streams, in order.
+  std::string program = QV_TEST_PROGRAM, command = "backup", group = "Big";
+  char* argv[] = {program.data(), command.data(), group.data(), nullptr};
+  int master = -1;
+  const pid_t pid = forkpty(&master, nullptr, nullptr, nullptr);
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    execv(argv[0], argv);
+    _exit(127);
+  }
+  std::string screen;
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(120);
+  while (std::chrono::steady_clock::now() < deadline) {
+    pollfd fd = {master, POLLIN, 0};
+    if (poll(&fd, 1, 100) <= 0) continue;
+    char buffer[4096];
+    const ssize_t n = read(master, buffer, sizeof buffer);
+    if (n <= 0) break;  // EIO once the program has closed the terminal
+    screen.append(buffer, static_cast<std::size_t>(n));
+  }
+  kill(pid, SIGKILL);  // in case the deadline passed
+  int raw = 0;
+  waitpid(pid, &raw, 0);
+  close(master);
+  EXPECT_TRUE(WIFEXITED(raw) && WEXITSTATUS(raw) == 0) << screen;
+
+  std::vector<int> percents;
+  const std::regex percent("([0-9]+)%");
+  for (auto it = std::sregex_iterator(screen.begin(), screen.end(), percent); it != std::sregex_iterator(); ++it)
+    percents.push_back(std::stoi((*it)[1]));
+  EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end())) << screen;
+  // At least 0% and one later value: progress arrives every 200 ms, so a fast disk shows few.
+  EXPECT_GE(std::set<int>(percents.begin(), percents.end()).size(), 2u) << screen;
+  // The bar erased, and the outcome in its place.
+  EXPECT_TRUE(screen.ends_with("\033[JBig: complete\r\n")) << screen;
 }
 
 TEST_F(QVBackupCommandTest, CancelsOnInterruptAndExitsWith130) {

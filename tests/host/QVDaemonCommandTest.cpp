@@ -3,11 +3,14 @@
 // over changes that other commands made while it ran.
 #include <gtest/gtest.h>
 
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <regex>
 
 #include "host/QVProgramRunner.h"
+#include "platform/QVValue.h"
 #include "support/QVTestSupport.h"
 
 namespace fs = std::filesystem;
@@ -28,9 +31,9 @@ class QVDaemonCommandTest : public ::testing::Test {
     return path;
   }
 
-  // Daily, last attempted long ago: due the moment a daemon starts.
-  void makeDue(const std::string& title) {
-    ASSERT_EQ(runProgram({"group", "set", title, "--schedule", "daily@03:00"}).status, 0);
+  // Last attempted long ago: due the moment a daemon starts.
+  void makeDue(const std::string& title, const std::string& schedule = "daily@03:00") {
+    ASSERT_EQ(runProgram({"group", "set", title, "--schedule", schedule}).status, 0);
     json preferences = json::parse(qvtest::readFile(m_env.preferencesPath()));
     for (auto& group : preferences["QVBackupAgent"]["groups"])
       if (group["title"] == title) group["lastBackupAttemptDate"] = {{"$date", "2020-01-01T00:00:00.000Z"}};
@@ -52,6 +55,8 @@ class QVDaemonCommandTest : public ::testing::Test {
 TEST_F(QVDaemonCommandTest, RunsDueGroupsAndSavesEachOutcomeAtOnce) {
   ASSERT_EQ(runProgram({"group", "add", "Photos", makeFile("p.jpg")}).status, 0);
   ASSERT_EQ(runProgram({"group", "add", "Manual", makeFile("m.txt")}).status, 0);
+  ASSERT_EQ(runProgram({"group", "add", "Weekly", makeFile("w.txt")}).status, 0);
+  ASSERT_EQ(runProgram({"group", "set", "Weekly", "--schedule", "weekly"}).status, 0);
   makeDue("Photos");
 
   RunningProgram daemon({"daemon"});
@@ -66,7 +71,8 @@ TEST_F(QVDaemonCommandTest, RunsDueGroupsAndSavesEachOutcomeAtOnce) {
   EXPECT_EQ(json::parse(runProgram({"versions", "Photos", "--json"}).out).size(), 1u);
 
   daemon.signal(SIGUSR1);
-  EXPECT_TRUE(daemon.waitFor(contains(daemon, "re-arming the timers"), std::chrono::seconds(10))) << daemon.err();
+  // Photos (a day ahead) and Weekly; never the manual group.
+  EXPECT_TRUE(daemon.waitFor(contains(daemon, "wake: re-armed 2 timers\n"), std::chrono::seconds(10))) << daemon.err();
   EXPECT_EQ(daemon.err().find("started \"Photos\"", daemon.err().find("started \"Photos\"") + 1), std::string::npos)
       << "backed up today: not due again after a wake";
 
@@ -74,6 +80,36 @@ TEST_F(QVDaemonCommandTest, RunsDueGroupsAndSavesEachOutcomeAtOnce) {
   ProgramResult result = daemon.finish(std::chrono::seconds(30));
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.err.find("stopped"), std::string::npos);
+}
+
+TEST_F(QVDaemonCommandTest, RetriesAFailedRunWithinTheHour) {
+  ASSERT_EQ(runProgram({"group", "add", "Photos", makeFile("p.jpg")}).status, 0);
+  // By its schedule next due half a day on, so only the retry can bring it back within the hour.
+  const std::time_t now = std::time(nullptr);
+  std::tm local {};
+  localtime_r(&now, &local);
+  char schedule[16];
+  std::snprintf(schedule, sizeof schedule, "daily@%02d:00", (local.tm_hour + 12) % 24);
+  makeDue("Photos", schedule);
+  fs::remove_all(m_env.home() + "/Documents/Stellwin Backups");
+
+  // The outcome line ends with the exact date of the group's timer.
+  const std::regex failed("\"Photos\" failed \\(-120\\).*, ([-0-9T:.Z]+)\\)\n");
+  std::smatch match;
+  const auto before = std::chrono::system_clock::now();
+  RunningProgram daemon({"daemon"});
+  ASSERT_TRUE(daemon.waitFor([&] { return std::regex_search(daemon.err(), match, failed); }, std::chrono::seconds(30)))
+      << daemon.err();
+  const auto after = std::chrono::system_clock::now();
+  const std::string when = match[1];  // before the log grows under the match
+  const std::optional<QVDate> next = qv::dateFromISO8601(when);
+  ASSERT_TRUE(next) << when;
+  // An hour after the failure; milliseconds are all the log keeps.
+  EXPECT_GE(*next, before + std::chrono::seconds(3599)) << daemon.err();
+  EXPECT_LE(*next, after + std::chrono::seconds(3600)) << daemon.err();
+
+  daemon.signal(SIGTERM);
+  EXPECT_EQ(daemon.finish(std::chrono::seconds(30)).status, 0);
 }
 
 TEST_F(QVDaemonCommandTest, CancelsOnSigtermWithoutLosingChangesMadeMeanwhile) {
