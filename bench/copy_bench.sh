@@ -1,23 +1,23 @@
 #!/bin/bash
-# Times QVFileCopier (through qv-copy-bench) against `cp -a` on the same mixed tree: many small files in
-# nested folders plus a few large ones. The tools take turns, each copying the tree QV_BENCH_ROUNDS
-# times (default 4), and the best time of each counts. Caches are not dropped (that would disturb everything else on
-# the machine), so both tools read a warm source alike; the disk is synced before each copy.
-# The first copy by the copier is checked against the source: contents, types, modes, sizes, times.
+# Times QVFileCopier (through qv-copy-bench) against `cp -a` on the same mixed tree: many small files
+# in nested folders plus a few large ones. The tools take turns, each copying the tree QV_BENCH_ROUNDS
+# times (default 3), and the best time of each counts. Caches are not dropped (that would disturb
+# everything else on the machine), so both tools read a warm source alike; the disk is synced before
+# each copy. The copier's first copy is checked against the source: contents, types, modes, sizes, times.
 #
 # Usage: bench/copy_bench.sh [work folder]    (default: a new folder under $TMPDIR or /tmp)
 # Environment:
 #   QV_COPY_BENCH      the qv-copy-bench program (default: the first build*/bench/qv-copy-bench found)
 #   QV_BENCH_FILES     number of small files, 1-16 KiB each (default 5000)
 #   QV_BENCH_LARGE_MB  sizes of the large files in MiB (default "100 200 300")
-#   QV_BENCH_ROUNDS    copies by each tool (default 4)
+#   QV_BENCH_ROUNDS    copies by each tool (default 3)
 set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
 files=${QV_BENCH_FILES:-5000}
 large_sizes=${QV_BENCH_LARGE_MB:-100 200 300}
-rounds=${QV_BENCH_ROUNDS:-4}
+rounds=${QV_BENCH_ROUNDS:-3}
 
 bench=${QV_COPY_BENCH:-}
 if [[ -z $bench ]]; then

@@ -317,7 +317,9 @@ bool CopyOperation::copyDirectory(int srcParent, const std::string& srcName, con
   }
 
   // Private while it fills; the source's mode (perhaps read-only) comes last.
-  if (::mkdirat(dstParent, dstName.c_str(), S_IRWXU) != 0) return fail(Side::Destination, errno, "create", dstPath);
+  if (::mkdirat(dstParent, dstName.c_str(), S_IRWXU) != 0) {
+    return fail(Side::Destination, errno, "create", dstPath);
+  }
   ScopedFd dst(::openat(dstParent, dstName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!dst.valid()) return fail(Side::Destination, errno, "open", dstPath);
   if (isTop) {
@@ -349,8 +351,10 @@ bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const st
   if (!in.valid()) {
     const int error = errno;
     struct stat st;
-    const std::uint64_t size =
-        ::fstatat(srcParent, srcName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 ? static_cast<std::uint64_t>(st.st_size) : 0;
+    std::uint64_t size = 0;
+    if (::fstatat(srcParent, srcName.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+      size = static_cast<std::uint64_t>(st.st_size);
+    }
     return fileSourceFailure(error, "open", srcPath, isTop, size);
   }
   struct stat st;
@@ -367,7 +371,9 @@ bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const st
   std::uint64_t copied = 0;
   Transfer result = copyContents(in.get(), out.get(), st, srcPath, dstPath, copied);
   if (result == Transfer::Done && !applyAttributes(out.get(), st, dstPath)) result = Transfer::Failed;
-  if (result == Transfer::Done && !out.close()) result = failTransfer(Side::Destination, errno, "write", dstPath);
+  if (result == Transfer::Done && !out.close()) {
+    result = failTransfer(Side::Destination, errno, "write", dstPath);
+  }
   if (result != Transfer::Done) {
     // Never leave a partly written file that looks like a complete copy.
     out.reset();
@@ -407,7 +413,8 @@ bool CopyOperation::copySymlink(int srcParent, const std::string& srcName, const
   }
   if (m_isRoot) ::fchownat(dstParent, dstName.c_str(), st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW);
   const struct timespec times[2] = {st.st_atim, st.st_mtim};
-  if (::utimensat(dstParent, dstName.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0 && !isUnsupportedAttribute(errno)) {
+  if (::utimensat(dstParent, dstName.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0 &&
+      !isUnsupportedAttribute(errno)) {
     const int error = errno;
     ::unlinkat(dstParent, dstName.c_str(), 0);
     return fail(Side::Destination, error, "set the attributes of", dstPath);
@@ -443,7 +450,8 @@ CopyOperation::Transfer CopyOperation::copyContents(int in, int out, const struc
     while (copied < size) {
       if (!shouldContinueIfDue()) return cancelledTransfer(srcPath);
       const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(kCopyRangeChunk, size - copied));
-      const ssize_t n = retryOnInterrupt([&] { return ::copy_file_range(in, nullptr, out, nullptr, chunk, 0); });
+      const ssize_t n =
+          retryOnInterrupt([&] { return ::copy_file_range(in, nullptr, out, nullptr, chunk, 0); });
       if (n < 0) {
         const int error = errno;
         if (error == ENOSPC || error == EDQUOT) return failTransfer(Side::Destination, error, "write", dstPath);
@@ -501,7 +509,8 @@ bool CopyOperation::applyAttributes(int fd, const struct stat& st, const std::st
   return true;
 }
 
-bool CopyOperation::sourceFailure(int error, const std::string& operation, const std::string& path, bool isTop) {
+bool CopyOperation::sourceFailure(int error, const std::string& operation, const std::string& path,
+                                  bool isTop) {
   fail(Side::Source, error, operation, path);
   if (!mayPassOver(error, isTop)) return false;
   qv::debugLog("platform", "QVFileCopier passes over " + path + ": " + m_description);
@@ -572,8 +581,9 @@ void CopyOperation::reportProgress() {
 
 }  // namespace
 
-bool QVFileCopier::copyItemReportingProgressAtPath(const std::string& sourcePath, const std::string& destinationPath,
-                                                   bool ignoringSourceErrors, QVError* error) {
+bool QVFileCopier::copyItemReportingProgressAtPath(const std::string& sourcePath,
+                                                   const std::string& destinationPath, bool ignoringSourceErrors,
+                                                   QVError* error) {
   CopyOperation operation(m_delegate, ignoringSourceErrors);
   try {
     if (operation.run(sourcePath, destinationPath)) return true;

@@ -221,7 +221,8 @@ TEST_F(QVFileCopierTest, PassesOverUnreadableItemsOnlyWhenIgnoringSourceErrors) 
     const pid_t child = fork();
     if (child == 0) {
       Outcome outcome{false, 0, false};
-      if (setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 && setresuid(65534, 65534, 65534) == 0) {
+      if (setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
+          setresuid(65534, 65534, 65534) == 0) {
         outcome = Outcome{copy(from, to, ignoring), m_error.code};
       }
       (void)!write(fds[1], &outcome, sizeof outcome);
@@ -289,7 +290,7 @@ TEST_F(QVFileCopierTest, StopsABigFileWithinEightMebibytesOfACancel) {
 }
 
 TEST_F(QVFileCopierTest, KeepsTheFilesCopiedBeforeACancelBetweenFiles) {
-  for (int i = 0; i < 6; ++i) qvtest::writeFile(m_dir / ("src/file" + std::to_string(i)), "data" + std::to_string(i));
+  for (int i = 0; i < 6; ++i) qvtest::writeFile(m_dir / ("src/f" + std::to_string(i)), std::to_string(i));
   m_delegate.answer = [&] { return m_delegate.asks <= 3; };  // the folder, then two files
   EXPECT_FALSE(copy(m_dir / "src", m_dir / "dst"));
   EXPECT_EQ(m_error.code, -128);

@@ -1,14 +1,28 @@
 #include "support/QVAgentTestSupport.h"
 
-#include <chrono>
-
 #include "platform/QVConstants.h"
+#include "platform/QVKeychain.h"
 #include "platform/QVUserDefaults.h"
 
 namespace qvtest {
 
 namespace {
 constexpr const char* kAgentKey = "QVBackupAgent";
+}
+
+LogCapture::LogCapture()
+    : m_previous(qv::setLogSink([this](const std::string& line) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_lines.push_back(line);
+      })) {}
+
+LogCapture::~LogCapture() { qv::setLogSink(m_previous); }
+
+std::vector<std::string> LogCapture::lines(bool clear) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::vector<std::string> lines = m_lines;
+  if (clear) m_lines.clear();
+  return lines;
 }
 
 void writeAgentPreferences(const IsolatedEnvironment& env, const QVDictionary& agentPreferences,
@@ -24,62 +38,101 @@ QVDictionary agentPreferencesInMemory() {
 
 QVDictionary agentPreferencesOnDisk(const IsolatedEnvironment& env) {
   std::optional<QVValue> root = qv::parseJSON(readFile(env.preferencesPath()));
-  if (!root || !root->dictionary()) return {};
-  const QVValue* agent = qv::valueForKey(*root->dictionary(), kAgentKey);
-  return agent && agent->dictionary() ? *agent->dictionary() : QVDictionary{};
+  const QVValue agent = root && root->dictionary() ? valueIn(root->dictionary(), kAgentKey) : QVValue();
+  return agent.dictionary() ? *agent.dictionary() : QVDictionary{};
 }
 
-const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key,
-                                 const std::string& identifier) {
+const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key, const std::string& identifier) {
   const QVValue* records = qv::valueForKey(preferences, key);
   if (!records || !records->array()) return nullptr;
-  for (const QVValue& record : *records->array()) {
-    if (!record.dictionary()) continue;
-    const QVValue* id = qv::valueForKey(*record.dictionary(), kQVIdentifierKey);
-    if (id && id->string() && *id->string() == identifier) return record.dictionary();
-  }
+  for (const QVValue& record : *records->array())
+    if (record.dictionary() && valueIn(record.dictionary(), kQVIdentifierKey) == QVValue(identifier))
+      return record.dictionary();
   return nullptr;
+}
+
+QVValue valueIn(const QVDictionary* record, const std::string& key) {
+  const QVValue* value = record ? qv::valueForKey(*record, key) : nullptr;
+  return value ? *value : QVValue();
 }
 
 QVValue storedValue(const QVDictionary& preferences, const std::string& key, const std::string& identifier,
                     const std::string& field) {
-  const QVDictionary* record = storedRecord(preferences, key, identifier);
-  const QVValue* value = record ? qv::valueForKey(*record, field) : nullptr;
-  return value ? *value : QVValue();
+  return valueIn(storedRecord(preferences, key, identifier), field);
 }
 
 std::size_t storedRecordCount(const QVDictionary& preferences, const std::string& key) {
-  const QVValue* records = qv::valueForKey(preferences, key);
-  return records && records->array() ? records->array()->size() : 0;
-}
-
-bool containsKeyAnywhere(const QVValue& value, const std::string& key) {
-  if (const QVDictionary* dictionary = value.dictionary()) {
-    for (const auto& [name, child] : *dictionary)
-      if (name == key || containsKeyAnywhere(child, key)) return true;
-  } else if (const QVArray* array = value.array()) {
-    for (const QVValue& child : *array)
-      if (containsKeyAnywhere(child, key)) return true;
-  }
-  return false;
+  const QVValue records = valueIn(&preferences, key);
+  return records.array() ? records.array()->size() : 0;
 }
 
 QVTarget davTarget(const std::string& identifier, const std::string& title, const std::optional<std::string>& user,
                    const std::optional<std::string>& pass) {
-  QVTarget target;
-  target.identifier = identifier;
-  target.title = title;
-  target.type = "dav";
-  target.path = "/backups";
-  target.server = "dav.example.org";
-  target.port = 8443;
-  target.user = user;
-  target.pass = pass;
-  return target;
+  return {.identifier = identifier, .title = title, .type = "dav", .path = "/backups", .server = "dav.example.org",
+          .port = 8443, .user = user, .pass = pass};
 }
 
-QVDate nowInSeconds() {
-  return std::chrono::time_point_cast<std::chrono::seconds>(std::chrono::system_clock::now());
+AgentTest::~AgentTest() {
+  agent.reset();
+  ScriptedTarget::uninstall();
+}
+
+QVBackupAgent& AgentTest::start() {
+  agent = std::make_unique<QVBackupAgent>(&host);
+  delegate = std::make_shared<RecordingDelegate>(host.journal);
+  agent->setDelegate(delegate);
+  host.journal->clear();
+  return *agent;
+}
+
+QVBackupAgent& AgentTest::restart() {
+  agent.reset();
+  QVUserDefaults::resetStandardUserDefaults();
+  QVKeychain::setSharedProxy(nullptr);
+  return start();
+}
+
+std::string AgentTest::makeFile(const std::string& relative) {
+  const std::string path = env.root() + "/files/" + relative;
+  writeFile(path, "data");
+  return path;
+}
+
+QVGroupRef AgentTest::groupNamed(const std::string& title) const {
+  for (const auto& group : agent->groups())
+    if (group->title == title) return group;
+  return nullptr;
+}
+
+void AgentTest::expectDavCredentialsFollowTheKeychain(const std::string& identifier, const std::string& password) {
+  const std::string label = "Stellwin Backup password for Office NAS";
+  start().createTargetWithDictionary(davTarget(identifier, "Office NAS", "ann@example.org", password));
+  const std::string service = agent->serviceIdForTargetId(identifier);
+  auto item = QVKeychain::sharedProxy().keychainItemWithService(service);
+  ASSERT_TRUE(item);
+  EXPECT_EQ(item->username(), "ann@example.org");
+  EXPECT_EQ(item->label(), label);
+  auto destination = QVBackupTarget::targetWithOptions(*agent->targetWithIdentifier(identifier));
+  ASSERT_TRUE(destination);
+  EXPECT_EQ(destination->username(), "ann@example.org");
+  EXPECT_EQ(destination->password(), password);
+
+  QVTarget loaded = *restart().targetWithIdentifier(identifier);
+  EXPECT_EQ(loaded.user, "ann@example.org");
+  EXPECT_EQ(loaded.pass, password);
+  loaded.user.reset();
+  loaded.pass.reset();
+  agent->updateTarget(loaded);
+  EXPECT_FALSE(QVKeychain::sharedProxy().keychainItemWithService(service));
+  EXPECT_FALSE(destination->password());
+  loaded.user = "bob";
+  loaded.pass = "n3w";
+  agent->updateTarget(loaded);
+  item = QVKeychain::sharedProxy().keychainItemWithService(service);
+  ASSERT_TRUE(item);
+  EXPECT_EQ(item->label(), label);
+  EXPECT_EQ(destination->username(), "bob");
+  EXPECT_EQ(destination->password(), "n3w");
 }
 
 }  // namespace qvtest

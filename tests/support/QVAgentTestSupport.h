@@ -1,45 +1,83 @@
-// Helpers for the agent's tests: preferences written before an agent starts, the agent's dictionary as
-// the store holds it in memory (saved) and on disk (synchronised), stored records looked up by
-// identifier, and a networked destination record. Main thread, like the agent.
+// Helpers for the agent's tests: captured log lines, the agent's preferences as written beforehand, as
+// saved (in memory) and as synchronised (on disk), stored records by identifier, and AgentTest, the
+// fixture of an agent with a recording host and delegate. Main thread, like the agent.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
+#include "agent/QVBackupAgent.h"
+#include "platform/QVLog.h"
 #include "platform/QVValue.h"
+#include "support/QVRecordingHost.h"
+#include "support/QVScriptedTarget.h"
 #include "support/QVTestSupport.h"
 #include "targets/QVTarget.h"
 
 namespace qvtest {
 
-// Writes preferences.json so that it holds agentPreferences under "QVBackupAgent", beside extra
-// top-level keys. Requires: the standard store has not read the file yet.
+// Collects the log lines written, from any thread, while it lives.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  std::vector<std::string> lines(bool clear = false);
+
+ private:
+  std::mutex m_mutex;
+  std::vector<std::string> m_lines;
+  qv::QVLogSink m_previous;
+};
+
+// Writes preferences.json with agentPreferences under "QVBackupAgent" beside otherTopLevelKeys.
+// Requires: the standard store has not read the file yet.
 void writeAgentPreferences(const IsolatedEnvironment& env, const QVDictionary& agentPreferences,
                            const QVDictionary& otherTopLevelKeys = {});
-
-// The agent's dictionary in the standard store's memory; empty when there is none.
+// The agent's dictionary in the standard store's memory, or in preferences.json; empty when missing.
 QVDictionary agentPreferencesInMemory();
-// The agent's dictionary as preferences.json holds it; empty when the file or the key is missing.
 QVDictionary agentPreferencesOnDisk(const IsolatedEnvironment& env);
 
 // The record under key ("groups" or "targets") whose "id" is identifier; nullptr when there is none.
-const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key,
-                                 const std::string& identifier);
-// The value under field of that record; a null value when the record or the field is missing.
+const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key, const std::string& identifier);
+// The value under key of a record (a null value when either is missing), and of a stored record.
+QVValue valueIn(const QVDictionary* record, const std::string& key);
 QVValue storedValue(const QVDictionary& preferences, const std::string& key, const std::string& identifier,
                     const std::string& field);
-// How many records are stored under key.
 std::size_t storedRecordCount(const QVDictionary& preferences, const std::string& key);
-// Whether key appears anywhere inside value, at any depth.
-bool containsKeyAnywhere(const QVValue& value, const std::string& key);
 
-// A WebDAV destination record with credentials (user and pass left out when user is nullopt).
+// A WebDAV destination record with credentials.
 QVTarget davTarget(const std::string& identifier, const std::string& title,
-                   const std::optional<std::string>& user, const std::optional<std::string>& pass);
+                   const std::optional<std::string>& user = std::nullopt, const std::optional<std::string>& pass = std::nullopt);
 
-// Now, cut to whole seconds so that a date survives the store's millisecond precision unchanged.
-QVDate nowInSeconds();
+// An agent in an isolated environment, with the scripted destination kind installed and the log captured.
+class AgentTest : public ::testing::Test {
+ protected:
+  AgentTest() { ScriptedTarget::install(&script); }
+  ~AgentTest() override;
+  // A new agent with a new recording delegate; the journal starts empty.
+  QVBackupAgent& start();
+  // Drops the agent, the store and the keychain as a new host would, then starts again.
+  QVBackupAgent& restart();
+  // Makes <root>/files/<relative> holding "data".
+  std::string makeFile(const std::string& relative);
+  QVGroupRef groupNamed(const std::string& title) const;
+  // A WebDAV destination made through the agent: the destination reads the credentials the agent saved,
+  // a restart loads them, removing the user deletes the keychain item, a new user recreates it labelled.
+  void expectDavCredentialsFollowTheKeychain(const std::string& identifier, const std::string& password);
+
+  IsolatedEnvironment env;
+  LogCapture logged;
+  Script script;
+  RecordingHost host;
+  std::shared_ptr<RecordingDelegate> delegate;
+  std::unique_ptr<QVBackupAgent> agent;
+};
 
 }  // namespace qvtest
 

@@ -7,11 +7,6 @@ namespace qvtest {
 
 namespace {
 Script* g_script = nullptr;
-
-std::unique_ptr<QVBackupTarget> makeScripted(const QVTarget& options) {
-  if (options.type != "scripted" || !g_script) return nullptr;
-  return std::make_unique<ScriptedTarget>(options);
-}
 }  // namespace
 
 void Script::release() {
@@ -27,7 +22,9 @@ bool Script::waitUntilBlocked(int milliseconds) {
 
 void ScriptedTarget::install(Script* script) {
   g_script = script;
-  QVBackupTarget::setTestingMaker(&makeScripted);
+  QVBackupTarget::setTestingMaker([](const QVTarget& options) -> std::unique_ptr<QVBackupTarget> {
+    return options.type == "scripted" && g_script ? std::make_unique<ScriptedTarget>(options) : nullptr;
+  });
 }
 
 void ScriptedTarget::uninstall() {
@@ -37,10 +34,9 @@ void ScriptedTarget::uninstall() {
 
 std::optional<std::vector<std::string>> ScriptedTarget::entriesInDirectoryForItem(const QVGroup&) {
   std::lock_guard<std::mutex> lock(g_script->mutex);
-  std::vector<std::string> listing = g_script->listing;
+  std::vector<std::string> listing;
   for (const auto& entry : g_script->entries)
-    if (std::find(listing.begin(), listing.end(), entry) == listing.end()) listing.push_back(entry);
-  for (const auto& gone : g_script->removed) listing.erase(std::remove(listing.begin(), listing.end(), gone), listing.end());
+    if (std::find(g_script->removed.begin(), g_script->removed.end(), entry) == g_script->removed.end()) listing.push_back(entry);
   return listing;
 }
 
@@ -55,31 +51,25 @@ bool ScriptedTarget::removeEntry(const std::string& entry, const QVGroup&) {
   return true;
 }
 
-bool ScriptedTarget::backupItem(const std::string&, const QVGroup&, const std::string& withName,
-                                const std::string& toEntry, QVError* error) {
-  int index;
-  {
-    std::lock_guard<std::mutex> lock(g_script->mutex);
-    index = g_script->itemsTried++;
-    g_script->names.push_back(withName);
-    if (std::find(g_script->entries.begin(), g_script->entries.end(), toEntry) == g_script->entries.end())
-      g_script->entries.push_back(toEntry);
-  }
-  if (index < static_cast<int>(g_script->progress.size()))
-    for (double fraction : g_script->progress[index])
-      if (delegate()) delegate()->backupProgress(fraction);
-  if (index == g_script->blockAtItem) {
-    std::unique_lock<std::mutex> lock(g_script->mutex);
+bool ScriptedTarget::backupItem(const std::string&, const QVGroup&, const std::string&, const std::string& toEntry,
+                                QVError* error) {
+  std::unique_lock<std::mutex> lock(g_script->mutex);
+  const std::size_t index = g_script->itemsTried++;
+  if (std::find(g_script->entries.begin(), g_script->entries.end(), toEntry) == g_script->entries.end())
+    g_script->entries.push_back(toEntry);
+  lock.unlock();
+  if (index < g_script->progress.size() && delegate())
+    for (double fraction : g_script->progress[index]) delegate()->backupProgress(fraction);
+  lock.lock();
+  if (static_cast<int>(index) == g_script->blockAtItem) {
     g_script->blocked = true;
     g_script->changed.notify_all();
     while (!g_script->released && !isCancelled()) g_script->changed.wait_for(lock, std::chrono::milliseconds(5));
   }
-  if (index < static_cast<int>(g_script->failures.size()) && g_script->failures[index]) {
-    const std::int64_t code = *g_script->failures[index];
-    if (error) *error = errorWithStatusCode(code, "scripted " + std::to_string(code), std::nullopt);
-    return false;
-  }
-  return true;
+  if (index >= g_script->failures.size() || !g_script->failures[index]) return true;
+  const std::int64_t code = *g_script->failures[index];
+  if (error) *error = errorWithStatusCode(code, "scripted " + std::to_string(code), std::nullopt);
+  return false;
 }
 
 bool ScriptedTarget::isAvailable() {

@@ -1,9 +1,11 @@
-// Helpers shared by the tests: a temporary folder that removes itself, and an isolated environment that
-// points HOME, XDG_CONFIG_HOME and XDG_RUNTIME_DIR into it, so that no test touches the real user's
-// preferences, secrets or documents.
+// Shared test helpers: a temporary folder that removes itself, and an environment whose HOME and XDG
+// folders live in one, so that no test touches the real user's preferences, secrets or documents.
 #pragma once
 
+#include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace qvtest {
 
@@ -13,7 +15,6 @@ class TemporaryDirectory {
   ~TemporaryDirectory();
   TemporaryDirectory(const TemporaryDirectory&) = delete;
   TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-
   const std::string& path() const { return m_path; }
   std::string operator/(const std::string& name) const { return m_path + "/" + name; }
 
@@ -21,23 +22,23 @@ class TemporaryDirectory {
   std::string m_path;
 };
 
-// Sets HOME, XDG_CONFIG_HOME, XDG_RUNTIME_DIR and XDG_DOCUMENTS_DIR under a fresh temporary folder,
+// Points HOME, XDG_CONFIG_HOME, XDG_RUNTIME_DIR and XDG_DOCUMENTS_DIR into a fresh temporary folder,
 // unsets DBUS_SESSION_BUS_ADDRESS (so the file keychain is used), resets the standard user-defaults
 // store and the shared keychain, and undoes all of it when destroyed.
 class IsolatedEnvironment {
  public:
   IsolatedEnvironment();
   ~IsolatedEnvironment();
-
+  IsolatedEnvironment(const IsolatedEnvironment&) = delete;
+  IsolatedEnvironment& operator=(const IsolatedEnvironment&) = delete;
   const std::string& root() const { return m_dir.path(); }
-  std::string configDirectory() const { return m_dir.path() + "/config/stellwin"; }
+  std::string configDirectory() const { return root() + "/config/stellwin"; }
   std::string preferencesPath() const { return configDirectory() + "/preferences.json"; }
-  std::string home() const { return m_dir.path() + "/home"; }
+  std::string home() const { return root() + "/home"; }
 
  private:
   TemporaryDirectory m_dir;
-  struct Saved;
-  Saved* m_saved;
+  std::vector<std::pair<std::string, std::optional<std::string>>> m_saved;
 };
 
 // Writes text to a file (creating parent folders); reads a whole file ("" when missing).
