@@ -24,7 +24,7 @@ bool isNetworkedType(const std::string& type) { return type == "ftp" || type == 
 }  // namespace
 
 QVBackupAgent::QVBackupAgent(QVHostApplication* host)
-    : m_host(host), m_self(std::make_shared<QVBackupAgent*>(this)) {
+    : m_host(host), m_self(std::make_shared<QVBackupAgent*>(this)), m_weakSelf(m_self) {
   loadPrefs();
   if (m_host && m_host->hasStatusItem()) {
     m_menuItemController = std::make_unique<QVBackupMenuItemController>();

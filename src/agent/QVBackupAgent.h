@@ -158,6 +158,8 @@ class QVBackupAgent : public QVNCTemplateDelegate {
   std::unique_ptr<QVWakeMonitor> m_wakeMonitor;
   // Values under "groups" and "targets" that could not be read; written back under "<key>-unreadable".
   QVDictionary m_unreadablePrefs;
-  // Posted work holds a weak reference to this; it is gone once the agent is.
+  // Posted work holds a weak reference to this; it is gone once the agent is. m_weakSelf is written
+  // only by the constructor, so run threads may copy it while the main thread lets m_self go.
   std::shared_ptr<QVBackupAgent*> m_self;
+  const std::weak_ptr<QVBackupAgent*> m_weakSelf;
 };

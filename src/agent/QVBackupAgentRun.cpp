@@ -67,7 +67,7 @@ std::string uniqueItemName(const std::string& path, std::vector<std::string>& us
 
 template <typename F>
 void QVBackupAgent::postToSelf(F&& work) {
-  std::weak_ptr<QVBackupAgent*> self = m_self;
+  std::weak_ptr<QVBackupAgent*> self = m_weakSelf;
   qv::postToMainThread([self, work = std::forward<F>(work)]() mutable {
     if (auto agent = self.lock()) work(**agent);
   });
@@ -135,7 +135,7 @@ void QVBackupAgent::backupGroup(const QVGroupRef& group, bool notifyHostApp) {
         qv::stringWithFormat(QVLocalizedString("Unable to backup group %@. The group is empty.", this), {group->title});
     notification.tag = groupID;
     notification.button1Text = QVLocalizedString("More...", this);
-    std::weak_ptr<QVBackupAgent*> self = m_self;
+    std::weak_ptr<QVBackupAgent*> self = m_weakSelf;
     notification.button1Action = [self](const std::string& userInfo) {
       if (auto agent = self.lock()) (*agent)->showGroupWithID(userInfo);
     };

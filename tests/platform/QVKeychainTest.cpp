@@ -39,8 +39,7 @@ TEST_F(QVKeychainTest, AddsLooksUpUpdatesAndDeletesAndItemSettersWriteThrough) {
   ASSERT_TRUE(keychain->addGenericKeychainItemForService("A", "alice", "P4ss 1"));
   ASSERT_TRUE(keychain->addGenericKeychainItemForService("B", "bob", "P4ss B"));
   auto item = keychain->keychainItemWithService("A");
-  ASSERT_TRUE(item);
-  EXPECT_EQ(fields(*item), std::make_tuple("alice", "P4ss 1", "A"));
+  EXPECT_EQ(fields(item.value()), std::make_tuple("alice", "P4ss 1", "A"));
   // A second keychain on the same file stands for another process: it sees each change at once, and adding
   // over an item keeps its label.
   item->setLabel("NAS");

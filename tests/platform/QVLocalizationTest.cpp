@@ -10,7 +10,7 @@ namespace {
 
 TEST(QVStringWithFormatTest, FillsSequentialAndPositionalPlaceholdersAndKeepsPercentSigns) {
   const std::vector<std::pair<std::string, std::string>> cases = {
-      {qv::stringWithFormat("%@ has %d, %ld, %llu", {"Photos", 3, std::int64_t{-7}, std::uint64_t{18446744073709551615ULL}}),
+      {qv::stringWithFormat("%@ has %d, %ld, %llu", {"Photos", 3, std::int64_t{-7}, std::uint64_t{UINT64_MAX}}),
        "Photos has 3, -7, 18446744073709551615"},
       {qv::stringWithFormat("%s/%i/%u %.2f%%", {"a b", 42, 5, 0.375}), "a b/42/5 0.38%"},
       {qv::stringWithFormat("%@ %@ (%d)", {7, 2.5, "text"}), "7 2.5 (text)"},  // any argument prints naturally

@@ -68,8 +68,17 @@ std::size_t storedRecordCount(const QVDictionary& preferences, const std::string
 
 QVTarget davTarget(const std::string& identifier, const std::string& title, const std::optional<std::string>& user,
                    const std::optional<std::string>& pass) {
-  return {.identifier = identifier, .title = title, .type = "dav", .path = "/backups", .server = "dav.example.org",
-          .port = 8443, .user = user, .pass = pass};
+  QVTarget target = targetRecord(identifier, title, "dav", "/backups");
+  target.server = "dav.example.org";
+  target.port = 8443;
+  target.user = user;
+  target.pass = pass;
+  return target;
+}
+
+QVTarget targetRecord(const std::string& identifier, const std::string& title, const std::string& type,
+                      const std::string& path) {
+  return QVTarget::fromDictionary({{"id", identifier}, {"title", title}, {"type", type}, {"path", path}});
 }
 
 AgentTest::~AgentTest() {
@@ -78,18 +87,17 @@ AgentTest::~AgentTest() {
 }
 
 QVBackupAgent& AgentTest::start() {
+  host.journal->clear();
   agent = std::make_unique<QVBackupAgent>(&host);
   delegate = std::make_shared<RecordingDelegate>(host.journal);
   agent->setDelegate(delegate);
-  host.journal->clear();
   return *agent;
 }
 
-QVBackupAgent& AgentTest::restart() {
+void AgentTest::stop() {
   agent.reset();
   QVUserDefaults::resetStandardUserDefaults();
   QVKeychain::setSharedProxy(nullptr);
-  return start();
 }
 
 std::string AgentTest::makeFile(const std::string& relative) {

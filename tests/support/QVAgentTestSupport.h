@@ -51,7 +51,9 @@ QVValue storedValue(const QVDictionary& preferences, const std::string& key, con
                     const std::string& field);
 std::size_t storedRecordCount(const QVDictionary& preferences, const std::string& key);
 
-// A WebDAV destination record with credentials.
+// A destination record of type at path; a WebDAV one with credentials.
+QVTarget targetRecord(const std::string& identifier, const std::string& title, const std::string& type,
+                      const std::string& path);
 QVTarget davTarget(const std::string& identifier, const std::string& title,
                    const std::optional<std::string>& user = std::nullopt, const std::optional<std::string>& pass = std::nullopt);
 
@@ -60,10 +62,11 @@ class AgentTest : public ::testing::Test {
  protected:
   AgentTest() { ScriptedTarget::install(&script); }
   ~AgentTest() override;
-  // A new agent with a new recording delegate; the journal starts empty.
+  // A new agent with a new recording delegate; the journal starts with what they said on creation.
   QVBackupAgent& start();
-  // Drops the agent, the store and the keychain as a new host would, then starts again.
-  QVBackupAgent& restart();
+  // Drops the agent, the store and the keychain as a new host would (then starts again).
+  void stop();
+  QVBackupAgent& restart() { return stop(), start(); }
   // Makes <root>/files/<relative> holding "data".
   std::string makeFile(const std::string& relative);
   QVGroupRef groupNamed(const std::string& title) const;

@@ -20,8 +20,9 @@ using T = QVBackupTarget;
 namespace {
 
 QVTarget optionsOfType(const std::string& type) {
-  return {.identifier = "4F1C2A9E-0000-4000-8000-000000000001", .title = "Office NAS", .type = type,
-          .path = "/backups", .server = "nas.local"};
+  QVTarget options = qvtest::targetRecord("4F1C2A9E-0000-4000-8000-000000000001", "Office NAS", type, "/backups");
+  options.server = "nas.local";
+  return options;
 }
 
 // The part every destination shares, on the base class, with the file keychain of an isolated environment.
