@@ -1,22 +1,15 @@
 #include "support/QVAgentTestSupport.h"
 
-#include "platform/QVConstants.h"
 #include "platform/QVKeychain.h"
 #include "platform/QVUserDefaults.h"
 
 namespace qvtest {
-
-namespace {
-constexpr const char* kAgentKey = "QVBackupAgent";
-}
 
 LogCapture::LogCapture()
     : m_previous(qv::setLogSink([this](const std::string& line) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_lines.push_back(line);
       })) {}
-
-LogCapture::~LogCapture() { qv::setLogSink(m_previous); }
 
 std::vector<std::string> LogCapture::lines(bool clear) {
   std::lock_guard<std::mutex> lock(m_mutex);
@@ -28,26 +21,25 @@ std::vector<std::string> LogCapture::lines(bool clear) {
 void writeAgentPreferences(const IsolatedEnvironment& env, const QVDictionary& agentPreferences,
                            const QVDictionary& otherTopLevelKeys) {
   QVDictionary root = otherTopLevelKeys;
-  root[kAgentKey] = agentPreferences;
+  root["QVBackupAgent"] = agentPreferences;
   writeFile(env.preferencesPath(), qv::toJSON(QVValue(root), true));
 }
 
 QVDictionary agentPreferencesInMemory() {
-  return QVUserDefaults::standardUserDefaults().dictionaryForKey(kAgentKey).value_or(QVDictionary{});
+  return QVUserDefaults::standardUserDefaults().dictionaryForKey("QVBackupAgent").value_or(QVDictionary{});
 }
 
 QVDictionary agentPreferencesOnDisk(const IsolatedEnvironment& env) {
   std::optional<QVValue> root = qv::parseJSON(readFile(env.preferencesPath()));
-  const QVValue agent = root && root->dictionary() ? valueIn(root->dictionary(), kAgentKey) : QVValue();
+  const QVValue agent = root && root->dictionary() ? valueIn(root->dictionary(), "QVBackupAgent") : QVValue();
   return agent.dictionary() ? *agent.dictionary() : QVDictionary{};
 }
 
 const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key, const std::string& identifier) {
   const QVValue* records = qv::valueForKey(preferences, key);
-  if (!records || !records->array()) return nullptr;
-  for (const QVValue& record : *records->array())
-    if (record.dictionary() && valueIn(record.dictionary(), kQVIdentifierKey) == QVValue(identifier))
-      return record.dictionary();
+  if (records && records->array())
+    for (const QVValue& record : *records->array())
+      if (record.dictionary() && valueIn(record.dictionary(), "id") == QVValue(identifier)) return record.dictionary();
   return nullptr;
 }
 
@@ -61,9 +53,9 @@ QVValue storedValue(const QVDictionary& preferences, const std::string& key, con
   return valueIn(storedRecord(preferences, key, identifier), field);
 }
 
-std::size_t storedRecordCount(const QVDictionary& preferences, const std::string& key) {
-  const QVValue records = valueIn(&preferences, key);
-  return records.array() ? records.array()->size() : 0;
+QVTarget targetRecord(const std::string& identifier, const std::string& title, const std::string& type,
+                      const std::string& path) {
+  return QVTarget::fromDictionary({{"id", identifier}, {"title", title}, {"type", type}, {"path", path}});
 }
 
 QVTarget davTarget(const std::string& identifier, const std::string& title, const std::optional<std::string>& user,
@@ -74,11 +66,6 @@ QVTarget davTarget(const std::string& identifier, const std::string& title, cons
   target.user = user;
   target.pass = pass;
   return target;
-}
-
-QVTarget targetRecord(const std::string& identifier, const std::string& title, const std::string& type,
-                      const std::string& path) {
-  return QVTarget::fromDictionary({{"id", identifier}, {"title", title}, {"type", type}, {"path", path}});
 }
 
 AgentTest::~AgentTest() {
@@ -101,9 +88,8 @@ void AgentTest::stop() {
 }
 
 std::string AgentTest::makeFile(const std::string& relative) {
-  const std::string path = env.root() + "/files/" + relative;
-  writeFile(path, "data");
-  return path;
+  writeFile(env.root() + "/files/" + relative, "data");
+  return env.root() + "/files/" + relative;
 }
 
 QVGroupRef AgentTest::groupNamed(const std::string& title) const {
@@ -118,7 +104,6 @@ void AgentTest::expectDavCredentialsFollowTheKeychain(const std::string& identif
   const std::string service = agent->serviceIdForTargetId(identifier);
   auto item = QVKeychain::sharedProxy().keychainItemWithService(service);
   ASSERT_TRUE(item);
-  EXPECT_EQ(item->username(), "ann@example.org");
   EXPECT_EQ(item->label(), label);
   auto destination = QVBackupTarget::targetWithOptions(*agent->targetWithIdentifier(identifier));
   ASSERT_TRUE(destination);

@@ -1,24 +1,17 @@
 // Helpers for the agent's tests: captured log lines, the agent's preferences as written beforehand, as
-// saved (in memory) and as synchronised (on disk), stored records by identifier, and AgentTest, the
-// fixture of an agent with a recording host and delegate. Main thread, like the agent.
+// saved (in memory) and as synchronised (on disk), and AgentTest, an agent with a recording host.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <ostream>
-#include <string>
-#include <vector>
 
 #include "agent/QVBackupAgent.h"
 #include "platform/QVLog.h"
-#include "platform/QVValue.h"
 #include "support/QVRecordingHost.h"
 #include "support/QVScriptedTarget.h"
 #include "support/QVTestSupport.h"
-#include "targets/QVTarget.h"
 
 namespace qvtest {
 
@@ -26,7 +19,7 @@ namespace qvtest {
 class LogCapture {
  public:
   LogCapture();
-  ~LogCapture();
+  ~LogCapture() { qv::setLogSink(m_previous); }
   std::vector<std::string> lines(bool clear = false);
 
  private:
@@ -35,40 +28,38 @@ class LogCapture {
   qv::QVLogSink m_previous;
 };
 
-// Writes preferences.json with agentPreferences under "QVBackupAgent" beside otherTopLevelKeys.
-// Requires: the standard store has not read the file yet.
+// Writes preferences.json with agentPreferences under "QVBackupAgent" beside otherTopLevelKeys (before
+// the standard store reads it).
 void writeAgentPreferences(const IsolatedEnvironment& env, const QVDictionary& agentPreferences,
                            const QVDictionary& otherTopLevelKeys = {});
 // The agent's dictionary in the standard store's memory, or in preferences.json; empty when missing.
 QVDictionary agentPreferencesInMemory();
 QVDictionary agentPreferencesOnDisk(const IsolatedEnvironment& env);
-
 // The record under key ("groups" or "targets") whose "id" is identifier; nullptr when there is none.
 const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key, const std::string& identifier);
-// The value under key of a record (a null value when either is missing), and of a stored record.
+// The value under key of a record, and under field of a stored record; a null value when missing.
 QVValue valueIn(const QVDictionary* record, const std::string& key);
 QVValue storedValue(const QVDictionary& preferences, const std::string& key, const std::string& identifier,
                     const std::string& field);
-std::size_t storedRecordCount(const QVDictionary& preferences, const std::string& key);
 
 // A destination record of type at path; a WebDAV one with credentials.
 QVTarget targetRecord(const std::string& identifier, const std::string& title, const std::string& type,
                       const std::string& path);
 QVTarget davTarget(const std::string& identifier, const std::string& title,
-                   const std::optional<std::string>& user = std::nullopt, const std::optional<std::string>& pass = std::nullopt);
+                   const std::optional<std::string>& user = std::nullopt,
+                   const std::optional<std::string>& pass = std::nullopt);
 
 // An agent in an isolated environment, with the scripted destination kind installed and the log captured.
 class AgentTest : public ::testing::Test {
  protected:
   AgentTest() { ScriptedTarget::install(&script); }
   ~AgentTest() override;
-  // A new agent with a new recording delegate; the journal starts with what they said on creation.
+  // A new agent with a new recording delegate; the journal holds what they said on creation.
   QVBackupAgent& start();
   // Drops the agent, the store and the keychain as a new host would (then starts again).
   void stop();
   QVBackupAgent& restart() { return stop(), start(); }
-  // Makes <root>/files/<relative> holding "data".
-  std::string makeFile(const std::string& relative);
+  std::string makeFile(const std::string& relative);  // <root>/files/<relative>, holding "data"
   QVGroupRef groupNamed(const std::string& title) const;
   // A WebDAV destination made through the agent: the destination reads the credentials the agent saved,
   // a restart loads them, removing the user deletes the keychain item, a new user recreates it labelled.

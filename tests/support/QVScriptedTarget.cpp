@@ -7,53 +7,50 @@ namespace qvtest {
 
 namespace {
 Script* g_script = nullptr;
+using Lock = std::unique_lock<std::mutex>;
 }  // namespace
 
 void Script::release() {
-  std::lock_guard<std::mutex> lock(mutex);
+  Lock lock(mutex);
   released = true;
   changed.notify_all();
 }
 
 bool Script::waitUntilBlocked(int milliseconds) {
-  std::unique_lock<std::mutex> lock(mutex);
+  Lock lock(mutex);
   return changed.wait_for(lock, std::chrono::milliseconds(milliseconds), [&] { return blocked; });
 }
 
 void ScriptedTarget::install(Script* script) {
   g_script = script;
-  QVBackupTarget::setTestingMaker([](const QVTarget& options) -> std::unique_ptr<QVBackupTarget> {
-    return options.type == "scripted" && g_script ? std::make_unique<ScriptedTarget>(options) : nullptr;
+  QVBackupTarget::setTestingMaker(!script ? nullptr : +[](const QVTarget& options) -> std::unique_ptr<QVBackupTarget> {
+    return options.type == "scripted" ? std::make_unique<ScriptedTarget>(options) : nullptr;
   });
 }
 
-void ScriptedTarget::uninstall() {
-  QVBackupTarget::setTestingMaker(nullptr);
-  g_script = nullptr;
-}
-
 std::optional<std::vector<std::string>> ScriptedTarget::entriesInDirectoryForItem(const QVGroup&) {
-  std::lock_guard<std::mutex> lock(g_script->mutex);
-  std::vector<std::string> listing;
-  for (const auto& entry : g_script->entries)
-    if (std::find(g_script->removed.begin(), g_script->removed.end(), entry) == g_script->removed.end()) listing.push_back(entry);
+  Lock lock(g_script->mutex);
+  std::vector<std::string> listing = g_script->entries;
+  std::erase_if(listing, [](const std::string& entry) {
+    return std::find(g_script->removed.begin(), g_script->removed.end(), entry) != g_script->removed.end();
+  });
   return listing;
 }
 
 void ScriptedTarget::removeRootEntryForGroup(const QVGroup&) {
-  std::lock_guard<std::mutex> lock(g_script->mutex);
+  Lock lock(g_script->mutex);
   ++g_script->rootRemovals;
 }
 
 bool ScriptedTarget::removeEntry(const std::string& entry, const QVGroup&) {
-  std::lock_guard<std::mutex> lock(g_script->mutex);
+  Lock lock(g_script->mutex);
   g_script->removed.push_back(entry);
   return true;
 }
 
 bool ScriptedTarget::backupItem(const std::string&, const QVGroup&, const std::string&, const std::string& toEntry,
                                 QVError* error) {
-  std::unique_lock<std::mutex> lock(g_script->mutex);
+  Lock lock(g_script->mutex);
   const std::size_t index = g_script->itemsTried++;
   if (std::find(g_script->entries.begin(), g_script->entries.end(), toEntry) == g_script->entries.end())
     g_script->entries.push_back(toEntry);
@@ -73,7 +70,7 @@ bool ScriptedTarget::backupItem(const std::string&, const QVGroup&, const std::s
 }
 
 bool ScriptedTarget::isAvailable() {
-  std::lock_guard<std::mutex> lock(g_script->mutex);
+  Lock lock(g_script->mutex);
   return g_script->unavailableAfterItems < 0 || g_script->itemsTried < g_script->unavailableAfterItems;
 }
 

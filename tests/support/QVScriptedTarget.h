@@ -33,16 +33,16 @@ struct Script {
 class ScriptedTarget : public QVBackupTarget {
  public:
   using QVBackupTarget::QVBackupTarget;
+  // Makes "scripted" destinations from now on, answering from script (which must outlive them).
+  static void install(Script* script);
+  static void uninstall() { install(nullptr); }
+
   std::optional<std::vector<std::string>> entriesInDirectoryForItem(const QVGroup& group) override;
   void removeRootEntryForGroup(const QVGroup& group) override;
   bool removeEntry(const std::string& entry, const QVGroup& forItem) override;
   bool backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,
                   const std::string& toEntry, QVError* error) override;
   bool isAvailable() override;
-
-  // Makes "scripted" destinations from now on, answering from script (which must outlive them).
-  static void install(Script* script);
-  static void uninstall();
 };
 
 }  // namespace qvtest

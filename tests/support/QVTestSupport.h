@@ -29,8 +29,6 @@ class IsolatedEnvironment {
  public:
   IsolatedEnvironment();
   ~IsolatedEnvironment();
-  IsolatedEnvironment(const IsolatedEnvironment&) = delete;
-  IsolatedEnvironment& operator=(const IsolatedEnvironment&) = delete;
   const std::string& root() const { return m_dir.path(); }
   std::string configDirectory() const { return root() + "/config/stellwin"; }
   std::string preferencesPath() const { return configDirectory() + "/preferences.json"; }

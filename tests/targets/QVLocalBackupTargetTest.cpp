@@ -6,26 +6,24 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <functional>
 
 #include "support/QVTestSupport.h"
 
 namespace fs = std::filesystem;
 
-namespace {
-
 constexpr const char* kEntry = "20240105143007.backup";
 
-// Records what a destination reports: the totals as a negative fraction -files, then the fractions.
+QVTarget localOptions(const std::string& path) {
+  return QVTarget::fromDictionary({{"id", "L1"}, {"title", "My Mac"}, {"type", "local"}, {"path", path}});
+}
+
 struct RecordingProgress : QVTargetProgressDelegate {
-  std::vector<double> events;
-  std::uint64_t size = 0;
-  std::function<void()> onCalculated = [] {};
+  std::vector<double> events;  // the totals as -files, then the fractions
+  QVBackupTarget* cancelAtTotals = nullptr;
   void backupProgress(double fraction) override { events.push_back(fraction); }
-  void backupCalculatedFiles(std::uint64_t files, std::uint64_t bytes) override {
+  void backupCalculatedFiles(std::uint64_t files, std::uint64_t) override {
     events.push_back(-static_cast<double>(files));
-    size = bytes;
-    onCalculated();
+    if (cancelAtTotals) cancelAtTotals->cancel();
   }
 };
 
@@ -33,17 +31,11 @@ struct RecordingProgress : QVTargetProgressDelegate {
 class QVLocalBackupTargetTest : public ::testing::Test {
  protected:
   void SetUp() override { fs::create_directories(m_dest); }
-  void TearDown() override {
-    if (m_mounted) ::umount2(m_dest.c_str(), MNT_DETACH);
-  }
-
-  QVLocalBackupTarget target(const std::string& path) {
-    return QVLocalBackupTarget(QVTarget::fromDictionary({{"id", "L1"}, {"title", "My Mac"}, {"type", "local"}, {"path", path}}));
-  }
-  // Backs up <src>/item into the entry kEntry, under name (else the item's file name), into dest.
+  // Backs up <src>/item into kEntry under name (else its file name), on m_target or a destination at dest.
   bool backup(const std::string& item, std::string name = "", const std::string& dest = "") {
     if (name.empty()) name = fs::path(item).filename();
-    return target(dest.empty() ? m_dest : dest).backupItem(m_src + "/" + item, m_group, name, kEntry, &m_error);
+    QVLocalBackupTarget other(localOptions(dest));
+    return (dest.empty() ? m_target : other).backupItem(m_src + "/" + item, m_group, name, kEntry, &m_error);
   }
   void expectError(std::optional<std::int64_t> code, const std::string& suggestion, const std::string& item) {
     EXPECT_EQ(m_error.code, code.value_or(m_error.code));
@@ -54,16 +46,16 @@ class QVLocalBackupTargetTest : public ::testing::Test {
 
   qvtest::TemporaryDirectory m_dir;
   const std::string m_dest = m_dir / "dest", m_src = m_dir / "src", m_entry = m_dest + "/Photos/" + kEntry;
+  QVLocalBackupTarget m_target{localOptions(m_dest)};
   QVGroup m_group = QVGroup::fromDictionary({{"title", "Photos"}});
   QVError m_error;
-  bool m_mounted = false;
 };
 
 TEST_F(QVLocalBackupTargetTest, CopiesEachItemIntoTheGroupsVersionEntry) {
   qvtest::writeFile(m_src + "/Grüße an alle.txt", "hello");
   qvtest::writeFile(m_src + "/Album/2023/beach.jpg", "jpeg");
   qvtest::writeFile(m_src + "/Album/.hidden", "h");
-  EXPECT_EQ(target(m_dest + "/").pathForItem(m_group), m_dest + "/Photos");
+  EXPECT_EQ(QVLocalBackupTarget(localOptions(m_dest + "/")).pathForItem(m_group), m_dest + "/Photos");
   ASSERT_TRUE(backup("Grüße an alle.txt", "", m_dest + "/")) << m_error.message();
   // The second item goes into the entry the first one made, under the name the run gave it.
   ASSERT_TRUE(backup("Album", "Album 2")) << m_error.message();
@@ -75,7 +67,7 @@ TEST_F(QVLocalBackupTargetTest, CopiesEachItemIntoTheGroupsVersionEntry) {
   EXPECT_EQ(qvtest::readFile(m_dest + "/Work/2024 Q1/" + kEntry + "/beach.jpg"), "jpeg");
 }
 
-TEST_F(QVLocalBackupTargetTest, FailsWhenTheDestinationFolderOrTheSourceIsMissing) {
+TEST_F(QVLocalBackupTargetTest, FailsWithoutTheDestinationFolderTheSourceOrAccess) {
   qvtest::writeFile(m_src + "/a.txt", "a");
   const std::string unmounted = m_dir / "Volumes/Backup Disk";
   EXPECT_FALSE(backup("a.txt", "", unmounted));
@@ -83,11 +75,7 @@ TEST_F(QVLocalBackupTargetTest, FailsWhenTheDestinationFolderOrTheSourceIsMissin
   EXPECT_FALSE(fs::exists(unmounted)) << "the destination folder itself is never created";
   EXPECT_FALSE(backup("gone.txt", "", unmounted));  // the source is checked first
   expectError(-43, "Group item is missing for backup", "gone.txt");
-}
-
-TEST_F(QVLocalBackupTargetTest, ReportsMissingAccessWhenTheEntryCannotBeCreated) {
-  qvtest::writeFile(m_src + "/a.txt", "a");
-  qvtest::writeFile(m_dest + "/Photos", "in the way");  // a file where the group's folder belongs: fails even for root
+  qvtest::writeFile(m_dest + "/Photos", "in the way");  // where the group's folder belongs: fails even for root
   EXPECT_FALSE(backup("a.txt"));
   expectError(std::nullopt, "You do not have appropriate access privileges to save group Photos in folder dest", "a.txt");
   EXPECT_EQ(qvtest::readFile(m_dest + "/Photos"), "in the way");
@@ -98,28 +86,24 @@ TEST_F(QVLocalBackupTargetTest, KeepsAnExistingCopyAndSkipsAnItemWithNothingToCo
   qvtest::writeFile(m_src + "/Folder/new.txt", "new");
   qvtest::writeFile(m_entry + "/notes.txt", "old");
   qvtest::writeFile(m_entry + "/Folder/old.txt", "old");
-  EXPECT_TRUE(backup("notes.txt"));
-  EXPECT_TRUE(backup("Folder"));
+  EXPECT_TRUE(backup("notes.txt") && backup("Folder"));
   EXPECT_EQ(qvtest::readFile(m_entry + "/notes.txt"), "old");
-  EXPECT_TRUE(fs::exists(m_entry + "/Folder/old.txt"));
-  EXPECT_FALSE(fs::exists(m_entry + "/Folder/new.txt")) << "an existing folder is not merged into either";
+  EXPECT_TRUE(fs::exists(m_entry + "/Folder/old.txt") && !fs::exists(m_entry + "/Folder/new.txt")) << "nor merged";
 
   fs::remove_all(m_dest + "/Photos");
   fs::create_directories(m_src + "/Empty/sub");
   qvtest::writeFile(m_src + "/OnlyFinder/.DS_Store", "x");
-  EXPECT_TRUE(backup("Empty"));
-  EXPECT_TRUE(backup("OnlyFinder"));
+  EXPECT_TRUE(backup("Empty") && backup("OnlyFinder"));
   EXPECT_TRUE(fs::is_empty(m_dest)) << "no group folder or entry for an empty item";
   EXPECT_TRUE(backup("Empty", "", m_dir / "unmounted")) << "a missing destination does not matter then";
 }
 
 TEST_F(QVLocalBackupTargetTest, ListsNothingBeforeTheFirstBackupAndRemovesOnlyTheGroupsFolder) {
-  QVLocalBackupTarget t = target(m_dest);
-  EXPECT_EQ(t.entriesInDirectoryForItem(m_group), std::nullopt) << "never backed up is not an empty list";
+  EXPECT_EQ(m_target.entriesInDirectoryForItem(m_group), std::nullopt) << "never backed up is not an empty list";
   qvtest::writeFile(m_entry + "/a.txt", "x");
   qvtest::writeFile(m_dest + "/Other/" + kEntry + "/d.txt", "x");
-  EXPECT_EQ(t.entriesInDirectoryForItem(m_group), std::vector<std::string>{kEntry});
-  t.removeRootEntryForGroup(m_group);
+  EXPECT_EQ(m_target.entriesInDirectoryForItem(m_group), std::vector<std::string>{kEntry});
+  m_target.removeRootEntryForGroup(m_group);
   EXPECT_FALSE(fs::exists(m_dest + "/Photos"));
   EXPECT_TRUE(fs::exists(m_dest + "/Other/" + kEntry + "/d.txt"));
 }
@@ -127,35 +111,31 @@ TEST_F(QVLocalBackupTargetTest, ListsNothingBeforeTheFirstBackupAndRemovesOnlyTh
 TEST_F(QVLocalBackupTargetTest, FailsWithTheDiskFullErrorOnAFullVolume) {
   if (::geteuid() != 0 || ::mount("tmpfs", m_dest.c_str(), "tmpfs", 0, "size=4m") != 0)
     GTEST_SKIP() << "needs root to mount a small tmpfs";
-  m_mounted = true;
   // Leave about half a megabyte free, then copy a megabyte of real data.
   qvtest::writeFile(m_dest + "/filler", std::string(3584 * 1024, 'f'));
   qvtest::writeFile(m_src + "/Movie.mov", std::string(1024 * 1024, 'm'));
   EXPECT_FALSE(backup("Movie.mov"));
   expectError(-1429, "There is not enough disk space to perform the requested operation", "Movie.mov");
+  ::umount2(m_dest.c_str(), MNT_DETACH);
 }
 
 TEST_F(QVLocalBackupTargetTest, ReportsTheCopysProgressAndStopsWhenCancelled) {
   qvtest::writeFile(m_src + "/Album/one.jpg", std::string(1000, '1'));
   qvtest::writeFile(m_src + "/Album/sub/two.jpg", std::string(2000, '2'));
   qvtest::writeFile(m_src + "/Album/sub/empty", "");
-  QVLocalBackupTarget t = target(m_dest);
   RecordingProgress progress;
-  t.setDelegate(&progress);
-  ASSERT_TRUE(t.backupItem(m_src + "/Album", m_group, "Album", kEntry, nullptr));
+  m_target.setDelegate(&progress);
+  ASSERT_TRUE(backup("Album"));
   ASSERT_GE(progress.events.size(), 2u);
   EXPECT_EQ(progress.events.front(), -3.0) << "the totals come first, once";
-  EXPECT_EQ(progress.size, 3000u);
   EXPECT_TRUE(std::is_sorted(progress.events.begin(), progress.events.end()));
   EXPECT_GT(progress.events[1], 0.0);
   EXPECT_EQ(progress.events.back(), 1.0);
 
   // Cancelled while the copy is under way: the copy routine notices at its next question.
-  progress.onCalculated = [&] { t.cancel(); };
-  EXPECT_FALSE(t.backupItem(m_src + "/Album", m_group, "Again", kEntry, &m_error));
+  progress.cancelAtTotals = &m_target;
+  EXPECT_FALSE(backup("Album", "Again"));
   EXPECT_EQ(m_error.code, -128);
   const std::string again = m_entry + "/Again";
   EXPECT_FALSE(fs::exists(again + "/one.jpg") && fs::exists(again + "/sub/two.jpg") && fs::exists(again + "/sub/empty"));
 }
-
-}  // namespace
