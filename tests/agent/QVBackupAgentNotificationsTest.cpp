@@ -4,8 +4,6 @@
 
 #include "support/QVAgentTestSupport.h"
 
-namespace {
-
 QVGroupRef group(const std::string& id, const std::string& title) {
   return std::make_shared<QVGroup>(QVGroup::fromDictionary({{"id", id}, {"title", title}}));
 }
@@ -65,5 +63,3 @@ TEST_F(QVBackupAgentNotificationsTest, PushesTheGroupAndTheSuggestionAndOnlyTheF
   agent->ncTemplate()->buttonClicked(1);
   EXPECT_EQ(*host.journal, (qvtest::Journal{"hostAppProxy:QVBackup|QVBackupAgentDelegate", "host.showGroupsWithIDs:g1,g2,g3"}));
 }
-
-}  // namespace

@@ -12,8 +12,6 @@ using qvtest::Journal;
 using qvtest::storedRecord;
 using qvtest::storedValue;
 
-namespace {
-
 QVSchedule dailyAt(int hour) { return QVSchedule::fromDictionary({{"period", "daily"}, {"hour", hour}, {"minute", 0}}); }
 
 bool storedItemsAre(const QVDictionary& store, const std::string& groupID, const std::string& onlyItem) {
@@ -43,7 +41,7 @@ class QVBackupAgentRegistryTest : public qvtest::AgentTest {
 };
 
 TEST_F(QVBackupAgentRegistryTest, AFileIsCoveredOnlyByAFolderThatIsItsImmediateParent) {
-  startWatching().addItemsAtPaths({m_b, m_d, m_ab}, "Docs");
+  start().addItemsAtPaths({m_b, m_d, m_ab}, "Docs");
   QVGroupRef docs = groupNamed("Docs");
   agent->addItemsAtPaths({m_a}, "Docs");
   EXPECT_EQ(docs->items, (std::vector<std::string>{m_ab, m_a})) << "a name that merely begins alike stays";
@@ -183,5 +181,3 @@ TEST_F(QVBackupAgentRegistryTest, UpdatingAGroupRearmsItsTimerOnlyWhenTheSchedul
   EXPECT_FALSE(agent->timerFireDateForGroupWithID(group->identifier));
   EXPECT_EQ(agent->directoriesInGroup().count(group->identifier), 0u);
 }
-
-}  // namespace

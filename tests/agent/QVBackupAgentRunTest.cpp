@@ -15,14 +15,9 @@
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 
-namespace {
-
 class QVBackupAgentRunTest : public qvtest::AgentTest {
  protected:
-  void SetUp() override {
-    fs::create_directories(destination);
-    start();
-  }
+  void SetUp() override { start(); }
 
   // A group of the given files (made in <root>/sources) on a new destination of type at <root>/destination.
   QVGroupRef makeGroup(const std::string& title, const Lines& names, const std::string& type = "local") {
@@ -32,6 +27,7 @@ class QVBackupAgentRunTest : public qvtest::AgentTest {
       if (!fs::exists(paths.back())) qvtest::writeFile(paths.back(), "contents of " + name);
     }
     agent->addItemsAtPaths(paths, title);
+    fs::create_directories(destination);
     const std::string targetID = qv::stringWithUUID();
     agent->createTargetWithDictionary(qvtest::targetRecord(targetID, title, type, destination));
     auto group = std::make_shared<QVGroup>(*agent->groups().back());
@@ -85,10 +81,9 @@ TEST_F(QVBackupAgentRunTest, CopiesEveryItemUnderAUniqueNameAndReportsInOrder) {
   EXPECT_FALSE(host.linesStartingWith("delegate.backupProgress:").empty());
   EXPECT_EQ(host.animations, 0);
   // The menu's status line tells the last backup again.
-  auto items = agent->menuItems();
-  ASSERT_TRUE(items);
-  EXPECT_EQ(items->back()->submenu()->itemAtIndex(0).title().rfind("Last backup: ", 0), 0u);
-  EXPECT_TRUE(items->back()->submenu()->itemAtIndex(3).isHidden());
+  auto menu = agent->menuItems().value().back()->submenu();
+  EXPECT_EQ(menu->itemAtIndex(0).title().rfind("Last backup: ", 0), 0u);
+  EXPECT_TRUE(menu->itemAtIndex(3).isHidden());
 }
 
 TEST_F(QVBackupAgentRunTest, PrunesOnlyVersionsAndKeepsTheNewest) {
@@ -184,9 +179,8 @@ TEST_F(QVBackupAgentRunTest, AnEmptyGroupIsSilentForTheHostAndRetriedForATimer) 
 
   const QVDate before = std::chrono::system_clock::now();
   agent->backupGroupWithID(group->identifier, false);  // a timer or the menu asks
-  const std::string text = "Unable to backup group Empty. The group is empty.";
   EXPECT_EQ(*host.journal, (Lines{"delegate.backupDidEndForGroup:Empty", "removeNotificationWithTag:" + group->identifier,
-                                  "showNotification:" + text}));
+                                  "showNotification:Unable to backup group Empty. The group is empty."}));
   ASSERT_EQ(host.shownNotifications.size(), 1u);
   const QVNotification& shown = host.shownNotifications[0];
   EXPECT_EQ(shown.tag, group->identifier);
@@ -225,10 +219,9 @@ TEST_F(QVBackupAgentRunTest, ANewDelegateHearsTheProgressOfRunsUnderWay) {
 
   auto late = std::make_shared<qvtest::RecordingDelegate>(std::make_shared<qvtest::Journal>());
   agent->setDelegate(late);
-  const std::string id = group->identifier;
-  EXPECT_EQ(*late->journal, (Lines{"delegate.setLastBackupDate:none", "delegate.groupsAndTargets:1|2",
-                                   "delegate.backupProgress:0.00|" + id + "|0", "delegate.backupProgress:1.00|" + id + "|0",
-                                   "delegate.backupProgress:1.00|" + id + "|1", "delegate.backupProgress:0.50|" + id + "|2"}));
+  const std::string id = "|" + group->identifier + "|", p = "delegate.backupProgress:";
+  EXPECT_EQ(*late->journal, (Lines{"delegate.setLastBackupDate:none", "delegate.groupsAndTargets:1|2", p + "0.00" + id + "0",
+                                   p + "1.00" + id + "0", p + "1.00" + id + "1", p + "0.50" + id + "2"}));
   script.release();
   ASSERT_TRUE(waitForEnd(group));
   EXPECT_TRUE(host.linesStartingWith("delegate.backupDidEnd").empty()) << "the old delegate is told nothing more";
@@ -250,5 +243,3 @@ TEST(QVBackupAgentRunNames, VersionAndItemNames) {
       {"/b/archive.tar.gz", "archive.tar-1.gz"}, {"/c/notes-1.txt", "notes-1-1.txt"}};
   for (const auto& [path, name] : items) EXPECT_EQ(qv::uniqueItemName(path, used), name) << path;
 }
-
-}  // namespace

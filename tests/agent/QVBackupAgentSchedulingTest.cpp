@@ -4,32 +4,27 @@
 #include <gtest/gtest.h>
 
 #include "platform/QVRunLoop.h"
-#include "platform/QVUserDefaults.h"
 #include "support/QVAgentTestSupport.h"
 
 using namespace std::chrono_literals;
 
-namespace {
-
-QVSchedule daily() { return QVSchedule::fromDictionary({{"period", "daily"}, {"hour", 3}, {"minute", 0}}); }
-QVSchedule manual() { return QVSchedule{}; }
+QVDictionary daily() { return {{"period", "daily"}, {"hour", 3}, {"minute", 0}}; }
+QVDictionary manual() { return {{"period", "manual"}}; }
 QVDate now() { return std::chrono::system_clock::now(); }
 
 class QVBackupAgentSchedulingTest : public qvtest::AgentTest {
  protected:
   // Stores one scripted destination and groups (id, schedule, last attempt) of one file, then starts.
-  void start(const std::vector<std::tuple<std::string, QVSchedule, std::optional<QVDate>>>& groups) {
+  void start(const std::vector<std::tuple<std::string, QVDictionary, std::optional<QVDate>>>& groups) {
     QVArray stored;
     for (const auto& [id, schedule, lastAttempt] : groups) {
-      QVGroup group = QVGroup::fromDictionary(
-          {{"id", id}, {"title", id}, {"items", QVArray{makeFile("source.txt")}}, {"target", "T"}, {"versions", 3}});
-      group.schedule = schedule;
-      group.lastBackupAttemptDate = lastAttempt;
-      stored.emplace_back(group.dictionary());
+      QVDictionary group = {{"id", id}, {"title", id}, {"items", QVArray{makeFile("source.txt")}}, {"target", "T"},
+                            {"schedule", schedule}, {"versions", 3}};
+      if (lastAttempt) group["lastBackupAttemptDate"] = *lastAttempt;
+      stored.emplace_back(group);
     }
-    const QVTarget target = qvtest::targetRecord("T", "Scripted", "scripted", env.root());
-    QVUserDefaults::standardUserDefaults().setObject(
-        QVDictionary{{"targets", QVArray{QVValue(target.dictionary())}}, {"groups", stored}}, "QVBackupAgent");
+    const QVDictionary target = {{"id", "T"}, {"title", "Scripted"}, {"type", "scripted"}, {"path", env.root()}};
+    qvtest::writeAgentPreferences(env, {{"targets", QVArray{target}}, {"groups", stored}});
     AgentTest::start();
   }
   bool runUntilIdle(const std::string& id) {
@@ -64,7 +59,7 @@ TEST_F(QVBackupAgentSchedulingTest, ArmsOneTimerPerScheduledGroupWithOrWithoutTh
 }
 
 TEST_F(QVBackupAgentSchedulingTest, AGroupDueWhileAsleepRunsAtOnceAfterLoad) {
-  const QVDate longAgo = now() - 72h;
+  const QVDate longAgo = std::chrono::floor<std::chrono::seconds>(now() - 72h);  // survives being stored
   start({{"overdue", daily(), longAgo}});
   QVGroupRef g = agent->groupWithIdentifier("overdue");
   ASSERT_TRUE(qv::runMainLoopUntil(
@@ -123,5 +118,3 @@ TEST_F(QVBackupAgentSchedulingTest, ATimerStillWaitingWhenARunEndsFiresBesideThe
   ASSERT_TRUE(runUntilIdle("g"));
   EXPECT_EQ(agent->numberOfArmedTimers(), 2u);
 }
-
-}  // namespace

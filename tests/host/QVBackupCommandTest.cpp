@@ -49,7 +49,8 @@ TEST_F(QVBackupCommandTest, ReportsMissingItemsEmptyGroupsAndDestinationsThatAre
   }
   EXPECT_EQ(outcomes, json::parse(R"([
       {"title": "Mixed", "outcome": "complete with missing items", "statusCode": 0, "message": null},
-      {"title": "Hollow", "outcome": "empty", "statusCode": null, "message": "the group is empty; nothing to back up"}])"));
+      {"title": "Hollow", "outcome": "empty", "statusCode": null,
+       "message": "the group is empty; nothing to back up"}])"));
   EXPECT_NE(result.err.find("group \"Hollow\" is empty; nothing to back up"), std::string::npos) << result.err;
 
   // The destination's folder deleted: its message, once on each stream.
@@ -77,7 +78,7 @@ TEST_F(QVBackupCommandTest, DrawsARisingProgressBarOnATerminal) {
   EXPECT_EQ(screen.status, 0) << screen.out;
   std::vector<int> percents;
   const std::regex percent("([0-9]+)%");
-  for (auto it = std::sregex_iterator(screen.out.begin(), screen.out.end(), percent); it != std::sregex_iterator(); ++it)
+  for (std::sregex_iterator it(screen.out.begin(), screen.out.end(), percent), end; it != end; ++it)
     percents.push_back(std::stoi((*it)[1]));
   EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end())) << screen.out;
   // At least 0% and one later value: progress arrives every 200 ms, so a fast disk shows few.
@@ -89,7 +90,7 @@ TEST_F(QVBackupCommandTest, CancelsOnInterruptAndExitsWith130) {
   runJSON({"group", "add", "Big", makeFile("big.bin", "", 4ull << 30)});
   RunningProgram program({"backup", "Big"});
   ASSERT_TRUE(program.waitFor([&] { return copying("Big", "big.bin"); }, std::chrono::seconds(60))) << program.err;
-  program.signal(SIGINT);
+  kill(program.pid, SIGINT);
   ProgramResult result = program.finish(std::chrono::seconds(60));
   EXPECT_EQ(result.status, 130) << result.err;
   EXPECT_EQ(result.out, "Big: cancelled\n");

@@ -42,10 +42,10 @@ TEST_F(QVDaemonCommandTest, RunsDueGroupsSavesEachOutcomeAtOnceAndReArmsOnWake) 
   EXPECT_EQ(runJSON({"versions", "Photos", "--json"}).size(), 1u);
 
   // Photos (now a day ahead) and Weekly, never the manual group; Photos is not due again.
-  daemon.signal(SIGUSR1);
+  kill(daemon.pid, SIGUSR1);
   EXPECT_TRUE(daemon.waitFor(logged(daemon, "wake: re-armed 2 timers\n"), seconds(10))) << daemon.err;
   EXPECT_EQ(daemon.err.find("started \"Photos\""), daemon.err.rfind("started \"Photos\"")) << daemon.err;
-  daemon.signal(SIGTERM);
+  kill(daemon.pid, SIGTERM);
   ProgramResult result = daemon.finish(seconds(30));
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_TRUE(result.err.ends_with("stopped\n")) << result.err;
@@ -71,7 +71,7 @@ TEST_F(QVDaemonCommandTest, RetriesAFailedRunWithinTheHour) {
   ASSERT_TRUE(next) << daemon.err;
   EXPECT_GE(*next, before + seconds(3599)) << daemon.err;
   EXPECT_LE(*next, after + seconds(3600)) << daemon.err;
-  daemon.signal(SIGTERM);
+  kill(daemon.pid, SIGTERM);
   EXPECT_EQ(daemon.finish(seconds(30)).status, 0);
 }
 
@@ -81,7 +81,7 @@ TEST_F(QVDaemonCommandTest, CancelsOnSigtermWithoutLosingChangesMadeMeanwhile) {
   RunningProgram daemon({"daemon"});
   ASSERT_TRUE(daemon.waitFor([&] { return copying("Big", "big.bin"); }, seconds(30))) << daemon.err;
   runJSON({"group", "add", "Docs", makeFile("d.txt")});  // while the run is under way
-  daemon.signal(SIGTERM);
+  kill(daemon.pid, SIGTERM);
   ProgramResult result = daemon.finish(seconds(60));
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_NE(result.err.find("\"Big\" cancelled"), std::string::npos) << result.err;

@@ -22,7 +22,8 @@ TEST_F(QVDaemonScheduleSlowTest, RunsANeverAttemptedHourlyGroupWhenItsMinuteCome
   const std::time_t start = system_clock::to_time_t(minute);
   std::tm local{};
   localtime_r(&start, &local);
-  runJSON({"group", "set", "Notes", "--schedule", "hourly:" + std::to_string(local.tm_min)});
+  const std::string schedule = "hourly:" + std::string(local.tm_min < 10, '0') + std::to_string(local.tm_min);
+  runJSON({"group", "set", "Notes", "--schedule", schedule});
 
   RunningProgram daemon({"daemon"});
   auto started = [&] { return daemon.err.find("started \"Notes\"") != std::string::npos; };
@@ -32,7 +33,7 @@ TEST_F(QVDaemonScheduleSlowTest, RunsANeverAttemptedHourlyGroupWhenItsMinuteCome
       << daemon.err;
   EXPECT_GE(system_clock::now(), minute);
   EXPECT_EQ(runJSON({"versions", "Notes", "--json"}).size(), 1u);
-  daemon.signal(SIGTERM);
+  kill(daemon.pid, SIGTERM);
   EXPECT_EQ(daemon.finish(seconds(30)).status, 0);
 }
 

@@ -16,7 +16,7 @@ constexpr const char* kInterface = R"(<node><interface name="org.freedesktop.Not
 constexpr const char* kPath = "/org/freedesktop/Notifications";
 constexpr const char* kName = "org.freedesktop.Notifications";
 
-struct Bubble { std::uint32_t replacesId = 0, id = 0; std::string body; std::vector<std::string> actions; int timeout; };
+struct Bubble { std::uint32_t replacesId, id; std::string body; std::vector<std::string> actions; int timeout; };
 
 class QVDesktopNotificationsTest : public HostTest {
  protected:
@@ -32,11 +32,11 @@ class QVDesktopNotificationsTest : public HostTest {
     static const GDBusInterfaceVTable vtable = {&QVDesktopNotificationsTest::call, nullptr, nullptr, {}};
     g_dbus_connection_register_object(m_bus, kPath, node->interfaces[0], &vtable, this, nullptr, nullptr);
     g_dbus_node_info_unref(node);
-    GVariant* owner = g_dbus_connection_call_sync(m_bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                                  "RequestName", g_variant_new("(su)", kName, 0), nullptr,
-                                                  G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
-    ASSERT_TRUE(owner);
-    g_variant_unref(owner);
+    GVariant* name = g_dbus_connection_call_sync(m_bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                 "org.freedesktop.DBus", "RequestName", g_variant_new("(su)", kName, 0),
+                                                 nullptr, G_DBUS_CALL_FLAGS_NONE, 5000, nullptr, nullptr);
+    ASSERT_TRUE(name);
+    g_variant_unref(name);
   }
   void TearDown() override {
     if (m_bus) g_dbus_connection_close_sync(m_bus, nullptr, nullptr), g_object_unref(m_bus), g_test_dbus_down(m_dbus);
@@ -46,7 +46,7 @@ class QVDesktopNotificationsTest : public HostTest {
   static void call(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method,
                    GVariant* parameters, GDBusMethodInvocation* invocation, gpointer data) {
     auto* self = static_cast<QVDesktopNotificationsTest*>(data);
-    Bubble bubble;
+    Bubble bubble{};
     const gchar* body;
     gchar** actions;
     if (std::string(method) == "GetServerInformation") {
@@ -66,7 +66,6 @@ class QVDesktopNotificationsTest : public HostTest {
       g_dbus_method_invocation_return_value(invocation, nullptr);
     }
   }
-  static void iterate() { while (g_main_context_iteration(nullptr, FALSE)) continue; }
 
   GTestDBus* m_dbus = g_test_dbus_new(G_TEST_DBUS_NONE);
   GDBusConnection* m_bus = nullptr;
@@ -78,7 +77,7 @@ TEST_F(QVDesktopNotificationsTest, GathersTheFailuresOfARunInOneBubbleInsteadOfS
   runJSON({"group", "add", "Photos", makeFile("p.jpg")});
   runJSON({"group", "add", "Papers", makeFile("q.pdf")});
   std::filesystem::remove_all(backups());
-  ProgramResult result = RunningProgram({"backup", "Photos", "Papers"}).finish(std::chrono::seconds(60), iterate);
+  ProgramResult result = RunningProgram({"backup", "Photos", "Papers"}).finish(std::chrono::seconds(60));
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.out.find("Photos: failed (-120)"), std::string::npos) << result.out;
   EXPECT_EQ(result.err.find("Backup for group"), std::string::npos) << "shown as a bubble:\n" << result.err;
@@ -105,13 +104,13 @@ TEST_F(QVDesktopNotificationsTest, DaemonShowsTheGroupOnViewDetailsButNotOnCance
     makeDue("Photos");
     RunningProgram daemon({"daemon"});
     const std::size_t shown = m_bubbles.size(), closed = m_closed.size();
-    ASSERT_TRUE(daemon.waitFor([&] { return m_bubbles.size() > shown; }, std::chrono::seconds(30), iterate));
+    ASSERT_TRUE(daemon.waitFor([&] { return m_bubbles.size() > shown; }, std::chrono::seconds(30)));
     EXPECT_EQ(m_bubbles.back().body.find("Backup for group failed: Photos - "), 0u) << m_bubbles.back().body;
     g_dbus_connection_emit_signal(m_bus, nullptr, kPath, kName, "ActionInvoked",
                                   g_variant_new("(us)", m_bubbles.back().id, button.c_str()), nullptr);
-    EXPECT_TRUE(daemon.waitFor([&] { return m_closed.size() > closed; }, std::chrono::seconds(10), iterate));
-    daemon.signal(SIGTERM);
-    ProgramResult result = daemon.finish(std::chrono::seconds(30), iterate);
+    EXPECT_TRUE(daemon.waitFor([&] { return m_closed.size() > closed; }, std::chrono::seconds(10)));
+    kill(daemon.pid, SIGTERM);
+    ProgramResult result = daemon.finish(std::chrono::seconds(30));
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out.find(shownGroup) != std::string::npos, button == "1") << "button " << button << result.out;
   }

@@ -3,37 +3,36 @@
 #pragma once
 
 #include <fcntl.h>
+#include <glib.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "support/QVTestSupport.h"
 
 namespace qvtest {
 
-struct ProgramResult {
-  int status = -1;
-  std::string out, err;
-};
+struct ProgramResult { int status = -1; std::string out, err; };
 
 // Standard input is a pipe holding input; on a terminal, out has both streams and input is unused.
 struct RunningProgram : ProgramResult {
   explicit RunningProgram(std::vector<std::string> arguments, const std::string& input = "",
                           const std::string& directory = "", bool terminal = false) {
     arguments.insert(arguments.begin(), QV_TEST_PROGRAM);  // all made before fork: the child may not allocate
-    std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
+    std::vector<char*> argv(arguments.size() + 1);  // ending with a null pointer
+    std::transform(arguments.begin(), arguments.end(), argv.begin(), [](auto& argument) { return argument.data(); });
     int p[6];  // stdin, stdout and stderr, each a pipe of a read and a write end
-    if (pipe(p) || pipe(p + 2) || pipe(p + 4) || (m_pid = terminal ? forkpty(m_fds, 0, 0, 0) : fork()) < 0)
+    if (pipe(p) || pipe(p + 2) || pipe(p + 4) || (pid = terminal ? forkpty(m_fds, 0, 0, 0) : fork()) < 0)
       throw std::runtime_error("cannot start the program");
-    if (m_pid == 0) {
+    if (pid == 0) {
       if (!terminal) dup2(p[0], 0), dup2(p[3], 1), dup2(p[5], 2);
       for (int fd : p) close(fd);
       if (directory.empty() || chdir(directory.c_str()) == 0) execv(argv[0], argv.data());
@@ -45,33 +44,30 @@ struct RunningProgram : ProgramResult {
     for (int fd : m_fds) fcntl(fd, F_SETFL, O_NONBLOCK);
   }
   ~RunningProgram() {
-    if (status < 0) kill(m_pid, SIGKILL), waitpid(m_pid, nullptr, 0);
-    for (int fd : m_fds) close(fd);
+    if (status < 0) kill(pid, SIGKILL), waitpid(pid, nullptr, 0);
+    close(m_fds[0]), close(m_fds[1]);
   }
-  void signal(int number) { kill(m_pid, number); }
 
-  // Reads what the program writes (calling idle between reads) until condition holds, it ends, or time is up.
-  bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout,
-               const std::function<void()>& idle = nullptr) {
+  // Reads its output and runs this thread's GLib main context until condition holds, it ends, or time is up.
+  bool waitFor(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
     for (auto deadline = std::chrono::steady_clock::now() + timeout;;) {
-      if (int raw = 0; status < 0 && waitpid(m_pid, &raw, WNOHANG) == m_pid)
+      if (int raw = 0; status < 0 && waitpid(pid, &raw, WNOHANG) == pid)
         status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
       for (int i : {0, 1})  // until nothing is left for now, or a terminal is gone
         for (char buffer[8192]; ssize_t n = read(m_fds[i], buffer, sizeof buffer);)
           if (n < 0) break; else (i ? err : out).append(buffer, n);
       if (condition() || status >= 0 || std::chrono::steady_clock::now() > deadline) return condition();
       pollfd fds[2] = {{m_fds[0], POLLIN, 0}, {m_fds[1], POLLIN, 0}};
-      if (poll(fds, 2, idle ? 10 : 50) >= 0 && idle) idle();
+      for (poll(fds, 2, 10); g_main_context_iteration(nullptr, FALSE);) continue;
     }
   }
   // Waits for the program's end, killing it after the timeout (status 137).
-  ProgramResult finish(std::chrono::milliseconds timeout = std::chrono::seconds(120),
-                       const std::function<void()>& idle = nullptr) {
-    if (!waitFor([this] { return status >= 0; }, timeout, idle))
-      kill(m_pid, SIGKILL), waitpid(m_pid, nullptr, 0), status = 137;
+  ProgramResult finish(std::chrono::milliseconds timeout = std::chrono::seconds(120)) {
+    if (!waitFor([this] { return status >= 0; }, timeout))
+      kill(pid, SIGKILL), waitpid(pid, nullptr, 0), status = 137;
     return *this;
   }
-  pid_t m_pid = -1;
+  pid_t pid = -1;
   int m_fds[2] = {-1, -1};
 };
 

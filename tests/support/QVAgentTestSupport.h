@@ -28,16 +28,15 @@ class LogCapture {
   qv::QVLogSink m_previous;
 };
 
-// Writes preferences.json with agentPreferences under "QVBackupAgent" beside otherTopLevelKeys (before
-// the standard store reads it).
+// Writes preferences.json (before the store reads it): agentPreferences under "QVBackupAgent", and more keys.
 void writeAgentPreferences(const IsolatedEnvironment& env, const QVDictionary& agentPreferences,
                            const QVDictionary& otherTopLevelKeys = {});
 // The agent's dictionary in the standard store's memory, or in preferences.json; empty when missing.
 QVDictionary agentPreferencesInMemory();
 QVDictionary agentPreferencesOnDisk(const IsolatedEnvironment& env);
-// The record under key ("groups" or "targets") whose "id" is identifier; nullptr when there is none.
+// The record under key ("groups" or "targets") with that "id" (or nullptr); the value under key of a record,
+// and under field of a stored record (a null value when missing).
 const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key, const std::string& identifier);
-// The value under key of a record, and under field of a stored record; a null value when missing.
 QVValue valueIn(const QVDictionary* record, const std::string& key);
 QVValue storedValue(const QVDictionary& preferences, const std::string& key, const std::string& identifier,
                     const std::string& field);
@@ -54,10 +53,8 @@ class AgentTest : public ::testing::Test {
  protected:
   AgentTest() { ScriptedTarget::install(&script); }
   ~AgentTest() override;
-  // A new agent with a new recording delegate; the journal holds what they said on creation.
-  QVBackupAgent& start();
-  // Drops the agent, the store and the keychain as a new host would (then starts again).
-  void stop();
+  QVBackupAgent& start();  // a new agent and recording delegate; the journal holds what they said so far
+  void stop();             // drops the agent, the store and the keychain as a new host would
   QVBackupAgent& restart() { return stop(), start(); }
   std::string makeFile(const std::string& relative);  // <root>/files/<relative>, holding "data"
   QVGroupRef groupNamed(const std::string& title) const;

@@ -15,22 +15,7 @@
 namespace qvtest {
 
 using Journal = std::vector<std::string>;
-std::string joined(const std::vector<std::string>& list);
-
-class RecordingNCTemplate : public QVNCTemplate {
- public:
-  RecordingNCTemplate(std::shared_ptr<Journal> journal, int number) : m_journal(std::move(journal)), m_number(number) {}
-
- protected:
-  void show() override {
-    const QVNCTemplateItem& item = items().back();
-    m_journal->push_back("template" + std::to_string(m_number) + ".push:" + item.name + "|" + item.userInfo);
-  }
-
- private:
-  std::shared_ptr<Journal> m_journal;
-  int m_number;
-};
+std::string joined(const Journal& list);
 
 class RecordingHost : public QVHostApplication, public QVTPAgent, public QVHostAppProxy {
  public:
@@ -39,36 +24,25 @@ class RecordingHost : public QVHostApplication, public QVTPAgent, public QVHostA
   std::size_t groupsCount = 0;
   int animations = 0;  // starts minus stops
 
-  std::vector<std::string> linesStartingWith(const std::string& prefix) const;
+  Journal linesStartingWith(const std::string& prefix) const;
   QVTPAgent* instanceWithClassName(const std::string& name) override { return name == "QVTPAgent" ? this : nullptr; }
   bool hasStatusItem() const override { return true; }
-  std::unique_ptr<QVNCTemplate> ncTemplateInstance() override {
-    return std::make_unique<RecordingNCTemplate>(journal, m_templates++);
-  }
-  QVHostAppProxy* hostAppProxyWithTargetId(const std::string& targetId, const std::string& protocol) override {
-    add("hostAppProxy:" + targetId + "|" + protocol);
-    return this;
-  }
+  std::unique_ptr<QVNCTemplate> ncTemplateInstance() override;
+  QVHostAppProxy* hostAppProxyWithTargetId(const std::string& targetId, const std::string& protocol) override;
   QVNotification notificationInstance() override { return {}; }
-  void showNotification(const QVNotification& n) override {
-    shownNotifications.push_back(n);
-    add("showNotification:" + n.text);
-  }
+  void showNotification(const QVNotification& n) override;
   void removeNotificationWithTag(const std::string& tag) override { add("removeNotificationWithTag:" + tag); }
-  void startStatusIconAnimation() override { ++animations, add("startStatusIconAnimation"); }
-  void stopStatusIconAnimation() override { --animations, add("stopStatusIconAnimation"); }
-  void setBackupGroupsCount(std::size_t count) override {
-    groupsCount = count;
-    add("setBackupGroupsCount:" + std::to_string(count));
-  }
-  void showGroupsWithIDs(const std::vector<std::string>& ids) override { add("host.showGroupsWithIDs:" + joined(ids)); }
+  void startStatusIconAnimation() override { ++animations; add("startStatusIconAnimation"); }
+  void stopStatusIconAnimation() override { --animations; add("stopStatusIconAnimation"); }
+  void setBackupGroupsCount(std::size_t n) override;
+  void showGroupsWithIDs(const Journal& ids) override { add("host.showGroupsWithIDs:" + joined(ids)); }
 
  private:
   void add(const std::string& line) { journal->push_back(line); }
   int m_templates = 0;
 };
 
-// Lines begin with "delegate."; onChange, when set, runs after a group or destination change is journalled.
+// Journal begin with "delegate."; onChange, when set, runs after a group or destination change is journalled.
 class RecordingDelegate : public QVBackupAgentDelegate {
  public:
   explicit RecordingDelegate(std::shared_ptr<Journal> journal) : journal(std::move(journal)) {}
@@ -76,11 +50,9 @@ class RecordingDelegate : public QVBackupAgentDelegate {
   std::function<void()> onChange;
 
   void backupProgress(double progress, const std::string& groupID, std::size_t item, QVBackupAgent&) override;
-  void backupDidEndForGroup(const QVGroupRef& group, QVBackupAgent&) override {
-    add("backupDidEndForGroup:" + title(group));
-  }
-  void backupFailedForGroup(const QVGroupRef& group, const std::optional<QVError>& error, QVBackupAgent&) override {
-    add("backupFailedForGroup:" + title(group) + "|" + (error ? std::to_string(error->code) : "-"));
+  void backupDidEndForGroup(const QVGroupRef& g, QVBackupAgent&) override { add("backupDidEndForGroup:" + title(g)); }
+  void backupFailedForGroup(const QVGroupRef& g, const std::optional<QVError>& error, QVBackupAgent&) override {
+    add("backupFailedForGroup:" + title(g) + "|" + (error ? std::to_string(error->code) : "-"));
   }
   void groupsAndTargetsDidChangeInAgent(const std::vector<QVGroupRef>& groups, const std::vector<QVTargetRef>& targets,
                                         QVBackupAgent&) override {
@@ -91,18 +63,15 @@ class RecordingDelegate : public QVBackupAgentDelegate {
     add("groupWithIDDidRemoved:" + id, true);
   }
   void targetDidChangeInAgent(const QVTargetRef& t, QVBackupAgent&) override { add("targetDidChange:" + title(t), true); }
-  void showGroupsWithIDs(const std::vector<std::string>& ids) override { add("showGroupsWithIDs:" + joined(ids)); }
+  void showGroupsWithIDs(const Journal& ids) override { add("showGroupsWithIDs:" + joined(ids)); }
   void setLastBackupDate(const std::optional<QVDate>& date) override {
-    add(std::string("setLastBackupDate:") + (date ? "date" : "none"));
+    add(date ? "setLastBackupDate:date" : "setLastBackupDate:none");
   }
 
  private:
   template <typename Ref>
   static std::string title(const Ref& ref) { return ref ? ref->title : "<none>"; }
-  void add(const std::string& line, bool changed = false) {
-    journal->push_back("delegate." + line);
-    if (changed && onChange) onChange();
-  }
+  void add(const std::string& line, bool changed = false);
 };
 
 }  // namespace qvtest
