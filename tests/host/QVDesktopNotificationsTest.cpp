@@ -112,7 +112,7 @@ TEST_F(QVDesktopNotificationsTest, DaemonShowsTheGroupOnViewDetailsButNotOnCance
     kill(daemon.pid, SIGTERM);
     ProgramResult result = daemon.finish(std::chrono::seconds(30));
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out.find(shownGroup) != std::string::npos, button == "1") << "button " << button << result.out;
+    EXPECT_EQ(result.out.find(shownGroup) != std::string::npos, button == "1") << button << ":\n" << result.out;
   }
 }
 
