@@ -76,7 +76,7 @@ declare -a cp_times=() qv_times=() cp_cpu=() qv_cpu=()
 # and none is removed before the end: ext4 passes over recently freed inodes when it allocates, which
 # would make whichever copy follows a removal pay for it.
 run() {
-  sync
+  sync; sleep 2  # let write-back of the previous copy finish before timing the next
   local TIMEFORMAT='%3R %3U %3S' real user system
   if ! { time "$@" > /dev/null 2> "$work/errors"; } 2> "$work/timing"; then
     echo "failed: $*" >&2
