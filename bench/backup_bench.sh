@@ -17,7 +17,10 @@ program=${QV_PROGRAM:-$root/build/stellwin-backup}
 files=${QV_BENCH_FILES:-10000}
 large_mb=${QV_BENCH_LARGE_MB:-2048}
 [[ -x $program ]] || { echo "stellwin-backup not found at $program: build it or set QV_PROGRAM" >&2; exit 2; }
-command -v /usr/bin/time >/dev/null || apt-get install -y -qq time >/dev/null
+# GNU time measures the peak memory; bc does the arithmetic. Neither is on a minimal Debian.
+for tool in /usr/bin/time:time bc:bc; do
+  command -v "${tool%%:*}" >/dev/null || DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${tool##*:}" >/dev/null
+done
 
 if [[ $# -ge 1 ]]; then work=$1; mkdir -p "$work"; else
   work=$(mktemp -d "${TMPDIR:-/tmp}/qv-backup-bench.XXXXXX"); trap 'rm -rf "$work"' EXIT; fi

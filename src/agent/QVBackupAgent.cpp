@@ -17,8 +17,6 @@
 
 namespace {
 
-constexpr const char* kQVBackupAgentDefaultsKey = "QVBackupAgent";
-
 bool isNetworkedType(const std::string& type) { return type == "ftp" || type == "ftps" || type == "dav"; }
 
 }  // namespace

@@ -34,6 +34,9 @@
 
 class QVBackupAgentDelegate;
 class QVBackupMenuItemController;
+
+// The key of the agent's dictionary in the user-defaults store.
+inline constexpr const char* kQVBackupAgentDefaultsKey = "QVBackupAgent";
 class QVMenuItem;
 class QVTimer;
 class QVWakeMonitor;

@@ -19,11 +19,11 @@
 #include "platform/QVFoundation.h"
 #include "platform/QVRunLoop.h"
 #include "platform/QVUserDefaults.h"
+#include "platform/QVConstants.h"
 #include "platform/QVValue.h"
 
 namespace {
 
-constexpr const char* kPreferencesKey = "QVBackupAgent";
 constexpr auto kFileCheckInterval = std::chrono::seconds(3);
 
 }  // namespace
@@ -192,14 +192,14 @@ void QVDaemonCommand::mergeOutcomeIntoFile(const std::string& groupID) {
   QVGroupRef group = m_agent.groupWithIdentifier(groupID);
   if (!group) return;
   QVUserDefaults current(QVUserDefaults::standardUserDefaults().filePath());
-  std::optional<QVDictionary> preferences = current.dictionaryForKey(kPreferencesKey);
+  std::optional<QVDictionary> preferences = current.dictionaryForKey(kQVBackupAgentDefaultsKey);
   if (!preferences) return;
   auto groups = preferences->find("groups");
   if (groups == preferences->end() || !groups->second.array()) return;
   bool found = false;
   for (QVValue& stored : *groups->second.array()) {
     QVDictionary* record = stored.dictionary();
-    const QVValue* id = record ? qv::valueForKey(*record, "id") : nullptr;
+    const QVValue* id = record ? qv::valueForKey(*record, kQVIdentifierKey) : nullptr;
     if (!id || !id->string() || *id->string() != groupID) continue;
     if (group->statusCode) (*record)["statusCode"] = *group->statusCode;
     if (group->lastBackupDate) (*record)["lastBackupDate"] = *group->lastBackupDate;
@@ -207,7 +207,7 @@ void QVDaemonCommand::mergeOutcomeIntoFile(const std::string& groupID) {
     found = true;
   }
   if (!found) return;  // removed meanwhile
-  current.setObject(*preferences, kPreferencesKey);
+  current.setObject(*preferences, kQVBackupAgentDefaultsKey);
   current.synchronize();
 }
 
