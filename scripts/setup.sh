@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages that are missing, then configures and builds into BUILD_DIR (default: build).
 # Usage: scripts/setup.sh [--tests] [--sanitize] [BUILD_DIR]
-#   --tests     also install what the tests need (servers, keyring, D-Bus)
+#   --tests     also install what the tests and benchmarks need (servers, keyring, D-Bus, rclone)
 #   --sanitize  build with AddressSanitizer and UndefinedBehaviorSanitizer
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -20,7 +20,8 @@ packages=(build-essential cmake pkg-config gettext
   libcurl4-openssl-dev libglib2.0-dev libsecret-1-dev libxml2-dev nlohmann-json3-dev libcli11-dev uuid-dev)
 if [ "$want_tests" = 1 ]; then
   packages+=(googletest libgtest-dev dbus dbus-user-session gnome-keyring libsecret-tools
-    apache2 apache2-utils vsftpd openssl curl util-linux tzdata)
+    apache2 apache2-utils nginx-light libnginx-mod-http-dav-ext vsftpd python3-pyftpdlib rclone
+    openssl ca-certificates curl util-linux tzdata bc time)
 fi
 
 missing=()
