@@ -192,7 +192,9 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
     QVError error;
     if (target.backupItem(path, group, name, version, &error)) {
       anySucceeded = true;
-    } else {
+    } else if (!error.domain.empty()) {
+      // Every error a destination stores has its domain; an item failed without one leaves the run without
+      // an error, so the run records 1.
       lastError = error;
       if (error.code == -43) anyMissing = true;
     }

@@ -3,6 +3,7 @@
 #include "host/QVHostApp.h"
 #include "platform/QVDesktopNotifications.h"
 #include "platform/QVLocalization.h"
+#include "platform/QVLog.h"
 
 QVDesktopNCTemplate::QVDesktopNCTemplate(QVHostApp& host) : m_host(host) {}
 
@@ -14,7 +15,8 @@ QVDesktopNCTemplate::~QVDesktopNCTemplate() {
 
 void QVDesktopNCTemplate::show() {
   m_host.templateWillShow(*this);
-  const std::string text = composedText();
+  // A destination's address may carry its password: it is shown as "***".
+  const std::string text = qv::redactedString(composedText());
   if (text.empty()) return;
 
   QVDesktopNotifications* desktop = m_host.desktopNotifications();

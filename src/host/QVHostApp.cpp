@@ -7,6 +7,7 @@
 #include "host/QVDesktopNCTemplate.h"
 #include "platform/QVDesktopNotifications.h"
 #include "platform/QVLocalization.h"
+#include "platform/QVLog.h"
 
 namespace {
 
@@ -34,7 +35,8 @@ std::string QVHostApp::desktopIconName(const std::string& imageName) {
   return imageName;
 }
 
-void QVHostApp::writeMessage(const std::string& text) {
+void QVHostApp::writeMessage(const std::string& shown) {
+  const std::string text = qv::redactedString(shown);
   if (m_messageWriter) {
     m_messageWriter(text);
     return;
@@ -87,7 +89,7 @@ void QVHostApp::showNotification(const QVNotification& notification) {
   const std::string userInfo = notification.userInfo;
   const int timeout = notification.liveTime > 0.0 ? static_cast<int>(notification.liveTime * 1000.0) : -1;
   std::uint32_t id = desktop->notify(
-      0, QVLocalizedString("Stellwin Backup"), notification.text, actions, desktopIconName(notification.icon), timeout,
+      0, QVLocalizedString("Stellwin Backup"), qv::redactedString(notification.text), actions, desktopIconName(notification.icon), timeout,
       [this, action, userInfo, tag](const std::string& key) {
         if (key == "1" && action) action(userInfo);
         // The second button only dismisses.

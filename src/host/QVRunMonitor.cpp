@@ -2,6 +2,7 @@
 
 #include "agent/QVBackupAgent.h"
 #include "host/QVHostApp.h"
+#include "platform/QVLog.h"
 #include "platform/QVNCTemplate.h"
 #include "platform/QVRunLoop.h"
 #include "platform/QVStatusTexts.h"
@@ -146,6 +147,7 @@ void QVRunMonitor::finishRun(const std::string& groupID) {
     }
     if (outcome.message.empty() || outcome.message == "(null)")
       outcome.message = qv::statusCommentString(static_cast<std::int32_t>(code));
+    outcome.message = qv::redactedString(outcome.message);  // a server's address may carry a password
   }
   if (m_onOutcome) m_onOutcome(outcome);
 }

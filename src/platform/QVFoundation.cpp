@@ -139,6 +139,28 @@ std::string urlStringByAppendingPathComponent(const std::string& url, const std:
   return url.back() == '/' ? url + tail : url + "/" + tail;
 }
 
+std::optional<std::string> stringByReplacingPercentEscapes(const std::string& text) {
+  auto hex = [](char c) -> int {
+    if (c >= '0' && c <= '9') return c - '0';
+    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    return -1;
+  };
+  std::string result;
+  result.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '%') {
+      result += text[i];
+      continue;
+    }
+    if (i + 2 >= text.size() || hex(text[i + 1]) < 0 || hex(text[i + 2]) < 0) return std::nullopt;
+    result += static_cast<char>(hex(text[i + 1]) * 16 + hex(text[i + 2]));
+    i += 2;
+  }
+  if (!g_utf8_validate(result.data(), static_cast<gssize>(result.size()), nullptr)) return std::nullopt;
+  return result;
+}
+
 bool fileExistsAtPath(const std::string& path, bool* isDirectory) {
   struct stat info {};
   if (path.empty() || ::stat(path.c_str(), &info) != 0) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "platform/QVValue.h"
@@ -22,6 +23,9 @@ std::string stringByAppendingPathExtension(const std::string& name, const std::s
 
 // Joins a URL string and one component with exactly one "/" between them; the scheme's "//" stays.
 std::string urlStringByAppendingPathComponent(const std::string& url, const std::string& component);
+
+// Undoes percent-escapes ("%20" -> " "); nullopt when an escape is malformed or the result is not UTF-8.
+std::optional<std::string> stringByReplacingPercentEscapes(const std::string& text);
 
 // File-system questions. fileExistsAtPath follows a final symbolic link, as the platform's does.
 bool fileExistsAtPath(const std::string& path, bool* isDirectory = nullptr);

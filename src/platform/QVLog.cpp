@@ -4,13 +4,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <utility>
+#include <vector>
 
 namespace {
 
 std::mutex g_mutex;
 qv::QVLogSink g_sink;  // guarded by g_mutex
+std::mutex g_redactionMutex;
+std::vector<std::pair<std::string, std::string>> g_redactions;  // guarded by g_redactionMutex
 
-void emit(const std::string& line) {
+void emit(const std::string& text) {
+  const std::string line = qv::redactedString(text);
   std::lock_guard<std::mutex> lock(g_mutex);
   if (g_sink) {
     g_sink(line);
@@ -53,6 +58,23 @@ QVLogSink setLogSink(QVLogSink sink) {
   QVLogSink previous = std::move(g_sink);
   g_sink = std::move(sink);
   return previous;
+}
+
+void addRedaction(const std::string& secret, const std::string& shownAs) {
+  if (secret.empty() || secret == shownAs) return;
+  std::lock_guard<std::mutex> lock(g_redactionMutex);
+  for (const auto& [known, _] : g_redactions)
+    if (known == secret) return;
+  g_redactions.emplace_back(secret, shownAs);
+}
+
+std::string redactedString(std::string text) {
+  std::lock_guard<std::mutex> lock(g_redactionMutex);
+  for (const auto& [secret, shownAs] : g_redactions) {
+    for (std::size_t at = text.find(secret); at != std::string::npos; at = text.find(secret, at + shownAs.size()))
+      text.replace(at, secret.size(), shownAs);
+  }
+  return text;
 }
 
 }  // namespace qv

@@ -17,4 +17,9 @@ void debugLog(const char* category, const std::string& line);
 using QVLogSink = std::function<void(const std::string& line)>;
 QVLogSink setLogSink(QVLogSink sink);
 
+// Credentials that must never be shown: from now on, wherever secret stands in a log line, the line shows
+// shownAs instead ("ann:***@" for "ann:pw@"). redactedString applies the same to any text the host shows.
+void addRedaction(const std::string& secret, const std::string& shownAs);
+std::string redactedString(std::string text);
+
 }  // namespace qv

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/QVLocalization.h"
+
 namespace {
 
 struct StatusText {
@@ -53,6 +55,29 @@ std::int32_t statusCodeForErrno(int error) {
     default:
       return error;
   }
+}
+
+std::string localizedStringForStatusCode(std::int64_t statusCode) {
+  static constexpr struct {
+    std::int64_t status;
+    const char* phrase;
+  } kPhrases[] = {
+      {100, "Continue"}, {101, "Switching Protocols"}, {200, "OK"}, {201, "Created"}, {202, "Accepted"},
+      {203, "Non-Authoritative Information"}, {204, "No Content"}, {205, "Reset Content"}, {206, "Partial Content"},
+      {207, "Multi-Status"}, {300, "Multiple Choices"}, {301, "Moved Permanently"}, {302, "Found"},
+      {303, "See Other"}, {304, "Not Modified"}, {307, "Temporary Redirect"}, {308, "Permanent Redirect"},
+      {400, "Bad Request"}, {401, "Unauthorized"}, {402, "Payment Required"}, {403, "Forbidden"},
+      {404, "Not Found"}, {405, "Method Not Allowed"}, {406, "Not Acceptable"},
+      {407, "Proxy Authentication Required"}, {408, "Request Timeout"}, {409, "Conflict"}, {410, "Gone"},
+      {411, "Length Required"}, {412, "Precondition Failed"}, {413, "Content Too Large"}, {414, "URI Too Long"},
+      {415, "Unsupported Media Type"}, {416, "Range Not Satisfiable"}, {417, "Expectation Failed"},
+      {422, "Unprocessable Content"}, {423, "Locked"}, {424, "Failed Dependency"}, {429, "Too Many Requests"},
+      {500, "Internal Server Error"}, {501, "Not Implemented"}, {502, "Bad Gateway"}, {503, "Service Unavailable"},
+      {504, "Gateway Timeout"}, {505, "HTTP Version Not Supported"}, {507, "Insufficient Storage"},
+  };
+  for (const auto& entry : kPhrases)
+    if (entry.status == statusCode) return QVLocalizedString(entry.phrase);
+  return "";
 }
 
 }  // namespace qv

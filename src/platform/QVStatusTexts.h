@@ -16,4 +16,8 @@ std::string statusCommentString(std::int32_t status);
 // EACCES and EPERM -54, ENOENT -43; any other keeps its own number.
 std::int32_t statusCodeForErrno(int error);
 
+// The standard reason phrase of an HTTP status, localised ("Not Found" for 404); "" for a status that
+// has none.
+std::string localizedStringForStatusCode(std::int64_t statusCode);
+
 }  // namespace qv

@@ -123,7 +123,7 @@ QVError QVBackupTarget::errorWithStatusCode(std::int64_t statusCode, const std::
 }
 
 std::string QVBackupTarget::pathWithReplacingInvalidCharactersInPath(const std::string& path) {
-  static const char* const kLegal = "-_.!~*'();/?:@&=+$,#";
+  static const char* const kLegal = "-_.!~*'();/?:@&=+$,";
   static const char* const kHex = "0123456789ABCDEF";
   std::string escaped;
   escaped.reserve(path.size());

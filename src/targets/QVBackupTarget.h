@@ -74,7 +74,7 @@ class QVBackupTarget {
   QVError errorWithStatusCode(std::int64_t statusCode, const std::optional<std::string>& errorString,
                               const std::optional<std::string>& sourcePath) const;
   // Percent-escapes a path piece for a URL: every byte outside letters, digits and
-  // -_.!~*'();/?:@&=+$,# becomes %XX, and then every "?" becomes %3F.
+  // -_.!~*'();/?:@&=+$, becomes %XX ("#" too: it would end the URL's path), then every "?" becomes %3F.
   static std::string pathWithReplacingInvalidCharactersInPath(const std::string& path);
   // False for nothing at path and for a folder without a regular file anywhere below it
   // (".DS_Store" files do not count); true for any file.

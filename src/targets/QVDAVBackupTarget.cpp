@@ -1,10 +1,223 @@
 #include "targets/QVDAVBackupTarget.h"
 
-#include "targets/QVUnsupportedKind.h"
+#include <filesystem>
+#include <system_error>
 
-QVDAVBackupTarget::QVDAVBackupTarget(const QVTarget& options) : QVBackupTarget(options) {}
+#include "platform/QVFoundation.h"
+#include "platform/QVLocalization.h"
+#include "platform/QVLog.h"
+#include "platform/QVStatusTexts.h"
+#include "platform/QVXMLDocument.h"
+
+namespace fs = std::filesystem;
+
+QVDAVBackupTarget::QVDAVBackupTarget(const QVTarget& options)
+    : QVBackupTarget(options), m_session(std::make_unique<QVURLSession>()) {
+  const std::string user = username().value_or("");
+  const std::string pass = password().value_or("");
+  const std::string server = m_options.server.value_or("");
+  m_urlString = "http://";
+  m_requestURLString = "http://";
+  if (!user.empty() && !pass.empty()) {
+    // Written into the URL without escaping, as the destination always has; the request sends them apart.
+    m_urlString += qv::stringWithFormat("%@:%@@", {user, pass});
+    m_session->setCredentials(user, pass);
+    qv::addRedaction("://" + user + ":" + pass + "@" + server, "://" + user + ":***@" + server);
+  }
+  const std::string hostAndPort = qv::stringWithFormat("%@:%@", {server, m_options.portString()});
+  m_urlString += hostAndPort;
+  m_requestURLString += hostAndPort;
+  const std::string path = qv::stringWithFormat("/%@", {pathWithReplacingInvalidCharactersInPath(m_options.path)});
+  m_urlString += path;
+  m_requestURLString += path;
+  m_session->setCancellationCheck([this] { return isCancelled(); });
+}
+
+QVDAVBackupTarget::~QVDAVBackupTarget() = default;
+
+std::string QVDAVBackupTarget::errorString() const {
+  std::lock_guard<std::mutex> lock(m_errorStringMutex);
+  return m_errorString;
+}
+
+void QVDAVBackupTarget::setErrorString(const std::string& errorString) {
+  std::lock_guard<std::mutex> lock(m_errorStringMutex);
+  m_errorString = errorString;
+}
+
+bool QVDAVBackupTarget::isAvailable() { return m_errorCode == 0; }
+
+std::string QVDAVBackupTarget::groupURL(const QVGroup& group) const {
+  return qv::stringWithFormat("%@/%@/", {m_urlString, pathWithReplacingInvalidCharactersInPath(group.title)});
+}
+
+std::string QVDAVBackupTarget::requestURL(const std::string& url) const {
+  if (url.compare(0, m_urlString.size(), m_urlString) == 0) return m_requestURLString + url.substr(m_urlString.size());
+  return url;
+}
+
+bool QVDAVBackupTarget::validateResponseStatusCode(std::int64_t statusCode, bool allowDuplicatesDirectory) {
+  if (statusCode >= 200 && statusCode <= 299) return true;
+  if (allowDuplicatesDirectory && statusCode == 405) return true;
+  if (statusCode == 0) {
+    setErrorString(qv::stringWithFormat(QVLocalizedString("Could not connect to server %@", this), {m_urlString}));
+  } else {
+    setErrorString(qv::stringWithFormat(QVLocalizedString("The remote server returned an error - (%ld) %@", this),
+                                        {statusCode, qv::localizedStringForStatusCode(statusCode)}));
+  }
+  return false;
+}
+
+std::optional<std::vector<std::string>> QVDAVBackupTarget::collectionNamesInReply(const std::string& reply) {
+  auto document = QVXMLDocument::documentWithData(reply);
+  if (!document) return std::nullopt;
+  std::vector<QVXMLElement> responses = document->rootElement().elementsForName("D:response");
+  std::vector<std::string> names;
+  // The first response describes the requested collection itself.
+  for (std::size_t i = 1; i < responses.size(); ++i) {
+    std::vector<QVXMLElement> hrefs = responses[i].elementsForName("D:href");
+    auto name = qv::stringByReplacingPercentEscapes(
+        qv::lastPathComponent(hrefs.empty() ? std::string() : hrefs.front().stringValue()));
+    if (!name) continue;
+    // Only the first propstat is looked at.
+    std::vector<QVXMLElement> propstats = responses[i].elementsForName("D:propstat");
+    if (propstats.empty()) continue;
+    std::vector<QVXMLElement> props = propstats.front().elementsForName("D:prop");
+    if (props.empty()) continue;
+    std::vector<QVXMLElement> types = props.front().elementsForName("D:resourcetype");
+    if (types.empty()) continue;
+    if (!types.front().elementsForName("D:collection").empty()) names.push_back(*name);
+  }
+  if (names.empty()) return std::nullopt;
+  return names;
+}
+
+std::optional<std::vector<std::string>> QVDAVBackupTarget::entriesInDirectoryForItem(const QVGroup& group) {
+  std::string reply;
+  // The HTTP status is not looked at: an error page that is not a multistatus lists nothing anyway.
+  if (!m_session->sendSynchronousRequest("PROPFIND", requestURL(groupURL(group)),
+                                         {{"Depth", "1"}, {"Content-Type", "application/xml"}}, nullptr, &reply,
+                                         nullptr) ||
+      reply.empty())
+    return std::nullopt;
+  return collectionNamesInReply(reply);
+}
+
+bool QVDAVBackupTarget::removeItemWithURL(const std::string& url) {
+  // A 404 or 403 answer counts as removed: only a transport error fails.
+  return m_session->sendSynchronousRequest("DELETE", requestURL(url), {}, nullptr, nullptr, nullptr);
+}
+
+bool QVDAVBackupTarget::removeEntry(const std::string& entry, const QVGroup& forItem) {
+  return removeItemWithURL(qv::stringWithFormat(
+      "%@/%@/%@/", {m_urlString, pathWithReplacingInvalidCharactersInPath(forItem.title),
+                    pathWithReplacingInvalidCharactersInPath(entry)}));
+}
+
+void QVDAVBackupTarget::removeRootEntryForGroup(const QVGroup& group) {
+  const std::string url = groupURL(group);
+  if (!removeItemWithURL(url))
+    QVLog(qv::stringWithFormat("%@ warning: Could not remove directory -%@", {"QVDAVBackupTarget", url}));
+}
+
+bool QVDAVBackupTarget::makeDirectory(const std::string& url, bool allowDuplicates) {
+  std::string collection = url;
+  if (collection.empty() || collection.back() != '/') collection += '/';
+  std::int64_t status = 0;
+  QVURLError error;
+  if (!m_session->sendSynchronousRequest("MKCOL", requestURL(collection), {}, &status, nullptr, &error)) {
+    m_errorCode = error.code;
+    status = 0;
+  }
+  return validateResponseStatusCode(status, allowDuplicates);
+}
+
+bool QVDAVBackupTarget::uploadFile(const std::string& path, const std::string& destination) {
+  std::unique_ptr<QVInputStream> stream = QVInputStream::inputStreamWithFileAtPath(path);
+  // Without a stream the answer is the status the previous upload left (kept so on purpose).
+  if (!stream) return validateResponseStatusCode(m_responseStatusCode, false);
+
+  setIsComplete(false);
+  m_responseStatusCode = 0;
+  m_session->startUpload("PUT", requestURL(destination), std::move(stream), this);
+  while (!isComplete()) {
+    if (isCancelled()) break;
+    m_session->runOnce();
+  }
+  if (isCancelled()) m_session->cancelUpload();
+  return validateResponseStatusCode(m_responseStatusCode, false);
+}
+
+void QVDAVBackupTarget::connectionDidReceiveResponse(std::int64_t statusCode) { m_responseStatusCode = statusCode; }
+
+void QVDAVBackupTarget::connectionDidFailWithError(const QVURLError& error) {
+  setIsComplete(true);
+  QVLog(qv::stringWithFormat("Upload file is failed! Error - %@ %@", {error.localizedDescription,
+                                                                       error.failingURLString}));
+}
+
+void QVDAVBackupTarget::connectionDidFinishLoading() { setIsComplete(true); }
+
+void QVDAVBackupTarget::connectionDidSendBodyData(std::int64_t bytesWritten, std::int64_t, std::int64_t) {
+  m_progressSize += static_cast<std::uint64_t>(bytesWritten);
+  if (delegate())
+    delegate()->backupProgress(static_cast<double>(m_progressSize) / static_cast<double>(m_totalSize));
+}
 
 bool QVDAVBackupTarget::backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,
                                    const std::string& toEntry, QVError* error) {
-  return qv::failUnsupportedItem(*this, "WebDAV", path, ofGroup, withName, toEntry, error);
+  if (delegate()) delegate()->backupProgress(0.0);
+  if (!QVBackupTarget::backupItem(path, ofGroup, withName, toEntry, error)) {
+    if (delegate()) delegate()->backupProgress(1.0);
+    return false;
+  }
+  if (!isPathValidForUpload(path)) {
+    if (delegate()) delegate()->backupProgress(1.0);
+    return true;
+  }
+
+  bool result = false;
+  std::optional<std::string> errorPath = path;
+  const std::string groupCollection = groupURL(ofGroup);
+  const std::string versionURL =
+      qv::urlStringByAppendingPathComponent(groupCollection, pathWithReplacingInvalidCharactersInPath(toEntry));
+  if (makeDirectory(groupCollection, true) && makeDirectory(versionURL, true)) {
+    if (delegate()) delegate()->backupProgress(-1.0);
+    m_totalSize = qv::sizeOfItemAtPath(path);
+    m_progressSize = 0;
+
+    bool isDirectory = false;
+    qv::fileExistsAtPath(path, &isDirectory);
+    const std::string escapedName = pathWithReplacingInvalidCharactersInPath(withName);
+    // Every entry is tried; one success makes the item a success (kept so on purpose).
+    auto send = [&](const std::string& localPath, const std::string& url) {
+      bool entryIsDirectory = false;
+      if (!qv::fileExistsAtPath(localPath, &entryIsDirectory)) return;  // gone since the walk found it
+      const bool done = entryIsDirectory ? makeDirectory(url, false) : uploadFile(localPath, url);
+      result = result || done;
+    };
+    if (!isDirectory) {
+      if (!isCancelled()) send(path, qv::urlStringByAppendingPathComponent(versionURL, escapedName));
+      // A single file that failed after its collections were made carries no path.
+      errorPath.reset();
+    } else {
+      // A plain path join here, not the URL join (kept so on purpose).
+      const std::string itemURL = qv::stringByAppendingPathComponent(versionURL, escapedName);
+      if (makeDirectory(itemURL, false)) {
+        // Depth first, parents before their content, one entry at a time so a large tree costs no memory.
+        std::error_code ec;
+        for (fs::recursive_directory_iterator it(path, fs::directory_options::skip_permission_denied, ec), end;
+             !ec && it != end; it.increment(ec)) {
+          if (isCancelled()) break;
+          const std::string relative = it->path().lexically_relative(path).string();
+          send(qv::stringByAppendingPathComponent(path, relative),
+               qv::urlStringByAppendingPathComponent(itemURL, pathWithReplacingInvalidCharactersInPath(relative)));
+        }
+      }
+    }
+  }
+
+  if (!result && error) *error = errorWithStatusCode(-27, errorString(), errorPath);
+  if (delegate()) delegate()->backupProgress(1.0);
+  return result;
 }

@@ -30,8 +30,11 @@ std::optional<std::vector<std::string>> QVLocalBackupTarget::entriesInDirectoryF
 void QVLocalBackupTarget::removeRootEntryForGroup(const QVGroup& group) {
   std::error_code ec;
   const std::string path = pathForItem(group);
-  fs::remove_all(path, ec);
-  if (ec) QVLog(qv::stringWithFormat("%@ warning: Could not remove directory -%@", {"QVLocalBackupTarget", path}));
+  // A folder that is not there cannot be removed, as the platform's removal says.
+  bool removed = fs::exists(fs::symlink_status(path, ec));
+  if (removed) removed = fs::remove_all(path, ec) != static_cast<std::uintmax_t>(-1) && !ec;
+  if (!removed)
+    QVLog(qv::stringWithFormat("%@ warning: Could not remove directory -%@", {"QVLocalBackupTarget", path}));
 }
 
 bool QVLocalBackupTarget::removeEntry(const std::string& entry, const QVGroup& forItem) {

@@ -134,6 +134,11 @@ TEST_F(QVBackupAgentRunTest, ARunWhereEveryItemFailsUndoesItsVersionAndTellsTheU
   EXPECT_TRUE(host.linesStartingWith("delegate.backupFailedForGroup").empty());
   // A failed run comes back within the hour.
   EXPECT_LE(agent->timerFireDateForGroupWithID(group->identifier).value() - before, std::chrono::seconds(3601));
+
+  // The last item failed without storing an error: the run has none, and records 1, never 0.
+  script.failures = {-54, -54, -54, 0};
+  ASSERT_TRUE(runToEnd(group, true));
+  EXPECT_EQ(group->statusCode, 1);
 }
 
 TEST_F(QVBackupAgentRunTest, ADestinationLostMidRunFailsWithoutListingOrRemovingTheVersion) {

@@ -65,7 +65,7 @@ bool ScriptedTarget::backupItem(const std::string&, const QVGroup&, const std::s
   }
   if (index >= g_script->failures.size() || !g_script->failures[index]) return true;
   const std::int64_t code = *g_script->failures[index];
-  if (error) *error = errorWithStatusCode(code, "scripted " + std::to_string(code), std::nullopt);
+  if (error && code != 0) *error = errorWithStatusCode(code, "scripted " + std::to_string(code), std::nullopt);
   return false;
 }
 

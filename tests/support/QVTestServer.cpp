@@ -133,7 +133,7 @@ void TestServer::stop() {
   for (int i = 0; i < 250 && portAccepts(m_port); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
-ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser) {
+ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser, long maxBody) {
   const std::string dir = directory();
   fs::create_directories(root());
   const int port = freePort();
@@ -154,7 +154,7 @@ ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std:
   for (const char* module : {"mpm_event", "authz_core", "authz_user", "authn_core", "authn_file", "auth_basic", "dav",
                              "dav_fs"})
     conf += std::string("LoadModule ") + module + "_module " + modules + "mod_" + module + ".so\n";
-  conf += "StartServers 1\nServerLimit 1\nThreadsPerChild 16\nMaxRequestWorkers 16\nLimitRequestBody 0\n"
+  conf += "StartServers 1\nServerLimit 1\nThreadsPerChild 16\nMaxRequestWorkers 16\nLimitRequestBody " + std::to_string(maxBody) + "\n"
           "KeepAlive On\nMaxKeepAliveRequests 0\nKeepAliveTimeout 30\nTimeout 60\n"
           "DavLockDB " + dir + "/davlock\nDocumentRoot " + root() + "\n<Directory " + root() +
           ">\n    Dav On\n" + access + "</Directory>\n";
@@ -162,7 +162,7 @@ ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std:
   start({"/usr/sbin/apache2", "-f", dir + "/httpd.conf", "-DFOREGROUND"}, port, dir + "/error.log");
 }
 
-NginxDAVServer::NginxDAVServer() {
+NginxDAVServer::NginxDAVServer(long maxBody) {
   const std::string dir = directory();
   fs::create_directories(root());
   fs::create_directories(dir + "/temp");
@@ -174,7 +174,7 @@ NginxDAVServer::NginxDAVServer() {
           "/temp;\n  proxy_temp_path " + dir + "/temp;\n  fastcgi_temp_path " + dir + "/temp;\n  uwsgi_temp_path " +
           dir + "/temp;\n  scgi_temp_path " + dir + "/temp;\n  server {\n    listen 127.0.0.1:" +
           std::to_string(port) + ";\n    root " + root() +
-          ";\n    client_max_body_size 0;\n    dav_methods PUT DELETE MKCOL COPY MOVE;\n"
+          ";\n    client_max_body_size " + std::to_string(maxBody) + ";\n    dav_methods PUT DELETE MKCOL COPY MOVE;\n"
           "    dav_ext_methods PROPFIND OPTIONS;\n    create_full_put_path off;\n  }\n}\n";
   writeFile(dir + "/nginx.conf", conf);
   start({"/usr/sbin/nginx", "-p", dir, "-c", dir + "/nginx.conf", "-e", dir + "/error.log"}, port,

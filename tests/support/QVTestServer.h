@@ -51,17 +51,19 @@ class TestServer {
   pid_t m_pid = -1;
 };
 
-// Apache httpd with mod_dav serving root() at "/", optionally behind HTTP Basic authentication.
+// Apache httpd with mod_dav serving root() at "/", optionally behind HTTP Basic authentication, and
+// optionally refusing request bodies larger than maxBody bytes (413).
 class ApacheDAVServer : public TestServer {
  public:
-  explicit ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser = std::nullopt);
+  explicit ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser = std::nullopt,
+                           long maxBody = 0);
   std::string root() const { return directory() + "/www"; }
 };
 
-// nginx with the dav-ext module serving root() at "/".
+// nginx with the dav-ext module serving root() at "/", optionally refusing bodies over maxBody bytes (413).
 class NginxDAVServer : public TestServer {
  public:
-  NginxDAVServer();
+  explicit NginxDAVServer(long maxBody = 0);
   std::string root() const { return directory() + "/www"; }
 };
 

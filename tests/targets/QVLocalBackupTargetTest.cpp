@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "support/QVAgentTestSupport.h"
 #include "support/QVTestSupport.h"
 
 namespace fs = std::filesystem;
@@ -103,9 +104,15 @@ TEST_F(QVLocalBackupTargetTest, ListsNothingBeforeTheFirstBackupAndRemovesOnlyTh
   qvtest::writeFile(m_entry + "/a.txt", "x");
   qvtest::writeFile(m_dest + "/Other/" + kEntry + "/d.txt", "x");
   EXPECT_EQ(m_target.entriesInDirectoryForItem(m_group), std::vector<std::string>{kEntry});
+  qvtest::LogCapture log;
   m_target.removeRootEntryForGroup(m_group);
   EXPECT_FALSE(fs::exists(m_dest + "/Photos"));
   EXPECT_TRUE(fs::exists(m_dest + "/Other/" + kEntry + "/d.txt"));
+  EXPECT_TRUE(log.lines().empty());
+  m_target.removeRootEntryForGroup(m_group);
+  EXPECT_EQ(log.lines(), std::vector<std::string>{"QVLocalBackupTarget warning: Could not remove directory -" + m_dest +
+                                                  "/Photos"})
+      << "a folder that is not there cannot be removed";
 }
 
 TEST_F(QVLocalBackupTargetTest, FailsWithTheDiskFullErrorOnAFullVolume) {

@@ -1,0 +1,263 @@
+#include "platform/QVURLSession.h"
+
+#include <curl/curl.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+
+#include "platform/QVLog.h"
+
+namespace {
+
+constexpr long kDefaultIdleTimeout = 60;     // seconds without a byte moving
+constexpr long kConnectTimeout = 30;         // seconds to make a connection
+constexpr std::size_t kMaxBodySize = 256u << 20;  // a reply larger than this is refused, not held
+
+std::atomic<long> g_idleTimeout{kDefaultIdleTimeout};
+
+void initializeLibraryOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_ALL); });
+}
+
+}  // namespace
+
+std::unique_ptr<QVInputStream> QVInputStream::inputStreamWithFileAtPath(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return nullptr;
+  struct stat info {};
+  if (::fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) {
+    ::close(fd);
+    return nullptr;
+  }
+  ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
+  return std::unique_ptr<QVInputStream>(new QVInputStream(fd, static_cast<std::uint64_t>(info.st_size)));
+}
+
+QVInputStream::~QVInputStream() { ::close(m_fd); }
+
+long QVInputStream::read(char* buffer, std::size_t size) {
+  for (;;) {
+    ssize_t n = ::read(m_fd, buffer, size);
+    if (n >= 0) return static_cast<long>(n);
+    if (errno != EINTR) return -1;
+  }
+}
+
+struct QVURLSession::Impl {
+  CURLM* multi = nullptr;
+  CURL* easy = nullptr;
+  char errorBuffer[CURL_ERROR_SIZE] = {};
+
+  // The request under way.
+  std::string url;
+  curl_slist* headers = nullptr;
+  bool inMulti = false;
+  bool done = false;
+  CURLcode result = CURLE_OK;
+  std::string body;
+  bool bodyTooLarge = false;
+  std::unique_ptr<QVInputStream> upload;
+  std::int64_t sent = 0;
+  QVURLConnectionDelegate* delegate = nullptr;
+
+  Impl() {
+    initializeLibraryOnce();
+    multi = curl_multi_init();
+    easy = curl_easy_init();
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http");
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, kConnectTimeout);
+    // A transfer fails once less than one byte a second moved for the idle timeout; one that moves goes on.
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, g_idleTimeout.load());
+    curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Impl::writeBody);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+    curl_easy_setopt(easy, CURLOPT_READFUNCTION, &Impl::readBody);
+    curl_easy_setopt(easy, CURLOPT_READDATA, this);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Impl::header);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
+  }
+
+  ~Impl() {
+    detach();
+    if (easy) curl_easy_cleanup(easy);
+    if (multi) curl_multi_cleanup(multi);
+    curl_slist_free_all(headers);
+  }
+
+  static size_t writeBody(char* data, size_t size, size_t count, void* context) {
+    auto* self = static_cast<Impl*>(context);
+    const size_t length = size * count;
+    if (self->body.size() + length > kMaxBodySize) {
+      self->bodyTooLarge = true;
+      return 0;  // ends the transfer with a write error
+    }
+    self->body.append(data, length);
+    return length;
+  }
+
+  static size_t readBody(char* buffer, size_t size, size_t count, void* context) {
+    auto* self = static_cast<Impl*>(context);
+    if (!self->upload) return 0;
+    long n = self->upload->read(buffer, size * count);
+    if (n < 0) return CURL_READFUNC_ABORT;
+    if (n > 0) {
+      self->sent += n;
+      if (self->delegate)
+        self->delegate->connectionDidSendBodyData(n, self->sent, static_cast<std::int64_t>(self->upload->length()));
+    }
+    return static_cast<size_t>(n);
+  }
+
+  static size_t header(char* data, size_t size, size_t count, void* context) {
+    auto* self = static_cast<Impl*>(context);
+    const size_t length = size * count;
+    // The blank line that ends a response's headers: a final response is reported, an interim one is not.
+    if (self->delegate && (length == 2 || length == 1) && (data[0] == '\r' || data[0] == '\n')) {
+      long status = 0;
+      curl_easy_getinfo(self->easy, CURLINFO_RESPONSE_CODE, &status);
+      if (status >= 200) self->delegate->connectionDidReceiveResponse(status);
+    }
+    return length;
+  }
+
+  void prepare(const std::string& method, const std::string& requestURL, const QVHeaders& requestHeaders) {
+    url = requestURL;
+    errorBuffer[0] = '\0';
+    done = false;
+    result = CURLE_OK;
+    body.clear();
+    bodyTooLarge = false;
+    sent = 0;
+    curl_slist_free_all(headers);
+    headers = nullptr;
+    for (const auto& [name, value] : requestHeaders) headers = curl_slist_append(headers, (name + ": " + value).c_str());
+    curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);  // clears the upload mode of an earlier request
+    curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+  }
+
+  void attach() {
+    curl_multi_add_handle(multi, easy);
+    inMulti = true;
+  }
+
+  void detach() {
+    if (!inMulti) return;
+    curl_multi_remove_handle(multi, easy);
+    inMulti = false;
+  }
+
+  // One step: waits at most maxWait for the connection, moves what can move, and notes the end.
+  void step(std::chrono::milliseconds maxWait) {
+    int running = 0;
+    curl_multi_perform(multi, &running);
+    if (running) {
+      curl_multi_poll(multi, nullptr, 0, static_cast<int>(maxWait.count()), nullptr);
+      curl_multi_perform(multi, &running);
+    }
+    int queued = 0;
+    while (CURLMsg* message = curl_multi_info_read(multi, &queued)) {
+      if (message->msg == CURLMSG_DONE && message->easy_handle == easy) {
+        done = true;
+        result = message->data.result;
+      }
+    }
+  }
+
+  QVURLError error() const {
+    QVURLError e;
+    e.code = static_cast<std::int64_t>(result);
+    e.localizedDescription = bodyTooLarge ? "The server's reply is too large"
+                             : errorBuffer[0] ? errorBuffer
+                                              : curl_easy_strerror(result);
+    e.failingURLString = url;
+    return e;
+  }
+};
+
+QVURLSession::QVURLSession() : m_impl(std::make_unique<Impl>()) {}
+
+QVURLSession::~QVURLSession() = default;
+
+void QVURLSession::setCredentials(const std::string& user, const std::string& password) {
+  curl_easy_setopt(m_impl->easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
+  curl_easy_setopt(m_impl->easy, CURLOPT_USERNAME, user.c_str());
+  curl_easy_setopt(m_impl->easy, CURLOPT_PASSWORD, password.c_str());
+}
+
+bool QVURLSession::sendSynchronousRequest(const std::string& method, const std::string& url, const QVHeaders& headers,
+                                          std::int64_t* statusCode, std::string* body, QVURLError* error) {
+  Impl& impl = *m_impl;
+  impl.delegate = nullptr;
+  impl.upload.reset();
+  impl.prepare(method, url, headers);
+  impl.attach();
+  while (!impl.done) {
+    if (m_isCancelled && m_isCancelled()) {
+      impl.done = true;
+      impl.result = CURLE_ABORTED_BY_CALLBACK;
+      break;
+    }
+    impl.step(std::chrono::milliseconds(100));
+  }
+  impl.detach();
+  long status = 0;
+  curl_easy_getinfo(impl.easy, CURLINFO_RESPONSE_CODE, &status);
+  if (statusCode) *statusCode = status;
+  if (body) *body = std::move(impl.body);
+  impl.body.clear();
+  qv::debugLog("platform", method + " " + url + " -> " + std::to_string(status) + " (" +
+                               curl_easy_strerror(impl.result) + ")");
+  if (impl.result == CURLE_OK) return true;
+  if (error) *error = impl.error();
+  return false;
+}
+
+void QVURLSession::startUpload(const std::string& method, const std::string& url, std::unique_ptr<QVInputStream> body,
+                               QVURLConnectionDelegate* delegate) {
+  Impl& impl = *m_impl;
+  impl.prepare(method, url, {});
+  impl.upload = std::move(body);
+  impl.delegate = delegate;
+  curl_easy_setopt(impl.easy, CURLOPT_CUSTOMREQUEST, nullptr);
+  curl_easy_setopt(impl.easy, CURLOPT_UPLOAD, 1L);
+  curl_easy_setopt(impl.easy, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(impl.upload->length()));
+  if (method != "PUT") curl_easy_setopt(impl.easy, CURLOPT_CUSTOMREQUEST, method.c_str());
+  impl.attach();
+}
+
+void QVURLSession::runOnce(std::chrono::milliseconds maxWait) {
+  Impl& impl = *m_impl;
+  if (!impl.inMulti) return;
+  impl.step(maxWait);
+  if (!impl.done) return;
+  impl.detach();
+  QVURLConnectionDelegate* delegate = impl.delegate;
+  impl.delegate = nullptr;
+  impl.upload.reset();
+  impl.body.clear();
+  qv::debugLog("platform", "upload " + impl.url + ": " + curl_easy_strerror(impl.result));
+  if (!delegate) return;
+  if (impl.result == CURLE_OK) delegate->connectionDidFinishLoading();
+  else delegate->connectionDidFailWithError(impl.error());
+}
+
+void QVURLSession::cancelUpload() {
+  Impl& impl = *m_impl;
+  impl.detach();
+  impl.delegate = nullptr;
+  impl.upload.reset();
+}
+
+void QVURLSession::setIdleTimeoutForTesting(long seconds) {
+  g_idleTimeout.store(seconds > 0 ? seconds : kDefaultIdleTimeout);
+}

@@ -1,0 +1,150 @@
+#include "targets/QVDAVBackupTarget.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/QVKeychain.h"
+#include "support/QVAgentTestSupport.h"
+
+using Names = std::optional<std::vector<std::string>>;
+
+// Replies as Apache httpd (mod_dav) and nginx (dav-ext) gave them for a group folder holding two versions
+// and a file, shortened to what the listing reads.
+const char* const kApacheReply = R"(<?xml version="1.0" encoding="utf-8"?>
+<D:multistatus xmlns:D="DAV:">
+<D:response xmlns:lp2="http://apache.org/dav/props/" xmlns:lp1="DAV:">
+<D:href>/Photos/</D:href>
+<D:propstat><D:prop><lp1:resourcetype><D:collection/></lp1:resourcetype></D:prop>
+<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
+<D:response xmlns:lp2="http://apache.org/dav/props/" xmlns:lp1="DAV:">
+<D:href>/Photos/Gr%c3%bc%c3%9fe%20%231.backup/</D:href>
+<D:propstat><D:prop><lp1:resourcetype><D:collection/></lp1:resourcetype>
+<lp1:getetag>"1000-660e712eb1807"</lp1:getetag></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>
+</D:response>
+<D:response xmlns:lp2="http://apache.org/dav/props/" xmlns:lp1="DAV:">
+<D:href>/Photos/file.txt</D:href>
+<D:propstat><D:prop><lp1:resourcetype/><lp1:getcontentlength>2</lp1:getcontentlength>
+<lp2:executable>F</lp2:executable></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
+<D:response xmlns:lp2="http://apache.org/dav/props/" xmlns:lp1="DAV:">
+<D:href>/Photos/20240101120000.backup/</D:href>
+<D:propstat><D:prop><lp1:resourcetype><D:collection/></lp1:resourcetype></D:prop>
+<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
+</D:multistatus>)";
+
+const char* const kNginxReply = R"(<?xml version="1.0" encoding="utf-8" ?>
+<D:multistatus xmlns:D="DAV:">
+<D:response><D:href>/Photos/</D:href><D:propstat><D:prop><D:displayname>Photos</D:displayname>
+<D:resourcetype><D:collection/></D:resourcetype></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>
+</D:response>
+<D:response><D:href>/Photos/Gr%C3%BC%C3%9Fe%20%231.backup/</D:href><D:propstat><D:prop>
+<D:displayname>Grüße #1.backup</D:displayname><D:resourcetype><D:collection/></D:resourcetype></D:prop>
+<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
+<D:response><D:href>/Photos/file.txt</D:href><D:propstat><D:prop><D:getcontentlength>2</D:getcontentlength>
+<D:resourcetype></D:resourcetype></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
+<D:response><D:href>/Photos/20240101120000.backup/</D:href><D:propstat><D:prop>
+<D:resourcetype><D:collection/></D:resourcetype></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>
+</D:response>
+</D:multistatus>)";
+
+// A multistatus of the collection itself followed by one response per (href, resourcetype) pair, with its
+// elements written as open and close give them.
+std::string reply(const std::string& open, const std::vector<std::pair<std::string, std::string>>& responses,
+                  const std::string& prefix = "D:") {
+  std::string text = open;
+  auto response = [&](const std::string& href, const std::string& type) {
+    return "<" + prefix + "response><" + prefix + "href>" + href + "</" + prefix + "href><" + prefix + "propstat><" +
+           prefix + "prop><" + prefix + "resourcetype>" + type + "</" + prefix + "resourcetype></" + prefix +
+           "prop></" + prefix + "propstat></" + prefix + "response>";
+  };
+  text += response("/g/", "<" + prefix + "collection/>");
+  for (const auto& [href, type] : responses) text += response(href, type);
+  return text + "</" + prefix + "multistatus>";
+}
+
+class QVDAVBackupTargetTest : public ::testing::Test {
+ protected:
+  std::unique_ptr<QVDAVBackupTarget> make(const std::optional<std::string>& user,
+                                          const std::optional<std::string>& pass,
+                                          const std::string& path = "backups/My Mac") {
+    QVTarget options = qvtest::targetRecord("D1", "NAS", "dav", path);
+    options.server = "nas.local";
+    options.port = 8080;
+    const std::string service = QVBackupTarget(options).keychainServiceName();
+    QVKeychain::sharedProxy().deleteItem(service);
+    if (user) QVKeychain::sharedProxy().storeItem(service, *user, pass.value_or(""), "");
+    return std::make_unique<QVDAVBackupTarget>(options);
+  }
+
+  qvtest::IsolatedEnvironment m_env;
+  qvtest::LogCapture m_log;
+};
+
+TEST_F(QVDAVBackupTargetTest, BuildsItsBaseURLWithCredentialsOnlyWhenBothAreGiven) {
+  const std::vector<std::tuple<std::optional<std::string>, std::optional<std::string>, std::string, std::string>>
+      cases = {
+          {std::nullopt, std::nullopt, "backups/My Mac", "http://nas.local:8080/backups/My%20Mac"},
+          {"ann", "", "backups", "http://nas.local:8080/backups"},
+          {"", "secret", "backups", "http://nas.local:8080/backups"},
+          {"ann", "p@ss:w/rd 1", "a#b?", "http://ann:p@ss:w/rd 1@nas.local:8080/a%23b%3F"},  // as written
+          {"ann", "pw", "", "http://ann:pw@nas.local:8080/"},  // an empty path still adds its "/"
+      };
+  for (const auto& [user, pass, path, url] : cases) EXPECT_EQ(make(user, pass, path)->urlString(), url);
+}
+
+TEST_F(QVDAVBackupTargetTest, PassesOnly2xxAndAnExistingCollectionWhereAllowed) {
+  QVDAVBackupTarget& target = *make("ann", "pw").release();
+  std::unique_ptr<QVDAVBackupTarget> owner(&target);
+  for (std::int64_t status : {200, 201, 204, 207, 299}) EXPECT_TRUE(target.validateResponseStatusCode(status, false));
+  EXPECT_TRUE(target.validateResponseStatusCode(405, true));
+  EXPECT_EQ(target.errorString(), "") << "a pass leaves no text";
+  const std::vector<std::tuple<std::int64_t, bool, std::string>> failures = {
+      {405, false, "The remote server returned an error - (405) Method Not Allowed"},
+      {401, true, "The remote server returned an error - (401) Unauthorized"},
+      {409, true, "The remote server returned an error - (409) Conflict"},
+      {507, false, "The remote server returned an error - (507) Insufficient Storage"},
+      {199, false, "The remote server returned an error - (199) "},
+      {300, false, "The remote server returned an error - (300) Multiple Choices"},
+      {0, true, "Could not connect to server http://ann:pw@nas.local:8080/backups/My%20Mac"},
+  };
+  for (const auto& [status, duplicates, text] : failures) {
+    EXPECT_FALSE(target.validateResponseStatusCode(status, duplicates)) << status;
+    EXPECT_EQ(target.errorString(), text);
+  }
+}
+
+TEST_F(QVDAVBackupTargetTest, ListsTheCollectionsOfARepliesOwnDAVPrefix) {
+  const Names both = std::vector<std::string>{"Grüße #1.backup", "20240101120000.backup"};
+  EXPECT_EQ(QVDAVBackupTarget::collectionNamesInReply(kApacheReply), both) << "lp1 bound to DAV: as D is";
+  EXPECT_EQ(QVDAVBackupTarget::collectionNamesInReply(kNginxReply), both);
+
+  const std::string dav = "<D:multistatus xmlns:D=\"DAV:\">";
+  const std::vector<std::pair<std::string, Names>> cases = {
+      // Another prefix, or the default namespace, lists nothing.
+      {reply("<d:multistatus xmlns:d=\"DAV:\">", {{"/g/v/", "<d:collection/>"}}, "d:"), std::nullopt},
+      {reply("<multistatus xmlns=\"DAV:\">", {{"/g/v/", "<collection/>"}}, ""), std::nullopt},
+      // Elements of another namespace where D stands for DAV: do not match; where D is bound nowhere, the
+      // exact names still do.
+      {reply("<x:multistatus xmlns:D=\"DAV:\" xmlns:x=\"urn:other\">", {{"/g/v/", "<x:collection/>"}}, "x:"),
+       std::nullopt},
+      {reply("<D:multistatus>", {{"/g/v/", "<D:collection/>"}}), std::vector<std::string>{"v"}},
+      // Only the collection itself, a file only, a name that does not decode, a full URL as href.
+      {reply(dav, {}), std::nullopt},
+      {reply(dav, {{"/g/f.txt", ""}}), std::nullopt},
+      {reply(dav, {{"/g/bad%zz/", "<D:collection/>"}, {"/g/%ff%fe/", "<D:collection/>"}, {"/g/ok/", "<D:collection/>"}}),
+       std::vector<std::string>{"ok"}},
+      {reply(dav, {{"http://nas.local:8080/g/v%20w/", "<D:collection/>"}}), std::vector<std::string>{"v w"}},
+      {"", std::nullopt},
+      {"<html><body>401 Unauthorized</body>", std::nullopt},
+      {"not xml at all", std::nullopt},
+  };
+  for (const auto& [text, names] : cases) EXPECT_EQ(QVDAVBackupTarget::collectionNamesInReply(text), names) << text;
+}
+
+TEST_F(QVDAVBackupTargetTest, ReadsNoExternalEntityOfAReply) {
+  qvtest::writeFile(m_env.root() + "/secret.txt", "top secret");
+  const std::string reply = "<?xml version=\"1.0\"?><!DOCTYPE m [<!ENTITY x SYSTEM \"file://" + m_env.root() +
+                            "/secret.txt\">]><D:multistatus xmlns:D=\"DAV:\"><D:response><D:href>/g/</D:href>"
+                            "</D:response><D:response><D:href>/g/&x;/</D:href><D:propstat><D:prop><D:resourcetype>"
+                            "<D:collection/></D:resourcetype></D:prop></D:propstat></D:response></D:multistatus>";
+  const Names names = QVDAVBackupTarget::collectionNamesInReply(reply);
+  EXPECT_TRUE(!names || names->front().find("secret") == std::string::npos);
+}
