@@ -76,14 +76,30 @@ bool anyCommandLineHolds(const std::string& text) {
   return false;
 }
 
+// A server of the kind named ("apache", "apache-auth" or "nginx") with its served folder in *root.
+std::unique_ptr<qvtest::TestServer> startServer(const std::string& kind, std::string* root, long maxBody = 0) {
+  if (kind == "nginx") {
+    auto nginx = std::make_unique<qvtest::NginxDAVServer>(maxBody);
+    *root = nginx->root();
+    fs::create_directories(*root + "/backups");
+    return nginx;
+  }
+  auto apache = std::make_unique<qvtest::ApacheDAVServer>(
+      kind == "apache-auth" ? std::optional(std::pair(kUser, kPassword)) : std::nullopt, maxBody);
+  *root = apache->root();
+  fs::create_directories(*root + "/backups");
+  return apache;
+}
+
+bool haveServers() { return qvtest::haveProgram("/usr/sbin/apache2") && qvtest::haveProgram("/usr/sbin/nginx"); }
+
 }  // namespace
 
 // One fixture per server kind: Apache with and without Basic authentication, and nginx.
 class QVDAVIntegrationTest : public qvtest::AgentTest, public ::testing::WithParamInterface<std::string> {
  protected:
   void SetUp() override {
-    if (!qvtest::haveProgram("/usr/sbin/apache2") || !qvtest::haveProgram("/usr/sbin/nginx"))
-      GTEST_SKIP() << "Apache or nginx is not installed (scripts/setup.sh --tests)";
+    if (!haveServers()) GTEST_SKIP() << "Apache or nginx is not installed (scripts/setup.sh --tests)";
     startServer();
     start();
   }
@@ -92,17 +108,7 @@ class QVDAVIntegrationTest : public qvtest::AgentTest, public ::testing::WithPar
   // This fixture's kind of server, refusing bodies over maxBody bytes when given.
   void startServer(long maxBody = 0) {
     m_server.reset();
-    if (GetParam() == "nginx") {
-      auto nginx = std::make_unique<qvtest::NginxDAVServer>(maxBody);
-      m_root = nginx->root();
-      m_server = std::move(nginx);
-    } else {
-      auto apache = std::make_unique<qvtest::ApacheDAVServer>(
-          authenticated() ? std::optional(std::pair(kUser, kPassword)) : std::nullopt, maxBody);
-      m_root = apache->root();
-      m_server = std::move(apache);
-    }
-    fs::create_directories(m_root + "/backups");
+    m_server = ::startServer(GetParam(), &m_root, maxBody);
   }
 
   bool authenticated() const { return GetParam() == "apache-auth"; }
@@ -237,18 +243,8 @@ TEST_P(QVDAVIntegrationTest, ARefusedRunRemovesItsVersionAndTheEmptiedGroupFolde
 class QVDAVProgramTest : public qvtest::HostTest, public ::testing::WithParamInterface<std::string> {
  protected:
   void SetUp() override {
-    if (!qvtest::haveProgram("/usr/sbin/apache2") || !qvtest::haveProgram("/usr/sbin/nginx"))
-      GTEST_SKIP() << "Apache or nginx is not installed (scripts/setup.sh --tests)";
-    if (GetParam() == "nginx") {
-      auto nginx = std::make_unique<qvtest::NginxDAVServer>();
-      m_root = nginx->root();
-      m_server = std::move(nginx);
-    } else {
-      auto apache = std::make_unique<qvtest::ApacheDAVServer>(std::pair(kUser, kPassword));
-      m_root = apache->root();
-      m_server = std::move(apache);
-    }
-    fs::create_directories(m_root + "/backups");
+    if (!haveServers()) GTEST_SKIP() << "Apache or nginx is not installed (scripts/setup.sh --tests)";
+    m_server = startServer(GetParam(), &m_root);
   }
   bool authenticated() const { return GetParam() != "nginx"; }
   std::string groupFolder() const { return m_root + "/backups/Photos"; }
