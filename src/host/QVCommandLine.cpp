@@ -55,6 +55,9 @@ struct QVCommandLine::Impl {
   CLI::App* backup = nullptr;
   CLI::App* daemon = nullptr;
   CLI::App* menu = nullptr;
+  CLI::App* restore = nullptr;
+  CLI::App* verify = nullptr;
+  std::string restoreFolder, version;
 
   // Options given, by the member they fill.
   std::vector<std::pair<CLI::Option*, std::optional<std::string> QVCommandOptions::*>> optionalValues;
@@ -157,6 +160,26 @@ struct QVCommandLine::Impl {
     menu = app.add_subcommand("menu", "Print the status menu");
     addJSON(menu);
 
+    restore = app.add_subcommand("restore", "Restore a version of a group into a new or empty folder");
+    restore->add_option("GROUP", group, "The group")->required();
+    restore->add_option("--to", restoreFolder, "Folder to restore into; it must not exist or be empty")->required();
+    addOptional(restore, "--version", version, &QVCommandOptions::version,
+                "The version to restore (yyyyMMddHHmmss.backup); default: the newest");
+    restore->add_option("PATH", paths, "Only these items or files, as paths inside the version");
+    restore->footer(std::string(kGroupHelp) +
+                    "\nNothing is ever overwritten. Ctrl-C cancels; what was restored stays; the status is then 130.");
+    addJSON(restore);
+
+    verify = app.add_subcommand("verify", "Check a version of a group against the group's files as they are now");
+    verify->add_option("GROUP", group, "The group")->required();
+    addOptional(verify, "--version", version, &QVCommandOptions::version,
+                "The version to check (yyyyMMddHHmmss.backup); default: the newest");
+    verify->footer(std::string(kGroupHelp) +
+                   "\nEvery file of the version is read back. A file unchanged since the version was made must match"
+                   "\nbyte for byte; files changed, added or removed since are listed, not counted as errors."
+                   "\nExit status 0 when there is no error, 1 otherwise. Nothing is written to the destination.");
+    addJSON(verify);
+
     // Last: a subcommand takes its parent's footer when it is made.
     app.footer(
         "Without a command, prints the groups and destinations.\n"
@@ -188,6 +211,7 @@ struct QVCommandLine::Impl {
         {targetSet, QVCommand::targetSet},       {targetRemove, QVCommand::targetRemove},
         {versionsCommand, QVCommand::versions},  {backup, QVCommand::backup},
         {daemon, QVCommand::daemon},             {menu, QVCommand::menu},
+        {restore, QVCommand::restore},           {verify, QVCommand::verify},
     };
     for (const auto& [command, value] : table)
       if (command->parsed()) return value;
@@ -246,6 +270,7 @@ std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out
   options.groups = impl.groups;
   options.passwordStdin = impl.passwordStdin;
   options.makeDefault = impl.makeDefault;
+  options.restoreFolder = impl.restoreFolder;
   for (const auto& [option, member] : impl.optionalValues) {
     if (option->count() == 0) continue;
     // Only the parsed command's options have a count.

@@ -26,6 +26,8 @@ enum class QVCommand {
   backup,
   daemon,
   menu,
+  restore,
+  verify,
 };
 
 // The arguments of the chosen command. Options that were not given stay nullopt.
@@ -53,6 +55,10 @@ struct QVCommandOptions {
   std::optional<std::string> user;
   bool passwordStdin = false;
   bool makeDefault = false;
+
+  // restore / verify (GROUP in group, PATH... of restore in paths)
+  std::optional<std::string> version;
+  std::string restoreFolder;
 };
 
 class QVCommandLine {

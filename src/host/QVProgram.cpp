@@ -7,6 +7,7 @@
 #include "host/QVDaemonCommand.h"
 #include "host/QVHostApp.h"
 #include "host/QVRegistryCommands.h"
+#include "host/QVRestoreCommand.h"
 #include "host/QVRunMonitor.h"
 
 namespace {
@@ -37,6 +38,10 @@ int QVProgram::run(const QVCommandOptions& options) {
     switch (options.command) {
       case QVCommand::backup:
         status = QVBackupCommand(agent, *monitor, host, std::cout, std::cerr).run(options);
+        break;
+      case QVCommand::restore:
+      case QVCommand::verify:
+        status = QVRestoreCommand(agent, std::cout, std::cerr).run(options);
         break;
       case QVCommand::daemon:
         status = QVDaemonCommand(agent, *monitor, host, std::cerr, m_arguments).run();

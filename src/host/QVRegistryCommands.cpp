@@ -61,7 +61,9 @@ int QVRegistryCommands::run(const QVCommandOptions& options) {
     case QVCommand::menu: return menu(options);
     case QVCommand::summary: return summary();
     case QVCommand::backup:
-    case QVCommand::daemon: break;
+    case QVCommand::daemon:
+    case QVCommand::restore:
+    case QVCommand::verify: break;
   }
   return refuse("internal error: not a registry command");
 }

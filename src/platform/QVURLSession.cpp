@@ -61,6 +61,7 @@ struct QVURLSession::Impl {
   CURLcode result = CURLE_OK;
   std::string body;
   bool bodyTooLarge = false;
+  const QVURLSession::QVBodySink* sink = nullptr;
   std::unique_ptr<QVInputStream> upload;
   std::int64_t sent = 0;
   QVURLConnectionDelegate* delegate = nullptr;
@@ -95,6 +96,11 @@ struct QVURLSession::Impl {
   static size_t writeBody(char* data, size_t size, size_t count, void* context) {
     auto* self = static_cast<Impl*>(context);
     const size_t length = size * count;
+    if (self->sink) {
+      long status = 0;
+      curl_easy_getinfo(self->easy, CURLINFO_RESPONSE_CODE, &status);
+      if (status >= 200 && status <= 299) return (*self->sink)(data, length) ? length : 0;
+    }
     if (self->body.size() + length > kMaxBodySize) {
       self->bodyTooLarge = true;
       return 0;  // ends the transfer with a write error
@@ -196,10 +202,17 @@ void QVURLSession::setCredentials(const std::string& user, const std::string& pa
 
 bool QVURLSession::sendSynchronousRequest(const std::string& method, const std::string& url, const QVHeaders& headers,
                                           std::int64_t* statusCode, std::string* body, QVURLError* error) {
+  return sendSynchronousRequest(method, url, headers, statusCode, QVBodySink(), body, error);
+}
+
+bool QVURLSession::sendSynchronousRequest(const std::string& method, const std::string& url, const QVHeaders& headers,
+                                          std::int64_t* statusCode, const QVBodySink& sink, std::string* body,
+                                          QVURLError* error) {
   Impl& impl = *m_impl;
   impl.delegate = nullptr;
   impl.upload.reset();
   impl.prepare(method, url, headers);
+  impl.sink = sink ? &sink : nullptr;
   impl.attach();
   while (!impl.done) {
     if (m_isCancelled && m_isCancelled()) {
@@ -210,6 +223,7 @@ bool QVURLSession::sendSynchronousRequest(const std::string& method, const std::
     impl.step(std::chrono::milliseconds(100));
   }
   impl.detach();
+  impl.sink = nullptr;
   long status = 0;
   curl_easy_getinfo(impl.easy, CURLINFO_RESPONSE_CODE, &status);
   if (statusCode) *statusCode = status;

@@ -79,6 +79,11 @@ class QVURLSession {
   // given); otherwise *statusCode holds the response's status and *body its content.
   bool sendSynchronousRequest(const std::string& method, const std::string& url, const QVHeaders& headers,
                               std::int64_t* statusCode, std::string* body, QVURLError* error);
+  // The same, with the body of a 2xx response handed to sink as it arrives instead of kept (any other
+  // response's body goes to *body). A sink that answers false ends the request as a transport error.
+  using QVBodySink = std::function<bool(const char* bytes, std::size_t length)>;
+  bool sendSynchronousRequest(const std::string& method, const std::string& url, const QVHeaders& headers,
+                              std::int64_t* statusCode, const QVBodySink& sink, std::string* body, QVURLError* error);
 
   // Starts sending body to url with method; events go to delegate during runOnce(). Requires: no upload
   // is running.

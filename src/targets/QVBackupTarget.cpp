@@ -56,6 +56,19 @@ bool QVBackupTarget::backupItem(const std::string& path, const QVGroup&, const s
   return false;
 }
 
+std::optional<std::vector<QVVersionEntry>> QVBackupTarget::contentsOfVersion(const QVGroup&, const std::string&,
+                                                                             const std::string& relativePath,
+                                                                             QVError* error) {
+  if (error) *error = errorWithStatusCode(-4, "This destination cannot be read back", relativePath);
+  return std::nullopt;
+}
+
+bool QVBackupTarget::readFileOfVersion(const QVGroup&, const std::string&, const std::string& relativePath,
+                                       const QVDataSink&, QVError* error) {
+  if (error) *error = errorWithStatusCode(-4, "This destination cannot be read back", relativePath);
+  return false;
+}
+
 std::string QVBackupTarget::keychainServiceName() const {
   // A fixed literal on purpose: the agent builds the same name from the product identifier.
   return std::string(VendorIdentifierPrefix) + ".Stellwin.Backup.target." + m_options.identifier;

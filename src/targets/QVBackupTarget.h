@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,6 +33,20 @@ class QVTargetProgressDelegate {
   virtual void backupProgress(double fraction) = 0;
   virtual void backupCalculatedFiles(std::uint64_t files, std::uint64_t size) = 0;
 };
+
+// One entry of a version at a destination, as reading a version back sees it. Kinds that keep them fill
+// in the mode, the modification time and a link's target; the others leave them empty.
+struct QVVersionEntry {
+  std::string name;
+  bool isDirectory = false;
+  std::uint64_t size = 0;
+  std::optional<std::uint32_t> mode;
+  std::optional<std::int64_t> modificationTimeNanoseconds;  // since the epoch
+  std::optional<std::string> symbolicLinkTarget;             // set for a symbolic link
+};
+
+// Receives the bytes of a file read back from a destination; answering false stops the read.
+using QVDataSink = std::function<bool(const char* bytes, std::size_t length)>;
 
 class QVBackupTarget {
  public:
@@ -57,6 +72,16 @@ class QVBackupTarget {
   // -43 when nothing is there, -54 when it cannot be read; every kind calls it first.
   virtual bool backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,
                           const std::string& toEntry, QVError* error);
+
+  // Reading a version back (restore and verify), beside the operations of a run. Paths are relative to
+  // the version entry ("" is the version itself) and use "/". Both fail with an error naming the path;
+  // the base reads nothing (-4). Cancel ends a read within one buffer.
+  // The entries of one folder of the version, in no particular order.
+  virtual std::optional<std::vector<QVVersionEntry>> contentsOfVersion(const QVGroup& group, const std::string& version,
+                                                                       const std::string& relativePath, QVError* error);
+  // Streams one file of the version to sink.
+  virtual bool readFileOfVersion(const QVGroup& group, const std::string& version, const std::string& relativePath,
+                                 const QVDataSink& sink, QVError* error);
 
   // The destination's credentials, looked up afresh in the keychain on every call.
   std::optional<QVKeychainItem> keychainItem() const;

@@ -1,5 +1,6 @@
 #include "targets/QVDAVBackupTarget.h"
 
+#include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
@@ -68,26 +69,37 @@ bool QVDAVBackupTarget::validateResponseStatusCode(std::int64_t statusCode, bool
   return false;
 }
 
-std::optional<std::vector<std::string>> QVDAVBackupTarget::collectionNamesInReply(const std::string& reply) {
+std::optional<std::vector<QVVersionEntry>> QVDAVBackupTarget::entriesInReply(const std::string& reply) {
   auto document = QVXMLDocument::documentWithData(reply);
   if (!document) return std::nullopt;
   std::vector<QVXMLElement> responses = document->rootElement().elementsForName("D:response");
-  std::vector<std::string> names;
+  std::vector<QVVersionEntry> entries;
   // The first response describes the requested collection itself.
   for (std::size_t i = 1; i < responses.size(); ++i) {
     std::vector<QVXMLElement> hrefs = responses[i].elementsForName("D:href");
     auto name = qv::stringByReplacingPercentEscapes(
         qv::lastPathComponent(hrefs.empty() ? std::string() : hrefs.front().stringValue()));
     if (!name) continue;
+    QVVersionEntry entry;
+    entry.name = *name;
     // Only the first propstat is looked at.
     std::vector<QVXMLElement> propstats = responses[i].elementsForName("D:propstat");
-    if (propstats.empty()) continue;
-    std::vector<QVXMLElement> props = propstats.front().elementsForName("D:prop");
-    if (props.empty()) continue;
-    std::vector<QVXMLElement> types = props.front().elementsForName("D:resourcetype");
-    if (types.empty()) continue;
-    if (!types.front().elementsForName("D:collection").empty()) names.push_back(*name);
+    std::vector<QVXMLElement> props = propstats.empty() ? propstats : propstats.front().elementsForName("D:prop");
+    if (!props.empty()) {
+      std::vector<QVXMLElement> types = props.front().elementsForName("D:resourcetype");
+      entry.isDirectory = !types.empty() && !types.front().elementsForName("D:collection").empty();
+      std::vector<QVXMLElement> lengths = props.front().elementsForName("D:getcontentlength");
+      if (!lengths.empty()) entry.size = std::strtoull(lengths.front().stringValue().c_str(), nullptr, 10);
+    }
+    entries.push_back(std::move(entry));
   }
+  return entries;
+}
+
+std::optional<std::vector<std::string>> QVDAVBackupTarget::collectionNamesInReply(const std::string& reply) {
+  std::vector<std::string> names;
+  for (const QVVersionEntry& entry : entriesInReply(reply).value_or(std::vector<QVVersionEntry>{}))
+    if (entry.isDirectory) names.push_back(entry.name);
   if (names.empty()) return std::nullopt;
   return names;
 }
@@ -220,4 +232,43 @@ bool QVDAVBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
   if (!result && error) *error = errorWithStatusCode(-27, errorString(), errorPath);
   if (delegate()) delegate()->backupProgress(1.0);
   return result;
+}
+
+std::string QVDAVBackupTarget::versionURL(const QVGroup& group, const std::string& version,
+                                          const std::string& relativePath) const {
+  return qv::urlStringByAppendingPathComponent(
+      qv::urlStringByAppendingPathComponent(groupURL(group), pathWithReplacingInvalidCharactersInPath(version)),
+      pathWithReplacingInvalidCharactersInPath(relativePath));
+}
+
+// Reading back takes the same connection, credentials and timeouts as a run; a failure carries -27 and the
+// text the status rule gives.
+std::optional<std::vector<QVVersionEntry>> QVDAVBackupTarget::contentsOfVersion(const QVGroup& group,
+                                                                                const std::string& version,
+                                                                                const std::string& relativePath,
+                                                                                QVError* error) {
+  std::string url = versionURL(group, version, relativePath);
+  if (url.back() != '/') url += '/';
+  std::int64_t status = 0;
+  std::string reply;
+  bool sent = m_session->sendSynchronousRequest("PROPFIND", requestURL(url),
+                                                {{"Depth", "1"}, {"Content-Type", "application/xml"}}, &status,
+                                                &reply, nullptr);
+  std::optional<std::vector<QVVersionEntry>> entries;
+  if (sent && validateResponseStatusCode(status, false)) entries = entriesInReply(reply);
+  if (!entries && error)
+    *error = errorWithStatusCode(-27, sent && status / 100 == 2 ? "The server's listing cannot be read" : errorString(),
+                                 relativePath);
+  return entries;
+}
+
+bool QVDAVBackupTarget::readFileOfVersion(const QVGroup& group, const std::string& version,
+                                          const std::string& relativePath, const QVDataSink& sink, QVError* error) {
+  std::int64_t status = 0;
+  std::string errorPage;
+  const bool sent = m_session->sendSynchronousRequest("GET", requestURL(versionURL(group, version, relativePath)), {},
+                                                      &status, sink, &errorPage, nullptr);
+  if (sent && validateResponseStatusCode(status, false)) return true;
+  if (error) *error = errorWithStatusCode(isCancelled() ? -128 : -27, isCancelled() ? "" : errorString(), relativePath);
+  return false;
 }

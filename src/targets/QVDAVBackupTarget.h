@@ -53,8 +53,17 @@ class QVDAVBackupTarget : public QVBackupTarget, private QVURLConnectionDelegate
   // One streamed PUT of the file at path to destination; only a 2xx answer passes.
   bool uploadFile(const std::string& path, const std::string& destination);
 
+  // Reading a version back: PROPFIND (Depth 1) level by level, and a streamed GET.
+  std::optional<std::vector<QVVersionEntry>> contentsOfVersion(const QVGroup& group, const std::string& version,
+                                                               const std::string& relativePath,
+                                                               QVError* error) override;
+  bool readFileOfVersion(const QVGroup& group, const std::string& version, const std::string& relativePath,
+                         const QVDataSink& sink, QVError* error) override;
+
   // The names of the collections in a PROPFIND reply, as the listing reads them.
   static std::optional<std::vector<std::string>> collectionNamesInReply(const std::string& reply);
+  // Every member that a PROPFIND reply describes, the requested collection itself left out.
+  static std::optional<std::vector<QVVersionEntry>> entriesInReply(const std::string& reply);
 
   const std::string& urlString() const { return m_urlString; }
   std::string errorString() const;
@@ -69,6 +78,8 @@ class QVDAVBackupTarget : public QVBackupTarget, private QVURLConnectionDelegate
 
   // The group's collection, "B/T/".
   std::string groupURL(const QVGroup& group) const;
+  // A path inside a version, "B/T/E/relative".
+  std::string versionURL(const QVGroup& group, const std::string& version, const std::string& relativePath) const;
   // The URL that a request goes to: url without the credentials that the base URL carries.
   std::string requestURL(const std::string& url) const;
 

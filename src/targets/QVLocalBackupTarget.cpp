@@ -1,11 +1,19 @@
 #include "targets/QVLocalBackupTarget.h"
 
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <filesystem>
+#include <vector>
 #include <system_error>
 
 #include "platform/QVFoundation.h"
 #include "platform/QVLocalization.h"
 #include "platform/QVLog.h"
+#include "platform/QVStatusTexts.h"
 
 namespace fs = std::filesystem;
 
@@ -85,6 +93,67 @@ bool QVLocalBackupTarget::backupItem(const std::string& path, const QVGroup& ofG
   if (!copied && error) *error = errorWithStatusCode(copyError.code, std::nullopt, path);
   copier.setDelegate(nullptr);
   return copied;
+}
+
+std::optional<std::vector<QVVersionEntry>> QVLocalBackupTarget::contentsOfVersion(const QVGroup& group,
+                                                                                  const std::string& version,
+                                                                                  const std::string& relativePath,
+                                                                                  QVError* error) {
+  const std::string folder =
+      qv::stringByAppendingPathComponent(qv::stringByAppendingPathComponent(pathForItem(group), version), relativePath);
+  DIR* stream = ::opendir(folder.c_str());
+  if (!stream) {
+    if (error) *error = errorWithStatusCode(qv::statusCodeForErrno(errno), std::nullopt, relativePath);
+    return std::nullopt;
+  }
+  std::vector<QVVersionEntry> entries;
+  while (dirent* found = ::readdir(stream)) {
+    const std::string name = found->d_name;
+    struct stat info {};
+    if (name == "." || name == ".." || ::fstatat(::dirfd(stream), found->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0)
+      continue;
+    QVVersionEntry entry;
+    entry.name = name;
+    entry.isDirectory = S_ISDIR(info.st_mode);
+    entry.size = S_ISREG(info.st_mode) ? static_cast<std::uint64_t>(info.st_size) : 0;
+    entry.mode = static_cast<std::uint32_t>(info.st_mode & 07777);
+    entry.modificationTimeNanoseconds = static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+    if (S_ISLNK(info.st_mode)) {
+      std::vector<char> target(static_cast<std::size_t>(info.st_size) + 256);
+      ssize_t length = ::readlinkat(::dirfd(stream), found->d_name, target.data(), target.size());
+      entry.symbolicLinkTarget = std::string(target.data(), length > 0 ? static_cast<std::size_t>(length) : 0);
+    } else if (!S_ISREG(info.st_mode) && !S_ISDIR(info.st_mode)) {
+      continue;  // nothing a backup would have made
+    }
+    entries.push_back(std::move(entry));
+  }
+  ::closedir(stream);
+  return entries;
+}
+
+bool QVLocalBackupTarget::readFileOfVersion(const QVGroup& group, const std::string& version,
+                                            const std::string& relativePath, const QVDataSink& sink, QVError* error) {
+  const std::string file =
+      qv::stringByAppendingPathComponent(qv::stringByAppendingPathComponent(pathForItem(group), version), relativePath);
+  int fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  int failure = fd < 0 ? errno : 0;
+  std::vector<char> buffer(fd < 0 ? 0 : 1 << 20);
+  while (fd >= 0 && !failure) {
+    if (isCancelled()) {
+      failure = ECANCELED;
+      break;
+    }
+    ssize_t n = ::read(fd, buffer.data(), buffer.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) failure = errno;
+    else if (n == 0) break;
+    else if (!sink(buffer.data(), static_cast<std::size_t>(n))) failure = ECANCELED;
+  }
+  if (fd >= 0) ::close(fd);
+  if (!failure) return true;
+  if (error)
+    *error = errorWithStatusCode(failure == ECANCELED ? -128 : qv::statusCodeForErrno(failure), std::nullopt, relativePath);
+  return false;
 }
 
 bool QVLocalBackupTarget::fileManagerShouldContinueCopyingItem() { return !isCancelled(); }

@@ -20,6 +20,12 @@ class QVLocalBackupTarget : public QVBackupTarget, public QVFileCopierDelegate {
   bool removeEntry(const std::string& entry, const QVGroup& forItem) override;
   bool backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,
                   const std::string& toEntry, QVError* error) override;
+  // Reading a version back, from the file system: modes, times and symbolic links as they are.
+  std::optional<std::vector<QVVersionEntry>> contentsOfVersion(const QVGroup& group, const std::string& version,
+                                                               const std::string& relativePath,
+                                                               QVError* error) override;
+  bool readFileOfVersion(const QVGroup& group, const std::string& version, const std::string& relativePath,
+                         const QVDataSink& sink, QVError* error) override;
 
   // Callbacks of the copy routine.
   bool fileManagerShouldContinueCopyingItem() override;

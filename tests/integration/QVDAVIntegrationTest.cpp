@@ -7,7 +7,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <random>
 
 #include "host/QVProgramRunner.h"
 #include "platform/QVFoundation.h"
@@ -15,6 +14,7 @@
 #include "platform/QVURLSession.h"
 #include "support/QVAgentTestSupport.h"
 #include "support/QVTestServer.h"
+#include "support/QVVersionChecks.h"
 
 namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
@@ -23,40 +23,6 @@ namespace {
 
 const std::string kUser = "ann@example.org";
 const std::string kPassword = "p@ss:w/rd 50% Grüße";  // every character a URL would have to escape
-
-std::string randomBytes(std::size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string bytes(size, '\0');
-  for (char& c : bytes) c = static_cast<char>(random());
-  return bytes;
-}
-
-// A tree of nested folders, spaces, non-ASCII names, an empty file and characters a URL escapes.
-void makeTree(const std::string& root) {
-  qvtest::writeFile(root + "/a.txt", randomBytes(200000, 1));
-  qvtest::writeFile(root + "/with space/b c.txt", randomBytes(1000, 2));
-  qvtest::writeFile(root + "/Grüße/日本 #1?.txt", randomBytes(3000, 3));
-  qvtest::writeFile(root + "/empty.bin", "");
-  qvtest::writeFile(root + "/deep/er/est/x 100%.bin", randomBytes(70000, 4));
-  fs::create_directories(root + "/deep/empty folder");
-}
-
-// Whether two trees hold the same folders and files, byte for byte; the first difference in *why.
-bool sameTree(const std::string& a, const std::string& b, std::string* why) {
-  std::error_code ec;
-  for (const auto& entry : fs::recursive_directory_iterator(a)) {
-    const fs::path relative = entry.path().lexically_relative(a);
-    const fs::path other = fs::path(b) / relative;
-    if (entry.is_directory() != fs::is_directory(other, ec) || !fs::exists(other, ec))
-      return *why = "missing or of another kind: " + relative.string(), false;
-    if (entry.is_regular_file() && qvtest::readFile(entry.path()) != qvtest::readFile(other))
-      return *why = "different: " + relative.string(), false;
-  }
-  for (const auto& entry : fs::recursive_directory_iterator(b))
-    if (!fs::exists(fs::path(a) / entry.path().lexically_relative(b), ec))
-      return *why = "extra: " + entry.path().lexically_relative(b).string(), false;
-  return true;
-}
 
 Lines namesIn(const std::string& folder) {
   Lines names;
@@ -143,7 +109,7 @@ class QVDAVIntegrationTest : public qvtest::AgentTest, public ::testing::WithPar
 };
 
 TEST_P(QVDAVIntegrationTest, ATreeAndALargeFileArriveByteForByte) {
-  makeTree(sources() + "/Tree");
+  qvtest::makeTree(sources() + "/Tree");
   const std::string large = sources() + "/large.bin";
   qvtest::writeFile(large, "start");
   fs::resize_file(large, 1ull << 30);  // sparse: quick to make, a full gigabyte to send
@@ -155,7 +121,7 @@ TEST_P(QVDAVIntegrationTest, ATreeAndALargeFileArriveByteForByte) {
   const std::string version = onlyVersion();
   ASSERT_FALSE(version.empty()) << ::testing::PrintToString(namesIn(groupFolder()));
   std::string why;
-  EXPECT_TRUE(sameTree(sources() + "/Tree", version + "/Tree", &why)) << why;
+  EXPECT_TRUE(qvtest::sameTree(sources() + "/Tree", version + "/Tree", &why)) << why;
   EXPECT_EQ(qvtest::readFile(version + "/single file.txt"), "just one");
   EXPECT_EQ(fs::file_size(version + "/large.bin"), 1ull << 30);
   // Compared in pieces: a gigabyte is not held in memory twice.
@@ -270,8 +236,8 @@ class QVDAVProgramTest : public qvtest::HostTest, public ::testing::WithParamInt
   std::string m_root;
 };
 
-TEST_P(QVDAVProgramTest, BacksUpListsAndFailsWithoutEverShowingThePassword) {
-  makeTree(m_env.home() + "/Tree");
+TEST_P(QVDAVProgramTest, BacksUpListsRestoresVerifiesAndFailsWithoutEverShowingThePassword) {
+  qvtest::makeTree(m_env.home() + "/Tree");
   addGroup({m_env.home() + "/Tree"});
   qvtest::ProgramResult result = qvtest::runProgram({"backup", "Photos"});
   EXPECT_EQ(result.status, 0) << result.err;
@@ -279,10 +245,12 @@ TEST_P(QVDAVProgramTest, BacksUpListsAndFailsWithoutEverShowingThePassword) {
   const Lines versions = namesIn(groupFolder());
   ASSERT_EQ(versions.size(), 1u);
   std::string why;
-  EXPECT_TRUE(sameTree(m_env.home() + "/Tree", groupFolder() + "/" + versions.front() + "/Tree", &why)) << why;
+  EXPECT_TRUE(qvtest::sameTree(m_env.home() + "/Tree", groupFolder() + "/" + versions.front() + "/Tree", &why)) << why;
   result = qvtest::runProgram({"versions", "Photos", "--json"});
   EXPECT_EQ(result.status, 0);
   EXPECT_NE(result.out.find(versions.front()), std::string::npos) << result.out;
+  qvtest::TemporaryDirectory scratch;
+  qvtest::expectRestoreAndVerify(m_env.home() + "/Tree", groupFolder() + "/" + versions.front(), scratch.path());
 
   m_server->stop();
   result = qvtest::runProgram({"backup", "Photos"});
