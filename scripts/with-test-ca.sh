@@ -16,8 +16,8 @@ if [ "$(id -u)" != 0 ] || ! command -v unshare >/dev/null || ! command -v openss
   exec "$@"
 fi
 
-cd "$dir"
-{
+(
+  cd "$dir"
   openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=Stellwin Test CA" \
     -keyout ca.key -out ca.pem
   openssl req -newkey rsa:2048 -nodes -subj "/CN=127.0.0.1" -keyout server.key -out server.csr
@@ -26,9 +26,9 @@ cd "$dir"
     -extfile server.ext -out server.pem
   openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=127.0.0.1" \
     -addext "subjectAltName=IP:127.0.0.1,DNS:localhost" -keyout untrusted.key -out untrusted.pem
-} >openssl.log 2>&1 || { cat openssl.log >&2; exit 1; }
-cat "$system_bundle" ca.pem > bundle.crt
-chmod 0644 bundle.crt server.pem untrusted.pem
+  cat "$system_bundle" ca.pem > bundle.crt
+  chmod 0644 bundle.crt server.pem untrusted.pem
+) >"$dir/openssl.log" 2>&1 || { cat "$dir/openssl.log" >&2; exit 1; }
 export QV_TEST_CA_DIR="$dir"
 # Not exec: the trap removes the folder when the command ends.
 unshare -m sh -c 'mount --bind "$0" /etc/ssl/certs/ca-certificates.crt && exec "$@"' "$dir/bundle.crt" "$@"

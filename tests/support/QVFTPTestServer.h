@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "support/QVAgentTestSupport.h"
 #include "support/QVTestServer.h"
 
 namespace qvtest {
@@ -20,6 +21,8 @@ struct TestCertificates {
   static std::optional<TestCertificates> fromEnvironment();
 };
 
+// Serves root() as the anonymous user's login folder. Not chrooted (it runs as the launching user), so
+// a path from the server's root ("/backup/") would reach the machine's own root: use relative paths.
 class VsftpdServer : public TestServer {
  public:
   // Plain FTP; with a certificate and key, implicit TLS on the control and data connections.
@@ -34,7 +37,29 @@ class PyftpdlibServer : public TestServer {
   std::string root() const { return directory() + "/root"; }
 };
 
-// The whole tree below a folder as "relative path" -> contents, folders as "relative path/" -> "".
+// The whole tree below a folder, one sorted line per entry: "relative path = contents" (long ones as
+// their size and hash), "folder/".
 std::string treeListing(const std::string& folder);
+// Makes, below folder, a tree with nested folders, spaces and non-ASCII in names, an empty file and a
+// few hundred kilobytes of varied bytes; returns its path.
+std::string makeSampleTree(const std::string& folder);
+
+// An agent whose groups back up to FTP servers on 127.0.0.1.
+class FTPAgentTest : public AgentTest {
+ protected:
+  struct Destination {
+    std::string type = "ftp";
+    int port = 0;
+    std::string path = "backup";
+    std::optional<std::string> user, pass;
+  };
+  // A group of the items, keeping `versions`, on a new destination.
+  QVGroupRef makeGroup(const std::string& title, const std::vector<std::string>& items, const Destination& destination,
+                       std::uint64_t versions = 3);
+  // Runs the group's backup and waits for its outcome (at most a minute).
+  bool runToEnd(const QVGroupRef& group);
+  // The failure shown to the user for the group's last run: "<title> - <message>", or "".
+  std::string shownFailure(const QVGroupRef& group) const;
+};
 
 }  // namespace qvtest
