@@ -49,6 +49,11 @@ class QVFTPIntegrationTest : public FTPAgentTest, public ::testing::WithParamInt
   }
   // The group's folder on the server's disk.
   std::string folder(const std::string& name) const { return m_root + "/backup/" + name; }
+  Lines versionsOf(const QVGroupRef& group) {
+    Lines names = agent->backupsForGroupWithID(group->identifier).value_or(Lines{"(no listing)"});
+    std::sort(names.begin(), names.end());
+    return names;
+  }
   std::unique_ptr<QVFTPBackupTarget> destinationOf(const QVGroupRef& group) {
     auto made = agent->backupTargetWithIdentifier(*group->target);
     return std::unique_ptr<QVFTPBackupTarget>(dynamic_cast<QVFTPBackupTarget*>(made.release()));
@@ -73,12 +78,10 @@ TEST_P(QVFTPIntegrationTest, CopiesATreeByteForByteAndPrunesOldVersionsCompletel
 
   ASSERT_TRUE(runToEnd(group));
   ASSERT_EQ(group->statusCode, 0) << shownFailure(group) << m_server->logTail();
-  auto listed = agent->backupsForGroupWithID(group->identifier);
-  ASSERT_TRUE(listed);
-  std::sort(listed->begin(), listed->end());
-  ASSERT_EQ(listed->size(), 3u);
-  const std::string first = (*listed)[1];
-  EXPECT_EQ(*listed, (Lines{"20210101000000.backup", first, "notes.backup"})) << "the oldest version went";
+  Lines listed = versionsOf(group);
+  ASSERT_EQ(listed.size(), 3u);
+  const std::string first = listed[1];
+  EXPECT_EQ(listed, (Lines{"20210101000000.backup", first, "notes.backup"})) << "the oldest version went";
   EXPECT_FALSE(fs::exists(groupFolder + "/20200101000000.backup"));
   EXPECT_EQ(treeListing(groupFolder + "/" + first + "/Tree"), treeListing(tree));
   EXPECT_EQ(readFile(groupFolder + "/" + first + "/Notiz für später.txt"), "data");
@@ -88,13 +91,10 @@ TEST_P(QVFTPIntegrationTest, CopiesATreeByteForByteAndPrunesOldVersionsCompletel
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   ASSERT_TRUE(runToEnd(group));
   ASSERT_EQ(group->statusCode, 0) << shownFailure(group);
-  listed = agent->backupsForGroupWithID(group->identifier);
-  ASSERT_TRUE(listed);
-  std::sort(listed->begin(), listed->end());
-  ASSERT_EQ(listed->size(), 3u);
-  EXPECT_EQ((*listed)[0], first);
-  EXPECT_EQ(treeListing(groupFolder + "/" + (*listed)[1] + "/Tree"), treeListing(tree));
-  EXPECT_FALSE(fs::exists(groupFolder + "/20210101000000.backup"));
+  listed = versionsOf(group);
+  ASSERT_EQ(listed.size(), 3u);
+  EXPECT_EQ(listed.front(), first);
+  EXPECT_EQ(treeListing(groupFolder + "/" + listed[1] + "/Tree"), treeListing(tree));
   EXPECT_EQ(readFile(groupFolder + "/notes.backup/keep.txt"), "not a version");
 }
 
@@ -116,10 +116,7 @@ TEST_P(QVFTPIntegrationTest, AStoppedServerFailsTheRunWithLibcurlsCodeAndKeepsEa
   destination->backupWillStart();
   QVError error;
   EXPECT_FALSE(destination->backupItem(file, *group, "a.txt", kEntry, &error));
-  EXPECT_EQ(error.code, 7);
-  EXPECT_EQ(error.filePath, file);
-  EXPECT_FALSE(destination->isAvailable());
-
+  EXPECT_TRUE(error.code == 7 && error.filePath == file && !destination->isAvailable());
   m_server->restart();
   EXPECT_EQ(treeListing(m_root), before);
   EXPECT_TRUE(destination->backupItem(file, *group, "a.txt", kEntry, &error)) << "reachable again";
@@ -141,10 +138,8 @@ TEST_P(QVFTPIntegrationTest, KeepsWhatArrivedListsAndRemovesAsTheServerAllows) {
   // A single file that fails: status 0, since the server answered, with libcurl's text and no path.
   fs::create_directories(entry + "/b.txt");
   EXPECT_FALSE(destination->backupItem(env.root() + "/Mixed/b.txt", *group, "b.txt", kEntry, &error));
-  EXPECT_EQ(error.code, 0);
   EXPECT_EQ(error.recoverySuggestion, "Upload failed (at start/before it took off)");
-  EXPECT_FALSE(error.filePath);
-  EXPECT_TRUE(destination->isAvailable());
+  EXPECT_TRUE(error.code == 0 && !error.filePath && destination->isAvailable());
   destination->backupDidEnd();
 
   fs::create_directories(folder("Edge/empty"));
@@ -178,57 +173,47 @@ class QVFTPProgramTest : public HostTest {};
 TEST_F(QVFTPProgramTest, BacksUpListsAndCancelsWithThePasswordOnlyOnStandardInput) {
   if (!haveServer(false)) GTEST_SKIP() << "pyftpdlib is not installed (scripts/setup.sh --tests)";
   PyftpdlibServer server(kUser, kPassword, 10 * 1000 * 1000);
-  std::string everything;
+  std::string shown;  // everything the program wrote
   auto run = [&](const std::vector<std::string>& arguments, const std::string& input = "") {
     ProgramResult result = runProgram(arguments, input);
-    everything += result.out + result.err;
+    shown += result.out + result.err;
     return result;
   };
-  ProgramResult added = run({"target", "add", "--type", "ftp", "--title", "NAS", "--server", "127.0.0.1", "--port",
-                             std::to_string(server.port()), "--path", "backup", "--user", kUser, "--password-stdin"},
-                            std::string(kPassword) + "\n");
-  ASSERT_EQ(added.status, 0) << added.err;
+  ASSERT_EQ(run({"target", "add", "--type", "ftp", "--title", "NAS", "--server", "127.0.0.1", "--port",
+                 std::to_string(server.port()), "--path", "backup", "--user", kUser, "--password-stdin"},
+                std::string(kPassword) + "\n").status, 0) << shown;
   const std::string tree = makeSampleTree(m_env.home());
-  run({"group", "add", "Docs", tree});
-  run({"group", "set", "Docs", "--target", "NAS"});
+  const std::uint64_t size = 300ull << 20;
+  for (const auto& [group, item] : {std::pair("Docs", tree), std::pair("Big", makeFile("big.bin", "", size))})
+    run({"group", "add", group, item}), run({"group", "set", group, "--target", "NAS"});
   ProgramResult result = run({"backup", "Docs"});
   ASSERT_EQ(result.status, 0) << result.err << server.logTail();
   EXPECT_EQ(result.out, "Docs: complete\n");
   const nlohmann::json versions = runJSON({"versions", "Docs", "--json"});
   ASSERT_EQ(versions.size(), 1u) << versions;
-  EXPECT_EQ(treeListing(server.root() + "/backup/Docs/" + versions[0].get<std::string>() + "/Tree"),
-            treeListing(tree));
+  EXPECT_EQ(treeListing(server.root() + "/backup/Docs/" + versions[0].get<std::string>() + "/Tree"), treeListing(tree));
 
   // Interrupted mid-upload: over within a moment, recorded as cancelled; what was sent stays.
-  const std::uint64_t size = 300ull << 20;
-  run({"group", "add", "Big", makeFile("big.bin", "", size)});
-  run({"group", "set", "Big", "--target", "NAS"});
   RunningProgram program({"backup", "Big", "--json"});
-  const std::string big = server.root() + "/backup/Big";
-  auto uploading = [&] {
+  auto sent = [&] {
     std::error_code ec;
-    for (fs::recursive_directory_iterator it(big, ec), end; !ec && it != end; it.increment(ec))
-      if (it->path().filename() == "big.bin" && fs::file_size(it->path(), ec) > 0) return true;
-    return false;
+    for (fs::recursive_directory_iterator it(server.root() + "/backup/Big", ec), end; !ec && it != end; it.increment(ec))
+      if (it->path().filename() == "big.bin") return fs::file_size(it->path(), ec);
+    return std::uintmax_t{0};
   };
-  ASSERT_TRUE(program.waitFor(uploading, std::chrono::seconds(20))) << program.err;
+  ASSERT_TRUE(program.waitFor([&] { return sent() > 0; }, std::chrono::seconds(20))) << program.err;
   kill(program.pid, SIGINT);
   const auto interrupted = std::chrono::steady_clock::now();
   ProgramResult cancelled = program.finish(std::chrono::seconds(30));
-  everything += cancelled.out + cancelled.err;
+  shown += cancelled.out + cancelled.err;
   EXPECT_LT(std::chrono::steady_clock::now() - interrupted, std::chrono::seconds(5));
   EXPECT_EQ(cancelled.status, 130) << cancelled.err;
-  const nlohmann::json outcome = nlohmann::json::parse(cancelled.out, nullptr, false);
-  ASSERT_TRUE(outcome.is_array() && outcome.size() == 1u) << cancelled.out;
-  EXPECT_EQ(outcome[0]["statusCode"], -128);
+  EXPECT_EQ(nlohmann::json::parse(cancelled.out, nullptr, false)[0]["statusCode"], -128) << cancelled.out;
   EXPECT_EQ(runJSON({"group", "show", "Big", "--json"})["statusCode"], -128);
-  std::uintmax_t sent = 0;
-  for (const auto& entry : fs::recursive_directory_iterator(big))
-    if (entry.path().filename() == "big.bin") sent = entry.file_size();
-  EXPECT_GT(sent, 0u);
-  EXPECT_LT(sent, size / 2) << "the upload stopped early";
+  EXPECT_GT(sent(), 0u);
+  EXPECT_LT(sent(), size / 2) << "the upload stopped early";
 
-  EXPECT_EQ(everything.find(kPassword), std::string::npos) << "the password was shown";
+  EXPECT_EQ(shown.find(kPassword), std::string::npos) << "the password was shown";
   EXPECT_EQ(readFile(m_env.preferencesPath()).find(kPassword), std::string::npos);
 }
 
