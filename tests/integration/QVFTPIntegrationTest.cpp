@@ -166,6 +166,28 @@ TEST_P(QVFTPIntegrationTest, KeepsWhatArrivedListsAndRemovesAsTheServerAllows) {
 INSTANTIATE_TEST_SUITE_P(Servers, QVFTPIntegrationTest, ::testing::Values(true, false),
                          [](const auto& info) { return info.param ? "vsftpd" : "pyftpdlib"; });
 
+// A server that accepts and never answers: the connection check gives up after its 20 seconds. (A whole
+// run takes three times as long: the group's folder is still tried, with two more requests.)
+TEST(QVFTPTimeoutTest, AServerThatNeverAnswersFailsTheItemAfterTwentySeconds) {
+  IsolatedEnvironment env;
+  SilentServer server;
+  QVTarget options = targetRecord("5B1D0C7E-0000-4000-8000-000000000004", "Silent", "ftp", "backup");
+  options.server = "127.0.0.1";
+  options.port = server.port();
+  QVFTPBackupTarget destination(options);
+  writeFile(env.root() + "/a.txt", "a");
+  destination.backupWillStart();
+  QVError error;
+  const auto started = std::chrono::steady_clock::now();
+  EXPECT_FALSE(destination.backupItem(env.root() + "/a.txt", QVGroup::fromDictionary({{"title", "G"}}), "a.txt",
+                                      kEntry, &error));
+  const auto took = std::chrono::steady_clock::now() - started;
+  EXPECT_TRUE(took > std::chrono::seconds(19) && took < std::chrono::seconds(30));
+  EXPECT_EQ(error.code, 28);
+  EXPECT_EQ(error.recoverySuggestion, "Could not connect to server ftp://127.0.0.1/");
+  EXPECT_FALSE(destination.isAvailable());
+}
+
 // stellwin-backup against pyftpdlib with a password given on standard input, reading slowly enough to
 // interrupt an upload.
 class QVFTPProgramTest : public HostTest {};
