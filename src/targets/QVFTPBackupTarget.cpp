@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <system_error>
 #include <typeinfo>
+#include <utility>
 
 #include "platform/QVFoundation.h"
 #include "platform/QVLocalization.h"
@@ -308,33 +309,33 @@ bool QVFTPBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
     m_totalSize = qv::sizeOfItemAtPath(path);
     m_progressSize = 0;
     if (qv::fileExistsAtPath(path, &isDirectory)) {
-      // A directory is walked depth first, parents before their contents; a file is its own walk.
-      std::vector<std::string> walked;
+      // The walk: a directory's descendants as relative paths, depth first, parents before their
+      // contents; a file is a walk of itself alone (an empty relative path).
       std::error_code ec;
       fs::recursive_directory_iterator it;
       if (isDirectory) {
         url = qv::urlStringByAppendingPathComponent(url, withName);
         it = fs::recursive_directory_iterator(path, fs::directory_options::skip_permission_denied, ec);
       }
+      bool fileWalked = false;
+      auto next = [&]() -> std::optional<std::string> {
+        if (!isDirectory) return std::exchange(fileWalked, true) ? std::nullopt : std::optional<std::string>("");
+        if (ec || it == fs::recursive_directory_iterator()) return std::nullopt;
+        std::string relative = it->path().lexically_relative(path).string();
+        it.increment(ec);
+        return relative;
+      };
       lastCode = 0;
       m_lastProgressDate = absoluteTime();
-      for (bool first = true;; first = false) {
-        std::string relative;
-        if (isDirectory) {
-          if (!first) it.increment(ec);
-          if (ec || it == fs::recursive_directory_iterator()) break;
-          relative = it->path().lexically_relative(path).string();
-        } else if (!first) {
-          break;
-        }
+      while (std::optional<std::string> relative = next()) {
         if (isCancelled()) break;
-        const std::string local = isDirectory ? qv::stringByAppendingPathComponent(path, relative) : path;
+        const std::string local = isDirectory ? qv::stringByAppendingPathComponent(path, *relative) : path;
         bool localIsDirectory = false;
         // Folders send nothing of their own: the uploads of their files make them on the server.
         if (!qv::fileExistsAtPath(local, &localIsDirectory) || localIsDirectory) continue;
         struct stat info {};
         const std::uint64_t size = ::stat(local.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
-        const std::string uploadURL = qv::urlStringByAppendingPathComponent(url, isDirectory ? relative : withName);
+        const std::string uploadURL = qv::urlStringByAppendingPathComponent(url, isDirectory ? *relative : withName);
         lastCode = uploadFile(local, size, uploadURL);
         if (lastCode != 0) {
           qv::debugLog("targets.ftp", "upload of " + local + " failed: " + std::to_string(lastCode));
