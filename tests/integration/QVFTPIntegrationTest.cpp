@@ -188,32 +188,41 @@ TEST(QVFTPTimeoutTest, AServerThatNeverAnswersFailsTheItemAfterTwentySeconds) {
   EXPECT_FALSE(destination.isAvailable());
 }
 
-// stellwin-backup against pyftpdlib with a password given on standard input, reading slowly enough to
-// interrupt an upload.
+// stellwin-backup against pyftpdlib, with a password given on standard input and reading slowly enough
+// to interrupt an upload, and against vsftpd, anonymously.
 class QVFTPProgramTest : public HostTest {};
 
 TEST_F(QVFTPProgramTest, BacksUpListsAndCancelsWithThePasswordOnlyOnStandardInput) {
-  if (!haveServer(false)) GTEST_SKIP() << "pyftpdlib is not installed (scripts/setup.sh --tests)";
+  if (!haveServer(false) || !haveServer(true)) GTEST_SKIP() << "the FTP servers are not installed (scripts/setup.sh --tests)";
   PyftpdlibServer server(kUser, kPassword, 10 * 1000 * 1000);
+  VsftpdServer anonymous;
   std::string shown;  // everything the program wrote
   auto run = [&](const std::vector<std::string>& arguments, const std::string& input = "") {
     ProgramResult result = runProgram(arguments, input);
     shown += result.out + result.err;
     return result;
   };
-  ASSERT_EQ(run({"target", "add", "--type", "ftp", "--title", "NAS", "--server", "127.0.0.1", "--port",
-                 std::to_string(server.port()), "--path", "backup", "--user", kUser, "--password-stdin"},
-                std::string(kPassword) + "\n").status, 0) << shown;
+  auto add = [&](const std::string& title, int port, const std::vector<std::string>& user) {
+    std::vector<std::string> arguments = {"target", "add", "--type", "ftp", "--title", title, "--server", "127.0.0.1",
+                                          "--port", std::to_string(port), "--path", "backup"};
+    arguments.insert(arguments.end(), user.begin(), user.end());
+    ASSERT_EQ(run(arguments, std::string(kPassword) + "\n").status, 0) << shown;
+  };
+  add("NAS", server.port(), {"--user", kUser, "--password-stdin"});
+  add("Anon", anonymous.port(), {});
   const std::string tree = makeSampleTree(m_env.home());
   const std::uint64_t size = 300ull << 20;
-  for (const auto& [group, item] : {std::pair("Docs", tree), std::pair("Big", makeFile("big.bin", "", size))})
-    run({"group", "add", group, item}), run({"group", "set", group, "--target", "NAS"});
-  ProgramResult result = run({"backup", "Docs"});
-  ASSERT_EQ(result.status, 0) << result.err << server.logTail();
-  EXPECT_EQ(result.out, "Docs: complete\n");
-  const nlohmann::json versions = runJSON({"versions", "Docs", "--json"});
-  ASSERT_EQ(versions.size(), 1u) << versions;
-  EXPECT_EQ(treeListing(server.root() + "/backup/Docs/" + versions[0].get<std::string>() + "/Tree"), treeListing(tree));
+  for (const auto& [group, item, target] : {std::tuple("Docs", tree, "NAS"), std::tuple("Open", tree, "Anon"),
+                                            std::tuple("Big", makeFile("big.bin", "", size), "NAS")})
+    run({"group", "add", group, item}), run({"group", "set", group, "--target", target});
+  for (const auto& [group, root] : {std::pair("Docs", server.root()), std::pair("Open", anonymous.root())}) {
+    ProgramResult result = run({"backup", group});
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, std::string(group) + ": complete\n");
+    const nlohmann::json versions = runJSON({"versions", group, "--json"});
+    ASSERT_EQ(versions.size(), 1u) << versions;
+    EXPECT_EQ(treeListing(root + "/backup/" + group + "/" + versions[0].get<std::string>() + "/Tree"), treeListing(tree));
+  }
 
   // Interrupted mid-upload: over within a moment, recorded as cancelled; what was sent stays.
   RunningProgram program({"backup", "Big", "--json"});
