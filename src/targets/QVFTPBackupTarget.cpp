@@ -1,13 +1,364 @@
 #include "targets/QVFTPBackupTarget.h"
 
-#include "targets/QVUnsupportedKind.h"
+#include <curl/curl.h>
+#include <cxxabi.h>
+#include <glib.h>
+#include <sys/stat.h>
 
-QVFTPBackupTarget::QVFTPBackupTarget(const QVTarget& options) : QVBackupTarget(options) {}
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+#include <typeinfo>
+#include <utility>
+
+#include "platform/QVFoundation.h"
+#include "platform/QVLocalization.h"
+#include "platform/QVLog.h"
+
+namespace fs = std::filesystem;
+
+struct QVFTPBackupTarget::Curl {
+  CURL* handle = nullptr;
+  Curl() : handle(curl_easy_init()) {}
+  ~Curl() {
+    if (handle) curl_easy_cleanup(handle);
+  }
+  Curl(const Curl&) = delete;
+  Curl& operator=(const Curl&) = delete;
+};
+
+namespace {
+
+// What libcurl hands back to the read callback during one upload: the destination and the open file.
+struct UploadContext {
+  QVFTPBackupTarget* target;
+  FILE* file;
+};
+
+size_t readCallback(char* buffer, size_t size, size_t count, void* userData) {
+  auto* context = static_cast<UploadContext*>(userData);
+  // Returning 0 ends the upload at once: what was sent so far stays on the server.
+  if (context->target->isCancelled()) return 0;
+  if (!context->file) return CURL_READFUNC_ABORT;
+  const size_t read = std::fread(buffer, 1, size * count, context->file);
+  context->target->setProgressSize(context->target->progressSize() + read);
+  return read;
+}
+
+size_t writeCallback(char* data, size_t size, size_t count, void* userData) {
+  static_cast<std::string*>(userData)->append(data, size * count);
+  return size * count;
+}
+
+double absoluteTime() {
+  using namespace std::chrono;
+  return duration<double>(system_clock::now().time_since_epoch()).count();
+}
+
+// Plain ASCII, every character below 128: such a title can name a folder on any server.
+bool isASCII(const std::string& text) {
+  for (unsigned char c : text)
+    if (c >= 0x80) return false;
+  return true;
+}
+
+}  // namespace
+
+QVFTPBackupTarget::QVFTPBackupTarget(const QVTarget& options) : QVBackupTarget(options) {
+  curl_global_init(CURL_GLOBAL_ALL);
+  m_curl = std::make_unique<Curl>();
+  CURL* curl = m_curl->handle;
+  if (!curl) {
+    // Nothing can be sent without a handle: the destination is unusable from the start.
+    m_curlCodeError = CURLE_FAILED_INIT;
+    return;
+  }
+  // No user name means no credentials at all: libcurl then logs in anonymously.
+  if (std::optional<std::string> user = username()) {
+    const std::string credentials = *user + ":" + password().value_or("");
+    curl_easy_setopt(curl, CURLOPT_USERPWD, credentials.c_str());  // libcurl keeps its own copy
+  }
+  curl_easy_setopt(curl, CURLOPT_READFUNCTION, readCallback);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeCallback);
+  curl_easy_setopt(curl, CURLOPT_DIRLISTONLY, 1L);
+  curl_easy_setopt(curl, CURLOPT_FTP_CREATE_MISSING_DIRS, 1L);
+  // 0, when no port is given, is the scheme's own port.
+  curl_easy_setopt(curl, CURLOPT_PORT, static_cast<long>(m_options.port.value_or(0)));
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &m_buffer);
+}
+
+QVFTPBackupTarget::~QVFTPBackupTarget() = default;
+
+int QVFTPBackupTarget::perform() {
+  if (!m_curl->handle) return CURLE_FAILED_INIT;
+  return static_cast<int>(curl_easy_perform(m_curl->handle));
+}
+
+std::string QVFTPBackupTarget::className() const {
+  const char* mangled = typeid(*this).name();
+  int status = 0;
+  char* demangled = abi::__cxa_demangle(mangled, nullptr, nullptr, &status);
+  std::string name = status == 0 && demangled ? demangled : mangled;
+  std::free(demangled);
+  return name;
+}
 
 std::string QVFTPBackupTarget::urlScheme() const { return "ftp"; }
 
+bool QVFTPBackupTarget::isAvailable() { return m_curlCodeError == 0; }
+
+std::string QVFTPBackupTarget::path() const {
+  const std::string& base = m_options.path;
+  return !base.empty() && base.back() == '/' ? base : base + "/";
+}
+
+std::string QVFTPBackupTarget::curlUrlPrefixWithoutPath() const {
+  return qv::stringWithFormat("%@://%@/", {urlScheme(), m_options.server.value_or("")});
+}
+
+std::string QVFTPBackupTarget::curlUrlPrefix() const { return curlUrlPrefixWithoutPath() + path(); }
+
+std::string QVFTPBackupTarget::nameForGroup(const QVGroup& group) const {
+  return isASCII(group.title) ? group.title : group.identifier;
+}
+
+std::optional<std::vector<std::string>> QVFTPBackupTarget::directoryListingForPath(const std::string& path,
+                                                                                   bool listOnly) {
+  std::string url = curlUrlPrefixWithoutPath() + pathWithReplacingInvalidCharactersInPath(path);
+  if (url.back() != '/') url += '/';
+  m_buffer.clear();
+  if (CURL* curl = m_curl->handle) {
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_DIRLISTONLY, listOnly ? 1L : 0L);
+    curl_easy_setopt(curl, CURLOPT_FTP_CREATE_MISSING_DIRS, 0L);
+  }
+  const int result = perform();
+  if (result != 0) {
+    QVLog(qv::stringWithFormat("Curl failed with error: %d", {result}));
+    return std::nullopt;
+  }
+  std::vector<std::string> lines;
+  // A listing that cannot be read as UTF-8 holds no names this destination could use.
+  if (!g_utf8_validate(m_buffer.data(), static_cast<gssize>(m_buffer.size()), nullptr)) {
+    qv::debugLog("targets.ftp", "the listing of " + url + " is not valid UTF-8; taken as empty");
+    return lines;
+  }
+  // Line feeds only: a carriage return before one stays part of its line.
+  std::size_t start = 0;
+  for (std::size_t end; (end = m_buffer.find('\n', start)) != std::string::npos; start = end + 1)
+    lines.push_back(m_buffer.substr(start, end - start));
+  lines.push_back(m_buffer.substr(start));
+  if (lines.back().empty()) lines.pop_back();
+  return lines;
+}
+
+std::optional<std::vector<std::string>> QVFTPBackupTarget::entriesInDirectoryForItem(const QVGroup& group) {
+  return directoryListingForPath(path() + nameForGroup(group), true);
+}
+
+std::vector<QVFTPListingEntry> QVFTPBackupTarget::parseDirectoryListing(const std::vector<std::string>& lines) {
+  std::vector<QVFTPListingEntry> entries;
+  entries.reserve(lines.size());
+  for (const std::string& line : lines) {
+    bool isDirectory;
+    if (line.starts_with("d")) isDirectory = true;
+    else if (line.starts_with("-")) isDirectory = false;
+    else continue;  // links, "total" lines and anything else
+    // permissions, links, owner, group, size, month, day, time or year: the name follows the eighth
+    // field's end, with everything after it, spaces included.
+    std::string name;
+    int fieldEnds = 0;
+    for (std::size_t i = 1; i < line.size(); ++i) {
+      if (line[i] == ' ' && line[i - 1] != ' ' && ++fieldEnds == 8) {
+        name = line.substr(i + 1);
+        break;
+      }
+    }
+    if (name.empty() || name == "." || name == "..") continue;
+    entries.push_back({name, isDirectory});
+  }
+  return entries;
+}
+
+bool QVFTPBackupTarget::performCommands(const std::vector<std::string>& commands) {
+  CURL* curl = m_curl->handle;
+  if (!curl) return false;
+  // Opens or refreshes the connection; its answer does not matter.
+  curl_easy_setopt(curl, CURLOPT_URL, curlUrlPrefixWithoutPath().c_str());
+  perform();
+  curl_slist* list = nullptr;
+  for (const std::string& command : commands) list = curl_slist_append(list, command.c_str());
+  // libcurl sends the commands, in order, before the transfer of this perform.
+  curl_easy_setopt(curl, CURLOPT_QUOTE, list);
+  const int result = perform();
+  if (result != 0) QVLog(qv::stringWithFormat("Error (%d) removing", {result}));
+  curl_easy_setopt(curl, CURLOPT_QUOTE, static_cast<curl_slist*>(nullptr));
+  curl_slist_free_all(list);
+  return result == 0;
+}
+
+bool QVFTPBackupTarget::removeItemWithPath(const std::string& path) {
+  // A listing that fails reads as an empty folder.
+  const std::vector<QVFTPListingEntry> entries =
+      parseDirectoryListing(directoryListingForPath(path, false).value_or(std::vector<std::string>{}));
+  std::vector<std::string> commands;
+  for (const QVFTPListingEntry& entry : entries) {
+    if (entry.isDirectory) {
+      // A folder that could not be emptied is left standing, and the others still go.
+      if (removeItemWithPath(qv::stringWithFormat("%@%@/", {path, entry.name})))
+        commands.push_back("RMD " + path + entry.name);
+    } else {
+      commands.push_back("DELE " + path + entry.name);
+    }
+  }
+  // The commands name the path as it is: only listing URLs are escaped.
+  return commands.empty() || performCommands(commands);
+}
+
+bool QVFTPBackupTarget::removeDirectoryWithPath(const std::string& path) { return performCommands({"RMD " + path}); }
+
+bool QVFTPBackupTarget::removeEntry(const std::string& entry, const QVGroup& forItem) {
+  const std::string entryPath = qv::stringWithFormat("%@%@/%@/", {path(), nameForGroup(forItem), entry});
+  if (!removeItemWithPath(entryPath)) return false;
+  return removeDirectoryWithPath(entryPath);
+}
+
+void QVFTPBackupTarget::removeRootEntryForGroup(const QVGroup& group) {
+  // Never emptied first: a folder that still holds other versions stays.
+  const std::string groupPath = qv::stringWithFormat("%@%@/", {path(), nameForGroup(group)});
+  if (!removeDirectoryWithPath(groupPath))
+    QVLog(qv::stringWithFormat("%@ warning: Could not remove directory -%@", {className(), groupPath}));
+}
+
+int QVFTPBackupTarget::uploadFile(const std::string& path, std::uint64_t size, const std::string& url) {
+  // A file that cannot be opened is not sent at all: no transfer starts, so nothing is created on the
+  // server, and the result is libcurl's own code for local data that cannot be read.
+  FILE* file = std::fopen(path.c_str(), "r");
+  if (!file) {
+    qv::debugLog("targets.ftp", "cannot open " + path + " for upload");
+    return CURLE_READ_ERROR;
+  }
+  UploadContext context{this, file};
+  if (CURL* curl = m_curl->handle) {
+    curl_easy_setopt(curl, CURLOPT_READDATA, &context);
+    curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
+    curl_easy_setopt(curl, CURLOPT_URL, pathWithReplacingInvalidCharactersInPath(url).c_str());
+  }
+  // Missing folders on the server are made by libcurl while the handle still asks it to.
+  const int result = perform();
+  std::fclose(file);
+  return result;
+}
+
+std::string QVFTPBackupTarget::errorStringForCode(int code) const {
+  if (code == CURLE_OPERATION_TIMEDOUT)
+    return qv::stringWithFormat(QVLocalizedString("Could not connect to server %@", this), {curlUrlPrefixWithoutPath()});
+  return curl_easy_strerror(static_cast<CURLcode>(code));
+}
+
+void QVFTPBackupTarget::setProgressSize(std::uint64_t progressSize) {
+  m_progressSize = progressSize;
+  const double now = absoluteTime();
+  if (now - m_lastProgressDate > 2.0) {
+    // An item of no bytes has nothing to measure: it reports 0.0 until it ends with 1.0.
+    const double fraction =
+        m_totalSize == 0 ? 0.0 : static_cast<double>(m_progressSize) / static_cast<double>(m_totalSize);
+    if (delegate()) delegate()->backupProgress(fraction);
+    m_lastProgressDate = now;
+  }
+}
+
 bool QVFTPBackupTarget::backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,
                                    const std::string& toEntry, QVError* error) {
-  return qv::failUnsupportedItem(*this, urlScheme() == "ftps" ? "FTPS" : "FTP", path, ofGroup, withName, toEntry,
-                                 error);
+  auto report = [this](double fraction) {
+    if (delegate()) delegate()->backupProgress(fraction);
+  };
+  report(0.0);
+  if (!QVBackupTarget::backupItem(path, ofGroup, withName, toEntry, error)) {
+    report(1.0);
+    return false;
+  }
+  // An item with nothing to upload is skipped and counts as done.
+  if (!isPathValidForUpload(path)) {
+    report(1.0);
+    return true;
+  }
+
+  // The connection check. Upload mode is on and the URL names no file, so a reachable server lets
+  // libcurl connect and log in and then refuses the transfer with CURLE_URL_MALFORMAT (3): results up
+  // to 3 pass. The timeout set here stays on the handle and bounds every later transfer, uploads
+  // included (kept so on purpose).
+  if (CURL* curl = m_curl->handle) {
+    curl_easy_setopt(curl, CURLOPT_URL, curlUrlPrefixWithoutPath().c_str());
+    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 20L);
+  }
+  int lastCode = perform();
+  bool succeeded = false;
+  bool isDirectory = false;
+  bool reportPath = true;
+  if (lastCode > CURLE_URL_MALFORMAT) {
+    m_curlCodeError = lastCode;
+    qv::debugLog("targets.ftp", "connection check of " + curlUrlPrefixWithoutPath() + " failed: " +
+                                    std::to_string(lastCode));
+  } else {
+    std::string url = curlUrlPrefix();
+    url = qv::urlStringByAppendingPathComponent(url, nameForGroup(ofGroup));
+    url = qv::urlStringByAppendingPathComponent(url, toEntry);
+    m_totalSize = qv::sizeOfItemAtPath(path);
+    m_progressSize = 0;
+    if (qv::fileExistsAtPath(path, &isDirectory)) {
+      // The walk: a directory's descendants as relative paths, depth first, parents before their
+      // contents; a file is a walk of itself alone (an empty relative path).
+      std::error_code ec;
+      fs::recursive_directory_iterator it;
+      if (isDirectory) {
+        url = qv::urlStringByAppendingPathComponent(url, withName);
+        it = fs::recursive_directory_iterator(path, fs::directory_options::skip_permission_denied, ec);
+      }
+      bool fileWalked = false;
+      auto next = [&]() -> std::optional<std::string> {
+        if (!isDirectory) return std::exchange(fileWalked, true) ? std::nullopt : std::optional<std::string>("");
+        if (ec || it == fs::recursive_directory_iterator()) return std::nullopt;
+        std::string relative = it->path().lexically_relative(path).string();
+        it.increment(ec);
+        return relative;
+      };
+      lastCode = 0;
+      m_lastProgressDate = absoluteTime();
+      while (std::optional<std::string> relative = next()) {
+        if (isCancelled()) break;
+        const std::string local = isDirectory ? qv::stringByAppendingPathComponent(path, *relative) : path;
+        bool localIsDirectory = false;
+        // Folders send nothing of their own: the uploads of their files make them on the server.
+        if (!qv::fileExistsAtPath(local, &localIsDirectory) || localIsDirectory) continue;
+        struct stat info {};
+        const std::uint64_t size = ::stat(local.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
+        const std::string uploadURL = qv::urlStringByAppendingPathComponent(url, isDirectory ? *relative : withName);
+        lastCode = uploadFile(local, size, uploadURL);
+        if (lastCode != 0) {
+          qv::debugLog("targets.ftp", "upload of " + local + " failed: " + std::to_string(lastCode));
+        } else {
+          // One file that arrived makes the item a success, whatever fails after it (deliberately lenient).
+          succeeded = true;
+        }
+      }
+      reportPath = isDirectory;
+    }
+  }
+
+  if (!succeeded && error)
+    *error = errorWithStatusCode(m_curlCodeError, errorStringForCode(lastCode),
+                                 reportPath ? std::optional<std::string>(path) : std::nullopt);
+  report(1.0);
+  return succeeded;
+}
+
+void QVFTPBackupTarget::backupWillStart() {
+  if (m_curl->handle) curl_easy_setopt(m_curl->handle, CURLOPT_UPLOAD, 1L);
+}
+
+void QVFTPBackupTarget::backupDidEnd() {
+  if (m_curl->handle) curl_easy_setopt(m_curl->handle, CURLOPT_UPLOAD, 0L);
 }
