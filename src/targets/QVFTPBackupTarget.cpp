@@ -64,6 +64,25 @@ bool isASCII(const std::string& text) {
   return true;
 }
 
+// Reading back: a transfer that the destination cancelled ends at once.
+int cancelCheck(void* target, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return static_cast<QVFTPBackupTarget*>(target)->isCancelled() ? 1 : 0;
+}
+
+size_t sinkCallback(char* data, size_t size, size_t count, void* sink) {
+  return (*static_cast<const QVDataSink*>(sink))(data, size * count) ? size * count : 0;
+}
+
+// The size field (the fifth) of a long-listing line; 0 when there is none.
+std::uint64_t sizeInListingLine(const std::string& line) {
+  std::size_t at = 0;
+  for (int field = 0; field < 4; ++field) {
+    at = line.find_first_not_of(' ', line.find(' ', line.find_first_not_of(' ', at)));
+    if (at == std::string::npos) return 0;
+  }
+  return std::strtoull(line.c_str() + at, nullptr, 10);
+}
+
 }  // namespace
 
 QVFTPBackupTarget::QVFTPBackupTarget(const QVTarget& options) : QVBackupTarget(options) {
@@ -361,4 +380,68 @@ void QVFTPBackupTarget::backupWillStart() {
 
 void QVFTPBackupTarget::backupDidEnd() {
   if (m_curl->handle) curl_easy_setopt(m_curl->handle, CURLOPT_UPLOAD, 0L);
+}
+
+std::string QVFTPBackupTarget::versionPath(const QVGroup& group, const std::string& version,
+                                           const std::string& relativePath) const {
+  std::string result = path() + nameForGroup(group) + "/" + version;
+  return relativePath.empty() ? result : result + "/" + relativePath;
+}
+
+void QVFTPBackupTarget::setReadingBack(bool on) {
+  CURL* curl = m_curl->handle;
+  if (!curl) return;
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, on ? 1L : 0L);
+  curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, on ? 60L : 0L);
+  curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, on ? cancelCheck : nullptr);
+  curl_easy_setopt(curl, CURLOPT_XFERINFODATA, on ? this : nullptr);
+  curl_easy_setopt(curl, CURLOPT_NOPROGRESS, on ? 0L : 1L);
+}
+
+std::optional<std::vector<QVVersionEntry>> QVFTPBackupTarget::contentsOfVersion(const QVGroup& group,
+                                                                                const std::string& version,
+                                                                                const std::string& relativePath,
+                                                                                QVError* error) {
+  setReadingBack(true);
+  auto lines = directoryListingForPath(versionPath(group, version, relativePath), false);
+  setReadingBack(false);
+  if (!lines) {
+    if (error) *error = errorWithStatusCode(-36, "The folder cannot be listed on the server", relativePath);
+    return std::nullopt;
+  }
+  std::vector<QVVersionEntry> entries;
+  for (const std::string& line : *lines) {
+    // One line at a time, so each entry keeps the size that its own line gives.
+    for (const QVFTPListingEntry& listed : parseDirectoryListing({line})) {
+      QVVersionEntry entry;
+      entry.name = listed.name;
+      entry.isDirectory = listed.isDirectory;
+      entry.size = listed.isDirectory ? 0 : sizeInListingLine(line);
+      entries.push_back(std::move(entry));
+    }
+  }
+  return entries;
+}
+
+bool QVFTPBackupTarget::readFileOfVersion(const QVGroup& group, const std::string& version,
+                                          const std::string& relativePath, const QVDataSink& sink, QVError* error) {
+  CURL* curl = m_curl->handle;
+  int result = CURLE_FAILED_INIT;
+  if (curl) {
+    const std::string url =
+        curlUrlPrefixWithoutPath() + pathWithReplacingInvalidCharactersInPath(versionPath(group, version, relativePath));
+    setReadingBack(true);
+    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, sinkCallback);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &sink);
+    result = perform();
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, writeCallback);
+    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &m_buffer);
+    setReadingBack(false);
+  }
+  if (result == CURLE_OK) return true;
+  if (error)
+    *error = isCancelled() ? errorWithStatusCode(-128, std::nullopt, relativePath)
+                           : errorWithStatusCode(result, errorStringForCode(result), relativePath);
+  return false;
 }

@@ -86,6 +86,15 @@ class QVFTPBackupTarget : public QVBackupTarget {
   void backupWillStart() override;
   void backupDidEnd() override;
 
+  // Reading a version back: long listings and RETR on this object's handle, with the credentials of a
+  // run. While they work, a transfer fails when no byte moves for 60 s, and a cancel ends it at once;
+  // they leave the handle's options as they found them.
+  std::optional<std::vector<QVVersionEntry>> contentsOfVersion(const QVGroup& group, const std::string& version,
+                                                               const std::string& relativePath,
+                                                               QVError* error) override;
+  bool readFileOfVersion(const QVGroup& group, const std::string& version, const std::string& relativePath,
+                         const QVDataSink& sink, QVError* error) override;
+
   std::uint64_t progressSize() const { return m_progressSize; }
   // Stores the bytes read so far and reports the fraction of the item to the delegate, at most once
   // every 2.0 seconds. An item of zero bytes reports 0.0.
@@ -106,4 +115,8 @@ class QVFTPBackupTarget : public QVBackupTarget {
  private:
   int perform();
   std::string className() const;
+  // The server path of a path inside a version: <path>/<group folder>/<version>/<relative>.
+  std::string versionPath(const QVGroup& group, const std::string& version, const std::string& relativePath) const;
+  // Turns the idle limit and the cancel check of reading back on or off.
+  void setReadingBack(bool on);
 };

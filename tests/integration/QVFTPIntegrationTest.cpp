@@ -7,6 +7,7 @@
 
 #include "host/QVProgramRunner.h"
 #include "support/QVFTPTestServer.h"
+#include "support/QVVersionChecks.h"
 #include "targets/QVFTPBackupTarget.h"
 
 namespace fs = std::filesystem;
@@ -246,6 +247,29 @@ TEST_F(QVFTPProgramTest, BacksUpListsAndCancelsWithThePasswordOnlyOnStandardInpu
 
   EXPECT_EQ(shown.find(kPassword), std::string::npos) << "the password was shown";
   EXPECT_EQ(readFile(m_env.preferencesPath()).find(kPassword), std::string::npos);
+}
+
+// Restore and verify from both servers, one with a password and one anonymous.
+TEST_F(QVFTPProgramTest, RestoresAndVerifiesVersionsFromBothServers) {
+  if (!haveServer(false) || !haveServer(true)) GTEST_SKIP() << "the FTP servers are not installed (scripts/setup.sh --tests)";
+  PyftpdlibServer server(kUser, kPassword);
+  VsftpdServer anonymous;
+  for (const auto& [group, port, root, user] :
+       {std::tuple("Docs", server.port(), server.root(), std::vector<std::string>{"--user", kUser, "--password-stdin"}),
+        std::tuple("Open", anonymous.port(), anonymous.root(), std::vector<std::string>{})}) {
+    std::vector<std::string> add = {"target", "add", "--type", "ftp", "--title", group, "--server", "127.0.0.1",
+                                    "--port", std::to_string(port), "--path", "backup"};
+    add.insert(add.end(), user.begin(), user.end());
+    ASSERT_EQ(runProgram(add, std::string(kPassword) + "\n").status, 0);
+    const std::string tree = m_env.home() + "/" + group + "/Tree";
+    makeTree(tree);
+    runJSON({"group", "add", group, tree}), runJSON({"group", "set", group, "--target", group});
+    ASSERT_EQ(runProgram({"backup", group}).status, 0);
+    const nlohmann::json versions = runJSON({"versions", group, "--json"});
+    ASSERT_EQ(versions.size(), 1u) << versions;
+    expectRestoreAndVerify(tree, root + "/backup/" + group + "/" + versions[0].get<std::string>(),
+                           m_env.root() + "/scratch-" + group, group);
+  }
 }
 
 }  // namespace

@@ -30,7 +30,6 @@ void makeTree(const std::string& root) {
   writeFile(root + "/Grüße/日本 #1?.txt", randomBytes(3000, 3));
   writeFile(root + "/empty.bin", "");
   writeFile(root + "/deep/er/est/x 100%.bin", randomBytes(70000, 4));
-  fs::create_directories(root + "/deep/empty folder");
   const auto past = fs::file_time_type::clock::now() - std::chrono::hours(24 * 365 * 5);
   for (const auto& entry : fs::recursive_directory_iterator(root))
     if (entry.is_regular_file()) fs::last_write_time(entry.path(), past);
@@ -52,28 +51,29 @@ bool sameTree(const std::string& a, const std::string& b, std::string* why) {
   return true;
 }
 
-void expectRestoreAndVerify(const std::string& tree, const std::string& versionFolder, const std::string& scratch) {
+void expectRestoreAndVerify(const std::string& tree, const std::string& versionFolder, const std::string& scratch,
+                            const std::string& group) {
   fs::create_directories(scratch);
   const std::string before = scratch + "/before";
   fs::copy(tree, before, fs::copy_options::recursive);
   writeFile(tree + "/a.txt", "changed since");
   writeFile(tree + "/new.txt", "added since");
 
-  ProgramResult result = runProgram({"verify", "Photos"});
+  ProgramResult result = runProgram({"verify", group});
   EXPECT_EQ(result.status, 0) << result.out << result.err;
   EXPECT_NE(result.out.find("changed: Tree/a.txt"), std::string::npos) << result.out;
   EXPECT_NE(result.out.find("added: Tree/new.txt"), std::string::npos) << result.out;
 
-  result = runProgram({"restore", "Photos", "--to", scratch + "/all"});
+  result = runProgram({"restore", group, "--to", scratch + "/all"});
   EXPECT_EQ(result.status, 0) << result.err;
   std::string why;
   EXPECT_TRUE(sameTree(before, scratch + "/all/Tree", &why)) << why;
-  result = runProgram({"restore", "Photos", "--to", scratch + "/one", "Tree/Grüße/日本 #1?.txt"});
+  result = runProgram({"restore", group, "--to", scratch + "/one", "Tree/Grüße/日本 #1?.txt"});
   EXPECT_EQ(result.status, 0) << result.err;
   EXPECT_EQ(readFile(scratch + "/one/Tree/Grüße/日本 #1?.txt"), readFile(before + "/Grüße/日本 #1?.txt"));
   EXPECT_EQ(std::distance(fs::recursive_directory_iterator(scratch + "/one"), {}), 3) << "that file alone";
   const std::string kept = readFile(scratch + "/one/Tree/Grüße/日本 #1?.txt");
-  result = runProgram({"restore", "Photos", "--to", scratch + "/one"});
+  result = runProgram({"restore", group, "--to", scratch + "/one"});
   EXPECT_EQ(result.status, 2) << "a folder that is not empty is refused";
   EXPECT_EQ(readFile(scratch + "/one/Tree/Grüße/日本 #1?.txt"), kept);
 
@@ -85,7 +85,7 @@ void expectRestoreAndVerify(const std::string& tree, const std::string& versionF
   }
   fs::resize_file(versionFolder + "/Tree/with space/b c.txt", 10);
   fs::remove(versionFolder + "/Tree/Grüße/日本 #1?.txt");
-  result = runProgram({"verify", "Photos"});
+  result = runProgram({"verify", group});
   EXPECT_EQ(result.status, 1);
   for (const char* damaged : {"Tree/deep/er/est/x 100%.bin: differs", "Tree/with space/b c.txt: differs",
                               "Tree/Grüße/日本 #1?.txt: missing"})

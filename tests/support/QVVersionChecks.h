@@ -6,17 +6,19 @@
 
 namespace qvtest {
 
-// Makes at root a tree of nested folders, names with spaces, non-ASCII and URL-special characters, an
-// empty file and an empty folder, every file dated 2020 (older than any version made now).
+// Makes at root a tree of nested folders, names with spaces, non-ASCII and URL-special characters and an
+// empty file, every file dated five years back (older than any version made now). No empty folder: an FTP
+// destination keeps none.
 void makeTree(const std::string& root);
 
 // Whether two trees hold the same folders and files, byte for byte; the first difference in *why.
 bool sameTree(const std::string& a, const std::string& b, std::string* why);
 
-// Given group "Photos", whose only item is the tree made by makeTree at tree, backed up once into the
-// version whose folder the destination keeps at versionFolder: changes the source, restores and verifies
-// through the program, then damages three files at the destination and verifies again. scratch is an
-// empty folder of the test's own.
-void expectRestoreAndVerify(const std::string& tree, const std::string& versionFolder, const std::string& scratch);
+// Given a group, whose only item is the tree made by makeTree at tree (a folder named "Tree"), backed up
+// once into the version whose folder the destination keeps at versionFolder: changes the source, restores
+// and verifies through the program, then damages three files at the destination and verifies again.
+// scratch is a folder of the test's own that does not exist yet or is empty.
+void expectRestoreAndVerify(const std::string& tree, const std::string& versionFolder, const std::string& scratch,
+                            const std::string& group = "Photos");
 
 }  // namespace qvtest
