@@ -42,6 +42,14 @@ bool anyCommandLineHolds(const std::string& text) {
   return false;
 }
 
+// Whether a server's folder holds a file of more than 64 MiB: an upload is under way.
+bool uploading(const qvtest::TestServer& server) {
+  std::error_code ec;
+  for (const auto& entry : fs::recursive_directory_iterator(server.directory(), ec))
+    if (entry.is_regular_file(ec) && entry.file_size(ec) > (64u << 20)) return true;
+  return false;
+}
+
 // A server of the kind named ("apache", "apache-auth" or "nginx") with its served folder in *root.
 std::unique_ptr<qvtest::TestServer> startServer(const std::string& kind, std::string* root, long maxBody = 0) {
   if (kind == "nginx") {
@@ -180,6 +188,22 @@ TEST_P(QVDAVIntegrationTest, AServerThatStopsOrNeverAnswersFailsTheRunBeforeItsN
   EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(20));
 }
 
+TEST_P(QVDAVIntegrationTest, AServerStoppedDuringAnUploadFailsTheRun) {
+  const std::string large = sources() + "/large.bin";
+  qvtest::writeFile(large, "large");
+  fs::resize_file(large, 4ull << 30);
+  qvtest::writeFile(sources() + "/b.txt", "b");
+  QVGroupRef group = makeGroup({large, sources() + "/b.txt"});
+  agent->backupGroupWithID(group->identifier, true);
+  ASSERT_TRUE(qv::runMainLoopUntil([&] { return uploading(*m_server); }, std::chrono::seconds(60)));
+  m_server->stop();
+  ASSERT_TRUE(qv::runMainLoopUntil([&] { return !agent->isBackingUpGroupWithID(group->identifier); }));
+  EXPECT_EQ(group->statusCode, -27);
+  const Lines shown = host.linesStartingWith("template");
+  ASSERT_EQ(shown.size(), 1u);
+  EXPECT_NE(shown[0].find("Photos - Could not connect to server http://"), std::string::npos) << shown[0];
+}
+
 TEST_P(QVDAVIntegrationTest, ARefusedRunRemovesItsVersionAndTheEmptiedGroupFolder) {
   // The collections are made, then every file is refused as too large.
   startServer(4);
@@ -270,14 +294,7 @@ TEST_P(QVDAVProgramTest, SIGINTDuringALargeUploadEndsTheRunAtOnce) {
   fs::resize_file(large, 4ull << 30);
   addGroup({large});
   qvtest::RunningProgram backup({"backup", "Photos"});
-  // Under way once the server holds some of the file.
-  auto uploading = [&] {
-    std::error_code ec;
-    for (const auto& entry : fs::recursive_directory_iterator(m_server->directory(), ec))
-      if (entry.is_regular_file(ec) && entry.file_size(ec) > (64u << 20)) return true;
-    return false;
-  };
-  ASSERT_TRUE(backup.waitFor(uploading, std::chrono::seconds(60))) << backup.err;
+  ASSERT_TRUE(backup.waitFor([&] { return uploading(*m_server); }, std::chrono::seconds(60))) << backup.err;
   EXPECT_FALSE(anyCommandLineHolds(kPassword)) << "no process has the password on its command line";
   ::kill(backup.pid, SIGINT);
   const auto sent = std::chrono::steady_clock::now();
