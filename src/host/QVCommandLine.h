@@ -26,6 +26,7 @@ enum class QVCommand {
   backup,
   daemon,
   menu,
+  log,
 };
 
 // The arguments of the chosen command. Options that were not given stay nullopt.
@@ -34,7 +35,7 @@ struct QVCommandOptions {
   bool json = false;
 
   std::string name;                 // group add NAME
-  std::string group;                // GROUP of group show/set/remove/remove-items, versions
+  std::string group;                // GROUP of group show/set/remove/remove-items, versions, log ("" for all)
   std::string target;               // TARGET of target set/remove
   std::vector<std::string> paths;   // PATH... of group add/remove-items
   std::vector<std::string> groups;  // GROUP... of backup
@@ -44,6 +45,7 @@ struct QVCommandOptions {
   std::optional<std::string> groupTarget;
   std::optional<std::string> versions;
   std::optional<std::string> schedule;
+  bool yes = false;  // --yes: the user means a setting that removes backups
 
   // target add / target set (title shared with group set)
   std::optional<std::string> type;

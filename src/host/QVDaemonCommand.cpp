@@ -155,6 +155,7 @@ void QVDaemonCommand::runEnded(const QVRunOutcome& outcome) {
   }
   const std::string next = nextRunText(outcome.groupID);
   if (!next.empty()) line += " (" + next + ")";
+  for (const auto& detail : outcome.detailLines()) line += "\n  " + detail;
 
   // Written before it is told, so that a daemon that is killed loses nothing; into the changed file when
   // another command wrote it meanwhile.
