@@ -120,6 +120,7 @@ std::string QVRunJournal::defaultDirectory() {
 
 bool QVRunJournal::append(const QVJournalEntry& entry, std::string* error) const {
   if (!makeFolder(m_directory, error)) return false;
+  ::chmod(m_directory.c_str(), 0700);  // ours alone, also when made by hand
   const std::string path = filePath();
   struct stat st;
   if (::stat(path.c_str(), &st) == 0 && static_cast<std::uintmax_t>(st.st_size) >= m_maxBytes) {
@@ -134,6 +135,7 @@ bool QVRunJournal::append(const QVJournalEntry& entry, std::string* error) const
     if (error) *error = "cannot open " + path + ": " + std::strerror(errno);
     return false;
   }
+  ::fchmod(fd, 0600);
   // A line that an earlier writer left without its end would swallow this one: start a fresh line.
   std::string line = qv::journalLine(entry) + "\n";
   if (::fstat(fd, &st) == 0 && st.st_size > 0) {
