@@ -5,7 +5,9 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -127,7 +129,10 @@ TEST_F(QVFileCopierTest, PassesOverUnreadableItemsOnlyWhenIgnoringSourceErrors) 
     if (child == 0) {
       const bool dropped = setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
                            setresuid(65534, 65534, 65534) == 0;
-      _exit(!dropped ? 255 : copy(m_dir / "src", to, ignoring) ? 0 : std::clamp(int(-m_error.code), 1, 254));
+      if (!dropped) _exit(255);
+      const bool copied = copy(m_dir / "src", to, ignoring);
+      const bool named = m_copier.passedOverPaths() == std::vector<std::string>(ignoring, m_dir / "src/secret.txt");
+      _exit(copied ? (named ? 0 : 253) : std::clamp(int(-m_error.code), 1, 254));
     }
     int status = 0;
     waitpid(child, &status, 0);
@@ -196,6 +201,43 @@ TEST_F(QVFileCopierTest, ReportsASourceThatVanishesAsMissing) {
     EXPECT_EQ(copy(m_dir / "src", dst, ignoring), ignoring);
     EXPECT_EQ(m_error.code, ignoring ? 0 : -43);
     EXPECT_FALSE(fs::exists(dst + "/victim"));
+    EXPECT_EQ(m_copier.passedOverPaths(), std::vector<std::string>(ignoring, m_dir / "src/victim"));
+  }
+}
+
+// What a copy wrote and what it passed over, by kind of source item.
+TEST_F(QVFileCopierTest, CountsWhatItWroteAndNamesWhatItPassedOver) {
+  struct Case {
+    const char* name;
+    std::function<void(const std::string& src)> make;
+    std::uint64_t files, bytes;
+    std::vector<std::string> passedOver;  // below src
+  };
+  const std::vector<Case> cases = {
+      {"files and a link", [](const std::string& src) {
+         qvtest::writeFile(src + "/a", "12345"), qvtest::writeFile(src + "/sub/b", ""), fs::create_symlink("a", src + "/l");
+       }, 3, 5, {}},
+      {"a pipe beside a file", [](const std::string& src) {
+         qvtest::writeFile(src + "/a", "xy"), mkfifo((src + "/pipe").c_str(), 0644);
+       }, 1, 2, {"/pipe"}},
+      {"a socket alone", [](const std::string& src) {
+         fs::create_directories(src);
+         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+         sockaddr_un address{};
+         address.sun_family = AF_UNIX;
+         std::snprintf(address.sun_path, sizeof address.sun_path, "%s/sock", src.c_str());
+         bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), close(fd);
+       }, 0, 0, {"/sock"}},
+      {"an empty folder", [](const std::string& src) { fs::create_directories(src + "/empty"); }, 0, 0, {}},
+  };
+  for (const auto& c : cases) {
+    const std::string src = m_dir / (std::string("src ") + c.name);
+    c.make(src);
+    ASSERT_TRUE(copy(src, m_dir / (std::string("dst ") + c.name), true)) << c.name;
+    std::vector<std::string> expected;
+    for (const auto& path : c.passedOver) expected.push_back(src + path);
+    EXPECT_EQ(std::tuple(m_copier.filesCopied(), m_copier.bytesCopied(), m_copier.passedOverPaths()),
+              std::tuple(c.files, c.bytes, expected)) << c.name;
   }
 }
 
