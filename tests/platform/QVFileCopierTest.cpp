@@ -5,9 +5,7 @@
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -220,14 +218,6 @@ TEST_F(QVFileCopierTest, CountsWhatItWroteAndNamesWhatItPassedOver) {
       {"a pipe beside a file", [](const std::string& src) {
          qvtest::writeFile(src + "/a", "xy"), mkfifo((src + "/pipe").c_str(), 0644);
        }, 1, 2, {"/pipe"}},
-      {"a socket alone", [](const std::string& src) {
-         fs::create_directories(src);
-         const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-         sockaddr_un address{};
-         address.sun_family = AF_UNIX;
-         std::snprintf(address.sun_path, sizeof address.sun_path, "%s/sock", src.c_str());
-         bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), close(fd);
-       }, 0, 0, {"/sock"}},
       {"an empty folder", [](const std::string& src) { fs::create_directories(src + "/empty"); }, 0, 0, {}},
   };
   for (const auto& c : cases) {
