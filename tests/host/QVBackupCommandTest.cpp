@@ -1,5 +1,7 @@
 // "stellwin-backup backup" end to end: real copies into the default local destination, what the user reads,
 // the exit status, and what the preferences keep afterwards.
+#include <sys/stat.h>
+
 #include <set>
 #include <sstream>
 
@@ -128,7 +130,7 @@ TEST_F(QVBackupCommandTest, CancelsOnInterruptAndExitsWith130) {
             json({complete, "cancelled", -128, partial})) << runs;
 }
 
-// Twelve files nobody may read, one that is read, and a folder of links only: the run completes, and
+// Twelve files nobody may read, a pipe, one file that is read, and a folder of links only: the run completes, and
 // says which files are not in the version.
 TEST_F(QVBackupCommandTest, NamesTheFilesItCouldNotReadAndLeftOut) {
   std::set<std::string> leftOut = {m_env.home() + "/Links/hostname"};
@@ -139,6 +141,7 @@ TEST_F(QVBackupCommandTest, NamesTheFilesItCouldNotReadAndLeftOut) {
     std::filesystem::permissions(secret, std::filesystem::perms::none);
   }
   makeFile("Docs/open.txt", "open");
+  ASSERT_EQ(mkfifo(leftOut.insert(m_env.home() + "/Docs/pipe").first->c_str(), 0666), 0);  // a special file
   runJSON({"group", "add", "Docs", m_env.home() + "/Docs", m_env.home() + "/Links"});
 
   ProgramResult result = runProgramAsUser({"backup", "Docs"}, m_env.root());
@@ -146,15 +149,15 @@ TEST_F(QVBackupCommandTest, NamesTheFilesItCouldNotReadAndLeftOut) {
   for (std::istringstream lines(result.out); std::getline(lines, shown.emplace_back());) continue;
   ASSERT_EQ(shown.size(), 14u) << result.out << result.err;  // the last one empty
   EXPECT_EQ(std::vector(shown.begin(), shown.begin() + 2),
-            (std::vector<std::string>{"Docs: complete", "  13 files could not be read and were left out"}));
+            (std::vector<std::string>{"Docs: complete", "  14 files could not be read and were left out"}));
   for (std::size_t i = 2; i < 12; ++i) EXPECT_TRUE(leftOut.count(shown[i].substr(4)) && shown[i].starts_with("    ")) << shown[i];
-  EXPECT_EQ(shown[12], "    and 3 more (see --json)");
+  EXPECT_EQ(shown[12], "    and 4 more (see --json)");
   EXPECT_EQ(readFile(backups() + "/Docs/" + versionsIn("Docs").at(0) + "/Docs/open.txt"), "open");
 
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   const json outcome = json::parse(runProgramAsUser({"backup", "Docs", "--json"}, m_env.root()).out, nullptr, false)[0];
   EXPECT_EQ(std::pair(outcome["outcome"], outcome["leftOut"].get<std::set<std::string>>()), std::pair(json("complete"), leftOut));
-  EXPECT_EQ(runJSON({"log", "Docs", "--json"})[0]["leftOutCount"], 13);
+  EXPECT_EQ(runJSON({"log", "Docs", "--json"})[0]["leftOutCount"], 14);
 }
 
 // Three older versions stand at the destination; what a run keeps depends on the stored "versions".
