@@ -70,11 +70,7 @@ QVJournalEntry QVRunOutcome::journalEntry() const {
 }
 
 std::shared_ptr<QVRunMonitor> QVRunMonitor::make(QVBackupAgent& agent, QVHostApp& host) {
-  return make(agent, host, QVRunJournal(QVRunJournal::defaultDirectory()));
-}
-
-std::shared_ptr<QVRunMonitor> QVRunMonitor::make(QVBackupAgent& agent, QVHostApp& host, QVRunJournal journal) {
-  std::shared_ptr<QVRunMonitor> monitor(new QVRunMonitor(agent, host, std::move(journal)));
+  std::shared_ptr<QVRunMonitor> monitor(new QVRunMonitor(agent, host, QVRunJournal(QVRunJournal::defaultDirectory())));
   std::weak_ptr<QVRunMonitor> weak = monitor;
   // The agent starts the icon animation before the run is filed: look once the start is done.
   host.setRunStartObserver([weak] {

@@ -58,8 +58,8 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
  public:
   // Makes the monitor and registers it with the host for run starts and template items. The caller
   // then makes it the agent's delegate.
+  // The journal is the user's own (QVRunJournal::defaultDirectory).
   static std::shared_ptr<QVRunMonitor> make(QVBackupAgent& agent, QVHostApp& host);
-  static std::shared_ptr<QVRunMonitor> make(QVBackupAgent& agent, QVHostApp& host, QVRunJournal journal);
   ~QVRunMonitor() override;
 
   using StartHandler = std::function<void(const QVGroup& group)>;
