@@ -184,7 +184,10 @@ std::string groupDetails(const QVBackupAgent& agent, const QVGroup& group, QVDat
     destination += " (" + *group.target + ")";
   fields.addRow({"Destination:", destination});
   fields.addRow({"Schedule:", scheduleText(group)});
-  fields.addRow({"Versions kept:", group.versions ? std::to_string(*group.versions) : std::string("not set")});
+  std::string versions = group.versions ? std::to_string(*group.versions) : std::string("not set");
+  if (group.hasUnreadableVersions()) versions = "cannot be read (no old version is removed)";
+  else if (group.versions.value_or(0) == 0) versions += " (each backup is removed right after it is made)";
+  fields.addRow({"Versions kept:", versions});
   fields.addRow({"Status:", statusText(group)});
   fields.addRow({"Last backup:", dateText(group.lastBackupDate)});
   fields.addRow({"Last attempt:", dateText(group.lastBackupAttemptDate)});

@@ -195,6 +195,7 @@ TEST_F(QVBackupCommandTest, KeepsEveryVersionWhenTheStoredCountCannotBeRead) {
 
   EXPECT_NE(runProgram({"backup", "G0"}).out.find("G0: complete\n  the group's stored \"versions\" cannot be read"),
             std::string::npos);
+  EXPECT_NE(runProgram({"group", "show", "G0"}).out.find("Versions kept:  cannot be read"), std::string::npos);
 }
 
 // Groups whose stored titles would write outside their own folder are not run; nothing is written.
