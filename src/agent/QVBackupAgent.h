@@ -24,6 +24,7 @@
 #include <thread>
 #include <vector>
 
+#include "agent/QVRunReport.h"
 #include "platform/QVHostApplication.h"
 #include "platform/QVNCTemplate.h"
 #include "platform/QVValue.h"
@@ -95,6 +96,8 @@ class QVBackupAgent : public QVNCTemplateDelegate {
   void cancelBackupGroupWithID(const std::string& groupID);
   bool isBackingUpGroupWithID(const std::string& groupID) const;
   std::size_t numberOfRunningBackups() const { return m_activeBackupTargets.size(); }
+  // What the group's last run did, from the moment its outcome is handled; nullptr before any run.
+  const QVRunReport* runReportForGroupWithID(const std::string& groupID) const;
 
   // Any thread: progress of item `item` of a running group.
   void backupProgress(double progress, const QVGroupRef& forGroup, std::size_t item);
@@ -156,6 +159,7 @@ class QVBackupAgent : public QVNCTemplateDelegate {
   std::optional<QVDate> m_lastBackupDate;
   std::map<std::string, std::vector<std::string>> m_directoriesInGroup;
   std::map<std::string, std::shared_ptr<Run>> m_activeBackupTargets;
+  std::map<std::string, QVRunReport> m_runReports;  // by group identifier
   std::unique_ptr<QVNCTemplate> m_ncTemplate;
   std::unique_ptr<QVNCTemplate> m_ncWarningTemplate;
   std::unique_ptr<QVWakeMonitor> m_wakeMonitor;

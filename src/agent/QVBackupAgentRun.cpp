@@ -147,6 +147,11 @@ void QVBackupAgent::backupGroup(const QVGroupRef& group, bool notifyHostApp) {
   sheduleTimerForGroup(group, 3600.0);
 }
 
+const QVRunReport* QVBackupAgent::runReportForGroupWithID(const std::string& groupID) const {
+  auto it = m_runReports.find(groupID);
+  return it == m_runReports.end() ? nullptr : &it->second;
+}
+
 void QVBackupAgent::cancelBackupGroupWithID(const std::string& groupID) {
   auto it = m_activeBackupTargets.find(groupID);
   if (it != m_activeBackupTargets.end()) it->second->target->cancel();
@@ -166,7 +171,12 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
   }
   QVBackupTarget& target = *run->target;
   const QVGroup& group = run->snapshot;
-  const std::string version = qv::versionNameForDate(std::chrono::system_clock::now());
+  QVRunReport report;
+  report.groupID = group.identifier;
+  report.started = std::chrono::system_clock::now();
+  report.items = group.items.size();
+  const std::string version = qv::versionNameForDate(report.started);
+  report.version = version;
 
   QVBackupTargetDelegate adapter;
   target.setDelegate(&adapter);
@@ -196,15 +206,25 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
       // Every error a destination stores has its domain; an item failed without one leaves the run without
       // an error, so the run records 1.
       lastError = error;
-      if (error.code == -43) anyMissing = true;
+      if (error.code == -43) {
+        anyMissing = true;
+        report.missingItems.push_back(path);
+      }
     }
   }
   target.backupDidEnd();
+  report.files = target.filesWritten();
+  report.bytes = target.bytesWritten();
+  report.leftOut = target.leftOutPaths();
 
   if (target.isCancelled()) {
     // The partial version stays at the destination.
     target.setDelegate(nullptr);
-    postToSelf([group = run->group](QVBackupAgent& agent) { agent.onBackupCancel(group); });
+    report.ended = std::chrono::system_clock::now();
+    postToSelf([group = run->group, report](QVBackupAgent& agent) {
+      agent.m_runReports[report.groupID] = report;  // filed before the outcome, for the host to read with it
+      agent.onBackupCancel(group);
+    });
     return;
   }
 
@@ -215,9 +235,14 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
     std::vector<std::string> versions;
     for (const auto& name : listing)
       if (qv::isVersionName(name)) versions.push_back(name);
-    // No lower bound, deliberately: "versions" 0 removes every version, the new one included.
+    // No lower bound, deliberately: "versions" 0 removes every version, the new one included. A stored
+    // "versions" that cannot be read is no count at all: then nothing is removed, and the run says so.
     const std::uint64_t keep = group.versions.value_or(0);
-    if (versions.size() > keep) {
+    if (group.hasUnreadableVersions()) {
+      report.versionsUnreadable = true;
+      QVLog("QVBackupAgent warning: the \"versions\" of group \"" + group.title +
+            "\" cannot be read; no old version was removed");
+    } else if (versions.size() > keep) {
       std::sort(versions.begin(), versions.end());
       const std::size_t surplus = versions.size() - static_cast<std::size_t>(keep);
       for (std::size_t i = 0; i < surplus; ++i) {
@@ -226,7 +251,11 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
       }
     }
     target.setDelegate(nullptr);
-    postToSelf([group = run->group, anyMissing](QVBackupAgent& agent) { agent.onBackupComplete(group, anyMissing); });
+    report.ended = std::chrono::system_clock::now();
+    postToSelf([group = run->group, anyMissing, report](QVBackupAgent& agent) {
+      agent.m_runReports[report.groupID] = report;
+      agent.onBackupComplete(group, anyMissing);
+    });
   } else {
     auto it = std::find(listing.begin(), listing.end(), version);
     if (it != listing.end()) {
@@ -236,7 +265,11 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
     // With a destination that was lost the listing is empty, so this is called all the same.
     if (listing.empty()) target.removeRootEntryForGroup(group);
     target.setDelegate(nullptr);
-    postToSelf([group = run->group, lastError](QVBackupAgent& agent) { agent.onBackupFailed(group, lastError); });
+    report.ended = std::chrono::system_clock::now();
+    postToSelf([group = run->group, lastError, report](QVBackupAgent& agent) {
+      agent.m_runReports[report.groupID] = report;
+      agent.onBackupFailed(group, lastError);
+    });
   }
 }
 

@@ -30,6 +30,14 @@ std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes) {
     object["outcome"] = QVRunOutcome::kindName(outcome.kind);
     object["statusCode"] = outcome.statusCode ? nlohmann::json(*outcome.statusCode) : nlohmann::json(nullptr);
     object["message"] = outcome.message.empty() ? nlohmann::json(nullptr) : nlohmann::json(outcome.message);
+    if (const auto& report = outcome.report) {
+      object["version"] = report->version;
+      object["files"] = report->files;
+      object["bytes"] = report->bytes;
+      object["leftOut"] = report->leftOut;
+      object["missingItems"] = report->missingItems;
+      object["versionsUnreadable"] = report->versionsUnreadable;
+    }
     array.push_back(std::move(object));
   }
   return array.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
@@ -53,6 +61,25 @@ int QVBackupCommand::run(const QVCommandOptions& options) {
     if (std::none_of(groups.begin(), groups.end(), [&](const QVGroupRef& g) { return g == found.record; }))
       groups.push_back(found.record);
   }
+  // Titles from older preferences (or edited by hand) that would write outside the group's own folder,
+  // or into another group's, whose versions the run would then remove.
+  for (const auto& group : groups) {
+    std::string problem = qv::groupTitleProblem(group->title);
+    if (QVGroupRef other = qv::otherGroupTitled(m_agent, group->title, group->identifier); problem.empty() && other)
+      problem = "group " + other->identifier + " has the same title, so the two would remove each other's versions";
+    if (!problem.empty()) {
+      m_err << kProgram << ": group " << group->identifier << " is not backed up: " << problem
+            << "; give it a new title with \"" << kProgram << " group set " << group->identifier << " --title NEW\""
+            << std::endl;
+      return 2;
+    }
+  }
+  for (const auto& group : groups) {
+    if (group->hasUnreadableVersions() || (group->versions && *group->versions != 0)) continue;
+    m_err << kProgram << ": warning: group " << qv::quoted(group->title)
+          << (group->versions ? " keeps 0 versions" : " has no stored \"versions\"")
+          << ": its backup is removed right after it is made" << std::endl;
+  }
 
   m_out.flush();
   QVProgressDisplay display(stderr, true);
@@ -70,9 +97,13 @@ int QVBackupCommand::run(const QVCommandOptions& options) {
     display.end(outcome.groupID);
     if (isRequested(outcome.groupID)) {
       outcomes.push_back(outcome);
-      if (!options.json) display.printLine(stdout, outcome.line());
+      if (!options.json) {
+        display.printLine(stdout, outcome.line());
+        for (const auto& line : outcome.detailLines()) display.printLine(stdout, "  " + line);
+      }
     } else {
       say("(started by its schedule) " + outcome.line());
+      for (const auto& line : outcome.detailLines()) say("  " + line);
     }
   };
 

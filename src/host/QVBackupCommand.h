@@ -1,7 +1,9 @@
 // QVBackupCommand is "stellwin-backup backup GROUP...": it starts each group's run, follows the runs on
 // the main loop with a live progress display on a terminal, prints one line per outcome (or a JSON
 // array), and returns 0 when every group completed, 1 otherwise, 130 when SIGINT or SIGTERM cancelled
-// the runs. It never returns while the agent still runs a backup, also one that a group's timer started
+// the runs. Under an outcome it names what the run left out. It refuses (status 2, before any run) a
+// group whose title cannot name a folder of its own at the destination, and warns when a run is about
+// to remove every version. It never returns while the agent still runs a backup, also one that a group's timer started
 // meanwhile. Uses the agent, the monitor and the host without owning them. Main thread.
 #pragma once
 
@@ -29,7 +31,8 @@ class QVBackupCommand {
 
 namespace qv {
 
-// The outcomes as a JSON array of {"id", "title", "outcome", "statusCode", "message"}.
+// The outcomes as a JSON array of {"id", "title", "outcome", "statusCode", "message"}, with, for a group
+// that ran, "version", "files", "bytes", "leftOut" (every path), "missingItems" and "versionsUnreadable".
 std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes);
 
 }  // namespace qv

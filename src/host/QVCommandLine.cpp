@@ -37,7 +37,7 @@ struct QVCommandLine::Impl {
   // Values as CLI11 fills them; copied into the options after a successful parse.
   std::string name, group, target, title, groupTarget, versions, schedule, type, path, server, port, user;
   std::vector<std::string> paths, groups;
-  bool json = false, passwordStdin = false, makeDefault = false;
+  bool json = false, passwordStdin = false, makeDefault = false, yes = false;
 
   CLI::App* groupCommand = nullptr;
   CLI::App* groupAdd = nullptr;
@@ -58,6 +58,7 @@ struct QVCommandLine::Impl {
   CLI::App* restore = nullptr;
   CLI::App* verify = nullptr;
   std::string restoreFolder, version;
+  CLI::App* log = nullptr;
 
   // Options given, by the member they fill.
   std::vector<std::pair<CLI::Option*, std::optional<std::string> QVCommandOptions::*>> optionalValues;
@@ -112,7 +113,8 @@ struct QVCommandLine::Impl {
     addOptional(groupSet, "--target", groupTarget, &QVCommandOptions::groupTarget,
                 "Destination (identifier or title)");
     addOptional(groupSet, "--versions", versions, &QVCommandOptions::versions,
-                "How many versions to keep (a whole number, 0 or more)");
+                "How many versions to keep, 1 to 100000 (0, with --yes, removes each backup right after it is made)");
+    groupSet->add_flag("--yes", yes, "Confirm a setting that removes backups (--versions 0)");
     addOptional(groupSet, "--schedule", schedule, &QVCommandOptions::schedule, kScheduleHelp);
     groupSet->footer(kGroupHelp);
 
@@ -179,6 +181,10 @@ struct QVCommandLine::Impl {
                    "\nbyte for byte; files changed, added or removed since are listed, not counted as errors."
                    "\nExit status 0 when there is no error, 1 otherwise. Nothing is written to the destination.");
     addJSON(verify);
+    log = app.add_subcommand("log", "Show the outcomes of past backup runs, newest first");
+    log->add_option("GROUP", group, "Only this group's runs");
+    log->footer(std::string(kGroupHelp) + " A group that has been removed can be given by its former title.");
+    addJSON(log);
 
     // Last: a subcommand takes its parent's footer when it is made.
     app.footer(
@@ -212,6 +218,7 @@ struct QVCommandLine::Impl {
         {versionsCommand, QVCommand::versions},  {backup, QVCommand::backup},
         {daemon, QVCommand::daemon},             {menu, QVCommand::menu},
         {restore, QVCommand::restore},           {verify, QVCommand::verify},
+        {log, QVCommand::log},
     };
     for (const auto& [command, value] : table)
       if (command->parsed()) return value;
@@ -271,6 +278,7 @@ std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out
   options.passwordStdin = impl.passwordStdin;
   options.makeDefault = impl.makeDefault;
   options.restoreFolder = impl.restoreFolder;
+  options.yes = impl.yes;
   for (const auto& [option, member] : impl.optionalValues) {
     if (option->count() == 0) continue;
     // Only the parsed command's options have a count.

@@ -28,6 +28,7 @@ enum class QVCommand {
   menu,
   restore,
   verify,
+  log,
 };
 
 // The arguments of the chosen command. Options that were not given stay nullopt.
@@ -36,7 +37,7 @@ struct QVCommandOptions {
   bool json = false;
 
   std::string name;                 // group add NAME
-  std::string group;                // GROUP of group show/set/remove/remove-items, versions
+  std::string group;                // GROUP of group show/set/remove/remove-items, versions, log ("" for all)
   std::string target;               // TARGET of target set/remove
   std::vector<std::string> paths;   // PATH... of group add/remove-items
   std::vector<std::string> groups;  // GROUP... of backup
@@ -46,6 +47,7 @@ struct QVCommandOptions {
   std::optional<std::string> groupTarget;
   std::optional<std::string> versions;
   std::optional<std::string> schedule;
+  bool yes = false;  // --yes: the user means a setting that removes backups
 
   // target add / target set (title shared with group set)
   std::optional<std::string> type;

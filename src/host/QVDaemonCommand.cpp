@@ -122,6 +122,13 @@ int QVDaemonCommand::run() {
     ++scheduled;
     m_log << qv::quoted(group->title) << " " << next << std::endl;
   }
+  for (const auto& group : m_agent.groups()) {
+    // Its scheduled runs go ahead, as the agent defines them; the user is told what they will do.
+    std::string problem = qv::groupTitleProblem(group->title);
+    if (problem.empty() && qv::otherGroupTitled(m_agent, group->title, group->identifier))
+      problem = "another group has the same title, so the two remove each other's versions";
+    if (!problem.empty()) m_log << "warning: group " << group->identifier << ": " << problem << std::endl;
+  }
   m_log << "started with " << m_agent.groups().size() << (m_agent.groups().size() == 1 ? " group, " : " groups, ")
         << scheduled << " scheduled" << std::endl;
 
@@ -155,6 +162,7 @@ void QVDaemonCommand::runEnded(const QVRunOutcome& outcome) {
   }
   const std::string next = nextRunText(outcome.groupID);
   if (!next.empty()) line += " (" + next + ")";
+  for (const auto& detail : outcome.detailLines()) line += "\n  " + detail;
 
   // Written before it is told, so that a daemon that is killed loses nothing; into the changed file when
   // another command wrote it meanwhile.

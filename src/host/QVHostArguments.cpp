@@ -35,6 +35,32 @@ std::optional<std::int64_t> portNumber(const std::string& text) {
 
 namespace {
 
+// The length of the UTF-8 sequence that starts at text[at] and is well formed (no overlong forms, no
+// surrogates, nothing past U+10FFFF); 0 when it is not.
+std::size_t utf8SequenceLength(const std::string& text, std::size_t at) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const unsigned char lead = byte(at);
+  std::size_t length = 0;
+  unsigned char low = 0x80, high = 0xBF;
+  if (lead < 0x80) return 1;
+  if (lead >= 0xC2 && lead <= 0xDF) length = 2;
+  else if (lead >= 0xE0 && lead <= 0xEF) length = 3, low = lead == 0xE0 ? 0xA0 : 0x80, high = lead == 0xED ? 0x9F : 0xBF;
+  else if (lead >= 0xF0 && lead <= 0xF4) length = 4, low = lead == 0xF0 ? 0x90 : 0x80, high = lead == 0xF4 ? 0x8F : 0xBF;
+  else return 0;
+  if (at + length > text.size()) return 0;
+  if (byte(at + 1) < low || byte(at + 1) > high) return 0;
+  for (std::size_t i = 2; i < length; ++i)
+    if (byte(at + i) < 0x80 || byte(at + i) > 0xBF) return 0;
+  return length;
+}
+
+template <typename Ref>
+Ref otherTitled(const std::vector<Ref>& records, const std::string& title, const std::string& exceptID) {
+  for (const auto& record : records)
+    if (record->identifier != exceptID && record->title == title) return record;
+  return nullptr;
+}
+
 template <typename Ref>
 QVFoundRecord<Ref> findRecord(const std::vector<Ref>& records, const std::string& argument, const char* kind) {
   for (const auto& record : records)
@@ -57,6 +83,44 @@ QVFoundRecord<QVGroupRef> findGroup(const QVBackupAgent& agent, const std::strin
 
 QVFoundRecord<QVTargetRef> findTarget(const QVBackupAgent& agent, const std::string& argument) {
   return findRecord(agent.targets(), argument, "destination");
+}
+
+QVGroupRef otherGroupTitled(const QVBackupAgent& agent, const std::string& title, const std::string& exceptID) {
+  return otherTitled(agent.groups(), title, exceptID);
+}
+
+QVTargetRef otherTargetTitled(const QVBackupAgent& agent, const std::string& title, const std::string& exceptID) {
+  return otherTitled(agent.targets(), title, exceptID);
+}
+
+std::string groupTitleProblem(const std::string& title) {
+  if (title.empty()) return "a group's title must not be empty";
+  if (title == "." || title == "..")
+    return "a group's title cannot be \".\" or \"..\": it names the group's folder at the destination";
+  if (title.size() > 255)
+    return "a group's title can have at most 255 bytes in UTF-8, as it names a folder; this one has " +
+           std::to_string(title.size());
+  for (std::size_t at = 0; at < title.size();) {
+    const std::size_t length = utf8SequenceLength(title, at);
+    if (length == 0) return "a group's title must be valid UTF-8";
+    const auto c = static_cast<unsigned char>(title[at]);
+    const bool c1 = length == 2 && c == 0xC2 && static_cast<unsigned char>(title[at + 1]) < 0xA0;
+    if (c < 0x20 || c == 0x7F || c1) return "a group's title cannot hold NUL or control characters";
+    if (c == '/') return "a group's title cannot hold \"/\": it names one folder at the destination";
+    at += length;
+  }
+  return "";
+}
+
+QVVersionsArgument versionsArgument(const std::string& text, bool confirmed) {
+  auto value = wholeNumber(text);
+  if (!value || *value > kMaxVersions)
+    return {std::nullopt, "--versions takes a whole number from 1 to " + std::to_string(kMaxVersions) + ", not " +
+                              quoted(text)};
+  if (*value == 0 && !confirmed)
+    return {std::nullopt,
+            "--versions 0 removes every backup of the group right after it is made; give --yes as well to mean it"};
+  return {*value, ""};
 }
 
 std::string singleLine(const std::string& text) {

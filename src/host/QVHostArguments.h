@@ -26,6 +26,19 @@ std::optional<std::uint64_t> wholeNumber(const std::string& text);
 // A TCP port: a whole number from 1 to 65535.
 std::optional<std::int64_t> portNumber(const std::string& text);
 
+// Why title cannot be a group's title, or "" when it can. A group's title names its folder on every kind
+// of destination, as it is: it must not be empty, "." or "..", hold "/", NUL or any control character
+// (C0, DEL or C1), or be longer than 255 bytes, and it must be valid UTF-8.
+std::string groupTitleProblem(const std::string& title);
+
+// The versions to keep, from the --versions argument: 1 to kMaxVersions; 0 only when confirmed (--yes).
+inline constexpr std::uint64_t kMaxVersions = 100000;
+struct QVVersionsArgument {
+  std::optional<std::uint64_t> versions;  // empty when refused
+  std::string error;                      // why it was refused
+};
+QVVersionsArgument versionsArgument(const std::string& text, bool confirmed);
+
 // The record that a command-line argument names, or the line that says why there is none.
 template <typename Ref>
 struct QVFoundRecord {
@@ -37,6 +50,10 @@ struct QVFoundRecord {
 // record, or a title that several records share (their identifiers are listed), is an error.
 QVFoundRecord<QVGroupRef> findGroup(const QVBackupAgent& agent, const std::string& argument);
 QVFoundRecord<QVTargetRef> findTarget(const QVBackupAgent& agent, const std::string& argument);
+
+// Another record than the one with identifier exceptID that has exactly this title (case-sensitive).
+QVGroupRef otherGroupTitled(const QVBackupAgent& agent, const std::string& title, const std::string& exceptID);
+QVTargetRef otherTargetTitled(const QVBackupAgent& agent, const std::string& title, const std::string& exceptID);
 
 // One line for the user: newlines and tabs become spaces.
 std::string singleLine(const std::string& text);

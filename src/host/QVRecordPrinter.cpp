@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/QVBackupAgent.h"
+#include "host/QVRunJournal.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVMenu.h"
 #include "platform/QVSchedule.h"
@@ -183,7 +184,10 @@ std::string groupDetails(const QVBackupAgent& agent, const QVGroup& group, QVDat
     destination += " (" + *group.target + ")";
   fields.addRow({"Destination:", destination});
   fields.addRow({"Schedule:", scheduleText(group)});
-  fields.addRow({"Versions kept:", group.versions ? std::to_string(*group.versions) : std::string("not set")});
+  std::string versions = group.versions ? std::to_string(*group.versions) : std::string("not set");
+  if (group.hasUnreadableVersions()) versions = "cannot be read (no old version is removed)";
+  else if (group.versions.value_or(0) == 0) versions += " (each backup is removed right after it is made)";
+  fields.addRow({"Versions kept:", versions});
   fields.addRow({"Status:", statusText(group)});
   fields.addRow({"Last backup:", dateText(group.lastBackupDate)});
   fields.addRow({"Last attempt:", dateText(group.lastBackupAttemptDate)});
@@ -215,6 +219,28 @@ std::string targetsTable(const std::vector<QVTargetRef>& targets) {
 }
 
 std::string stringsJSON(const std::vector<std::string>& strings) { return dump(json(strings)); }
+
+std::string versionsJSON(const std::vector<std::string>& names, const std::vector<std::string>& partial) {
+  json array = json::array();
+  for (const auto& name : names)
+    array.push_back({{"name", name}, {"partial", std::find(partial.begin(), partial.end(), name) != partial.end()}});
+  return dump(array);
+}
+
+std::string journalTable(const std::vector<QVJournalEntry>& entries) {
+  auto local = [](const std::string& iso) {
+    auto date = dateFromISO8601(iso);
+    return date ? stringFromDate(*date) : iso;
+  };
+  QVTextTable table({"STARTED", "ENDED", "GROUP", "OUTCOME", "STATUS", "VERSION", "ITEMS", "FILES", "BYTES", "LEFT OUT"});
+  for (const auto& entry : entries) {
+    table.addRow({local(entry.started), local(entry.ended), entry.title, entry.outcome,
+                  entry.statusCode ? std::to_string(*entry.statusCode) : std::string("-"),
+                  entry.version.empty() ? std::string("-") : entry.version, std::to_string(entry.items),
+                  std::to_string(entry.files), std::to_string(entry.bytes), std::to_string(entry.leftOutCount)});
+  }
+  return table.text();
+}
 
 std::string menuText(const std::vector<std::shared_ptr<QVMenuItem>>& items) {
   std::string text;

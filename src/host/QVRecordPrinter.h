@@ -16,6 +16,7 @@
 
 class QVBackupAgent;
 class QVMenuItem;
+struct QVJournalEntry;
 
 // A table whose columns line up in a fixed-width terminal; widths count characters, not bytes.
 class QVTextTable {
@@ -53,6 +54,12 @@ std::string targetsTable(const std::vector<QVTargetRef>& targets);
 
 // A JSON array of strings.
 std::string stringsJSON(const std::vector<std::string>& strings);
+
+// A group's versions as a JSON array of {"name", "partial"}; partial: the names known to lack items.
+std::string versionsJSON(const std::vector<std::string>& names, const std::vector<std::string>& partial);
+// The run journal as a table, in the given order: started, ended, group, outcome, status, version, items,
+// files, bytes, files left out.
+std::string journalTable(const std::vector<QVJournalEntry>& entries);
 
 // The status menu: visible items, separators as "----", submenus indented.
 std::string menuText(const std::vector<std::shared_ptr<QVMenuItem>>& items);

@@ -9,7 +9,9 @@
 #include "host/QVHostArguments.h"
 #include "host/QVPasswordInput.h"
 #include "host/QVRecordPrinter.h"
+#include "host/QVRunJournal.h"
 #include "platform/QVFoundation.h"
+#include "platform/QVLog.h"
 #include "platform/QVMenu.h"
 #include "platform/QVSchedule.h"
 
@@ -59,6 +61,7 @@ int QVRegistryCommands::run(const QVCommandOptions& options) {
     case QVCommand::targetRemove: return targetRemove(options);
     case QVCommand::versions: return versions(options);
     case QVCommand::menu: return menu(options);
+    case QVCommand::log: return log(options);
     case QVCommand::summary: return summary();
     case QVCommand::backup:
     case QVCommand::daemon:
@@ -71,8 +74,25 @@ int QVRegistryCommands::run(const QVCommandOptions& options) {
 // ---------------------------------------------------------------------------------------------------
 // Groups
 
+std::string QVRegistryCommands::groupTitleRefusal(const std::string& title, const std::string& groupID) const {
+  if (std::string problem = qv::groupTitleProblem(title); !problem.empty()) return problem;
+  if (QVGroupRef other = qv::otherGroupTitled(m_agent, title, groupID))
+    return "a group titled " + qv::quoted(title) + " exists already (" + other->identifier +
+           "); groups with one title would share one folder at the destination and remove each other's versions";
+  return "";
+}
+
 int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
   if (options.name.empty()) return refuse("a group needs a title; NAME must not be empty");
+  // The agent adds to the first group with this title, or makes one with it.
+  std::size_t titled = 0;
+  for (const auto& group : m_agent.groups()) titled += group->title == options.name ? 1 : 0;
+  if (titled == 0) {
+    if (std::string problem = qv::groupTitleProblem(options.name); !problem.empty()) return refuse(problem);
+  } else if (titled > 1) {
+    return refuse(std::to_string(titled) + " groups are titled " + qv::quoted(options.name) +
+                  "; give all but one a new title with \"stellwin-backup group set ID --title NEW\" first");
+  }
 
   std::vector<std::string> existing;
   for (const auto& given : options.paths) {
@@ -136,8 +156,9 @@ int QVRegistryCommands::groupSet(const QVCommandOptions& options) {
 
   // Everything is read before anything changes.
   auto changed = std::make_shared<QVGroup>(*found.record);
-  if (options.title) {
-    if (options.title->empty()) return refuse("--title must not be empty");
+  if (options.title && *options.title != found.record->title) {
+    if (std::string problem = groupTitleRefusal(*options.title, changed->identifier); !problem.empty())
+      return refuse(problem);
     changed->title = *options.title;
   }
   if (options.groupTarget) {
@@ -146,9 +167,10 @@ int QVRegistryCommands::groupSet(const QVCommandOptions& options) {
     changed->target = target.record->identifier;
   }
   if (options.versions) {
-    auto versions = qv::wholeNumber(*options.versions);
-    if (!versions) return refuse("--versions must be a whole number, 0 or more, not " + qv::quoted(*options.versions));
-    changed->versions = *versions;
+    auto versions = qv::versionsArgument(*options.versions, options.yes);
+    if (!versions.versions) return refuse(versions.error);
+    changed->versions = *versions.versions;
+    changed->otherKeys.erase("versions");  // an unreadable stored value is replaced
   }
   if (options.schedule) {
     std::string error;
@@ -158,6 +180,9 @@ int QVRegistryCommands::groupSet(const QVCommandOptions& options) {
   }
   if (options.title && *options.title != found.record->title)
     warn("the versions already made stay in the destination's folder named after the old title");
+  if (options.versions && changed->versions == 0u)
+    warn("with --versions 0 every backup of group " + qv::quoted(changed->title) +
+         " is removed right after it is made");
 
   m_agent.updateGroup(changed);
   m_out << "updated group " << qv::quoted(changed->title) << " (" << changed->identifier << ")\n";
@@ -210,6 +235,8 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
   }
   if (options.title) {
     if (options.title->empty()) return "--title must not be empty";
+    if (QVTargetRef other = qv::otherTargetTitled(m_agent, *options.title, target.identifier))
+      return "a destination titled " + qv::quoted(*options.title) + " exists already (" + other->identifier + ")";
     target.title = *options.title;
   }
   if (options.path) {
@@ -333,21 +360,68 @@ int QVRegistryCommands::targetRemove(const QVCommandOptions& options) {
 // ---------------------------------------------------------------------------------------------------
 // Versions, menu, summary
 
+std::string QVRegistryCommands::listingFailure(const QVGroup& group) const {
+  QVTargetRef target = group.target ? m_agent.targetWithIdentifier(*group.target) : nullptr;
+  if (!target) return "group " + qv::quoted(group.title) + " has no usable destination";
+  if (target->type != "local")
+    return "the destination " + qv::quoted(target->title) + " (" + qv::redactedString(qv::locationText(*target)) +
+           ") could not be listed: the server could not be reached or refused the listing";
+  // A local folder tells for itself: no group folder yet is no versions; anything else is a failure.
+  if (!qv::fileExistsAtPath(target->path))
+    return "the destination folder " + qv::quoted(target->path) + " does not exist (is its volume mounted?)";
+  const std::string folder = qv::stringByAppendingPathComponent(target->path, group.title);
+  bool isDirectory = false;
+  if (!qv::fileExistsAtPath(folder, &isDirectory)) return "";
+  if (!isDirectory) return qv::quoted(folder) + " is not a folder";
+  return "the folder " + qv::quoted(folder) + " could not be read";
+}
+
 int QVRegistryCommands::versions(const QVCommandOptions& options) {
   auto found = qv::findGroup(m_agent, options.group);
   if (!found.record) return refuse(found.error);
   const QVGroupRef group = found.record;
   if (!group->target || !m_agent.targetWithIdentifier(*group->target))
     return fail("group " + qv::quoted(group->title) + " has no usable destination");
-  std::vector<std::string> names = m_agent.backupsForGroupWithID(group->identifier).value_or(std::vector<std::string>{});
+  std::optional<std::vector<std::string>> listing = m_agent.backupsForGroupWithID(group->identifier);
+  if (!listing) {
+    if (std::string why = listingFailure(*group); !why.empty())
+      return fail("the versions of group " + qv::quoted(group->title) + " could not be listed: " + why);
+  }
+  std::vector<std::string> names = listing.value_or(std::vector<std::string>{});
   std::sort(names.begin(), names.end());
+
+  // A version that the journal knows from a run that was cancelled or failed lacks items.
+  std::vector<std::string> partial;
+  for (const auto& entry : QVRunJournal(QVRunJournal::defaultDirectory()).entries())
+    if (entry.groupID == group->identifier && !entry.version.empty() && entry.isPartial()) partial.push_back(entry.version);
   if (options.json) {
-    m_out << qv::stringsJSON(names);
+    m_out << qv::versionsJSON(names, partial);
   } else if (names.empty()) {
     m_out << "no versions\n";
   } else {
-    for (const auto& name : names) m_out << name << "\n";
+    for (const auto& name : names) m_out << name << (contains(partial, name) ? "  (partial)" : "") << "\n";
   }
+  return 0;
+}
+
+int QVRegistryCommands::log(const QVCommandOptions& options) {
+  std::vector<QVJournalEntry> entries = QVRunJournal(QVRunJournal::defaultDirectory()).entries();
+  std::reverse(entries.begin(), entries.end());  // newest first
+  if (!options.group.empty()) {
+    // A stored group by identifier or title; else the runs of a removed group by its identifier or title.
+    auto found = qv::findGroup(m_agent, options.group);
+    std::vector<QVJournalEntry> chosen;
+    for (auto& entry : entries) {
+      const bool match = found.record ? entry.groupID == found.record->identifier
+                                      : entry.groupID == options.group || entry.title == options.group;
+      if (match) chosen.push_back(std::move(entry));
+    }
+    if (!found.record && chosen.empty()) return refuse(found.error);
+    entries = std::move(chosen);
+  }
+  if (options.json) m_out << qv::journalJSON(entries);
+  else if (entries.empty()) m_out << "no runs recorded\n";
+  else m_out << qv::journalTable(entries);
   return 0;
 }
 

@@ -2,7 +2,9 @@
 // destinations (group ..., target ..., versions, menu, and the summary without a command). Every argument
 // is checked before the agent is asked to change anything, because the agent saves on each change: a
 // command that refuses its arguments writes one line to stderr, returns 2 and leaves the preferences
-// as they were. Passwords come from standard input or the terminal only, and are never printed.
+// as they were. The commands guard what the agent would do without a word: a group title must name one
+// folder of its own at the destination (valid, and no other group's), a destination title is unique,
+// and a number of versions to keep that removes every backup needs --yes. Passwords come from standard input or the terminal only, and are never printed.
 // Uses the agent without owning it. Main thread.
 #pragma once
 
@@ -13,6 +15,7 @@
 #include "host/QVCommandLine.h"
 
 class QVBackupAgent;
+struct QVGroup;
 struct QVTarget;
 
 class QVRegistryCommands {
@@ -36,11 +39,17 @@ class QVRegistryCommands {
   int targetRemove(const QVCommandOptions& options);
   int versions(const QVCommandOptions& options);
   int menu(const QVCommandOptions& options);
+  int log(const QVCommandOptions& options);
   int summary();
 
   // Applies the destination options to target. Returns the refusal line, or "" when they fit.
   // Reads the password (stdin or terminal) when the options ask for one.
   std::string applyTargetOptions(const QVCommandOptions& options, QVTarget& target, bool isNew);
+  // Why title cannot be a new title of the group groupID ("" for a new group), or "".
+  std::string groupTitleRefusal(const std::string& title, const std::string& groupID) const;
+  // Why the group's versions could not be listed, given that its destination gave no listing; "" when
+  // that only means the group has no folder there yet (no versions).
+  std::string listingFailure(const QVGroup& group) const;
   // Removes the default mark of every destination but keepID.
   void clearOtherDefaults(const std::string& keepID);
 

@@ -27,8 +27,50 @@ std::string QVRunOutcome::line() const {
   return text;
 }
 
+std::vector<std::string> QVRunOutcome::detailLines() const {
+  std::vector<std::string> lines;
+  if (!report) return lines;
+  for (const auto& item : report->missingItems) lines.push_back("missing item: " + item);
+  const std::size_t leftOut = report->leftOut.size();
+  if (leftOut > 0) {
+    lines.push_back(std::to_string(leftOut) + (leftOut == 1 ? " file could not be read and was left out"
+                                                            : " files could not be read and were left out"));
+    constexpr std::size_t kShown = 10;
+    for (std::size_t i = 0; i < leftOut && i < kShown; ++i) lines.push_back("  " + report->leftOut[i]);
+    if (leftOut > kShown) lines.push_back("  and " + std::to_string(leftOut - kShown) + " more (see --json)");
+  }
+  if (report->versionsUnreadable)
+    lines.push_back("the group's stored \"versions\" cannot be read, so no old version was removed; set it with "
+                    "\"stellwin-backup group set " + groupID + " --versions N\"");
+  return lines;
+}
+
+QVJournalEntry QVRunOutcome::journalEntry() const {
+  QVJournalEntry entry;
+  entry.groupID = groupID;
+  entry.title = title;
+  entry.outcome = kindName(kind);
+  entry.statusCode = statusCode;
+  if (report) {
+    entry.version = report->version;
+    entry.started = qv::iso8601(report->started);
+    entry.ended = qv::iso8601(report->ended);
+    entry.items = report->items;
+    entry.files = report->files;
+    entry.bytes = report->bytes;
+    entry.leftOutCount = report->leftOut.size();
+    for (std::size_t i = 0; i < report->leftOut.size() && i < kQVJournalLeftOutPaths; ++i)
+      entry.leftOut.push_back(report->leftOut[i]);
+    entry.missingItems = report->missingItems;
+    entry.versionsUnreadable = report->versionsUnreadable;
+  } else {
+    entry.started = entry.ended = qv::iso8601(std::chrono::system_clock::now());
+  }
+  return entry;
+}
+
 std::shared_ptr<QVRunMonitor> QVRunMonitor::make(QVBackupAgent& agent, QVHostApp& host) {
-  std::shared_ptr<QVRunMonitor> monitor(new QVRunMonitor(agent, host));
+  std::shared_ptr<QVRunMonitor> monitor(new QVRunMonitor(agent, host, QVRunJournal(QVRunJournal::defaultDirectory())));
   std::weak_ptr<QVRunMonitor> weak = monitor;
   // The agent starts the icon animation before the run is filed: look once the start is done.
   host.setRunStartObserver([weak] {
@@ -42,7 +84,8 @@ std::shared_ptr<QVRunMonitor> QVRunMonitor::make(QVBackupAgent& agent, QVHostApp
   return monitor;
 }
 
-QVRunMonitor::QVRunMonitor(QVBackupAgent& agent, QVHostApp& host) : m_agent(agent), m_host(host) {}
+QVRunMonitor::QVRunMonitor(QVBackupAgent& agent, QVHostApp& host, QVRunJournal journal)
+    : m_agent(agent), m_host(host), m_journal(std::move(journal)) {}
 
 QVRunMonitor::~QVRunMonitor() {
   m_host.setRunStartObserver(nullptr);
@@ -149,6 +192,9 @@ void QVRunMonitor::finishRun(const std::string& groupID) {
       outcome.message = qv::statusCommentString(static_cast<std::int32_t>(code));
     outcome.message = qv::redactedString(outcome.message);  // a server's address may carry a password
   }
+  if (const QVRunReport* report = m_agent.runReportForGroupWithID(groupID)) outcome.report = *report;
+  if (std::string error; !m_journal.append(outcome.journalEntry(), &error))
+    m_host.writeMessage("warning: the run was not recorded in the journal: " + error);
   if (m_onOutcome) m_onOutcome(outcome);
 }
 

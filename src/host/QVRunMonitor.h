@@ -3,7 +3,9 @@
 // status icon animation). From the agent's messages and the items its notification templates show it
 // makes each run's outcome: complete, complete with missing items, failed with the status code and the
 // message the user was shown, or cancelled; and a group started by its timer while empty. An outcome is
-// handed out after the agent has finished handling the run, so the notification it shows is known.
+// handed out after the agent has finished handling the run, so the notification it shows is known. The
+// outcome of every run is appended to the run journal before it is handed out; a journal that cannot
+// be written costs one warning, never the run's outcome.
 //
 //   not followed --followRun / timer start--> running --backupDidEndForGroup--> ending --posted--> outcome
 //
@@ -20,6 +22,8 @@
 #include <vector>
 
 #include "agent/QVBackupAgentDelegate.h"
+#include "agent/QVRunReport.h"
+#include "host/QVRunJournal.h"
 
 class QVBackupAgent;
 class QVHostApp;
@@ -34,6 +38,14 @@ struct QVRunOutcome {
   Kind kind = Kind::failed;
   std::optional<std::int64_t> statusCode;
   std::string message;  // failed, empty: what went wrong
+  std::optional<QVRunReport> report;  // what the run did; none for a group that was not run
+
+  // Names what the run left out, one line each, for under the outcome line: the missing items, the
+  // files the copy passed over (at most ten, then how many more), and old versions kept for want of a
+  // readable "versions". Empty when nothing was left out.
+  std::vector<std::string> detailLines() const;
+  // The journal's entry for the run.
+  QVJournalEntry journalEntry() const;
 
   bool isSuccess() const { return kind == Kind::complete || kind == Kind::completeWithMissingItems; }
   // "complete", "complete with missing items", "failed", "cancelled", "empty".
@@ -46,6 +58,7 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
  public:
   // Makes the monitor and registers it with the host for run starts and template items. The caller
   // then makes it the agent's delegate.
+  // The journal is the user's own (QVRunJournal::defaultDirectory).
   static std::shared_ptr<QVRunMonitor> make(QVBackupAgent& agent, QVHostApp& host);
   ~QVRunMonitor() override;
 
@@ -77,7 +90,7 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   void setLastBackupDate(const std::optional<QVDate>&) override {}
 
  private:
-  QVRunMonitor(QVBackupAgent& agent, QVHostApp& host);
+  QVRunMonitor(QVBackupAgent& agent, QVHostApp& host, QVRunJournal journal);
 
   struct Run {
     std::optional<std::string> failureText;  // the failure template's item for the run
@@ -93,6 +106,7 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
 
   QVBackupAgent& m_agent;
   QVHostApp& m_host;
+  QVRunJournal m_journal;
   std::map<std::string, Run> m_runs;
   std::size_t m_pendingOutcomes = 0;
   StartHandler m_onStart;

@@ -103,6 +103,9 @@ class CopyOperation {
 
   bool run(const std::string& sourcePath, const std::string& destinationPath);
   void writeError(QVError* error) const;
+  std::uint64_t filesCopied() const { return m_filesCopied; }
+  std::uint64_t bytesCopied() const { return m_bytesCopied; }
+  std::vector<std::string> takePassedOverPaths() { return std::move(m_passedOver); }
   void failOutOfMemory(const std::string& path) { fail(Side::Source, ENOMEM, "copy", path); }
 
  private:
@@ -138,6 +141,12 @@ class CopyOperation {
   bool mayPassOver(int error, bool isTop) const {
     return m_ignoringSourceErrors && !isTop && !isResourceError(error);
   }
+  // mayPassOver, remembering the path when it is passed over.
+  bool passOver(int error, const std::string& path, bool isTop) {
+    if (!mayPassOver(error, isTop)) return false;
+    m_passedOver.push_back(path);
+    return true;
+  }
   bool fail(Side side, int error, const std::string& operation, const std::string& path);
   bool cancelled(const std::string& path);
   Transfer failTransfer(Side side, int error, const std::string& operation, const std::string& path) {
@@ -168,6 +177,9 @@ class CopyOperation {
   std::uint64_t m_filesDone = 0;
   std::uint64_t m_bytesDone = 0;
   std::uint64_t m_bytesSinceAsk = 0;
+  std::uint64_t m_filesCopied = 0;
+  std::uint64_t m_bytesCopied = 0;
+  std::vector<std::string> m_passedOver;
   double m_lastFraction = 0.0;
   std::chrono::steady_clock::time_point m_lastReport;
 
@@ -294,8 +306,9 @@ bool CopyOperation::copyItem(int srcParent, const std::string& srcName, const st
     case DT_LNK:
       return copySymlink(srcParent, srcName, srcPath, dstParent, dstName, dstPath, isTop);
     default:
-      // Sockets, pipes and device nodes hold no data of the user's; a backup passes over them.
+      // Sockets, pipes and device nodes hold no data of the user's; a backup passes over them, and says so.
       qv::debugLog("platform", "QVFileCopier passes over the special file " + srcPath);
+      m_passedOver.push_back(srcPath);
       return true;
   }
 }
@@ -313,7 +326,7 @@ bool CopyOperation::copyDirectory(int srcParent, const std::string& srcName, con
   std::vector<Entry> entries;
   {
     ScopedDir dir;
-    if (!listDirectory(src.get(), srcPath, entries, dir)) return mayPassOver(m_errno, isTop);
+    if (!listDirectory(src.get(), srcPath, entries, dir)) return passOver(m_errno, srcPath, isTop);
   }
 
   // Private while it fills; the source's mode (perhaps read-only) comes last.
@@ -359,7 +372,10 @@ bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const st
   }
   struct stat st;
   if (::fstat(in.get(), &st) != 0) return fileSourceFailure(errno, "read", srcPath, isTop);
-  if (!S_ISREG(st.st_mode)) return true;
+  if (!S_ISREG(st.st_mode)) {
+    m_passedOver.push_back(srcPath);  // became something else since the listing
+    return true;
+  }
 
   // O_EXCL: an existing file is never written over. Private until the attributes are set.
   ScopedFd out(retryOnInterrupt([&] {
@@ -380,12 +396,14 @@ bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const st
     ::unlinkat(dstParent, dstName.c_str(), 0);
     if (result == Transfer::Failed) return false;
     // The source could not be read to its end: pass it over if allowed, with the error kept if not.
-    if (!mayPassOver(m_errno, isTop)) return false;
+    if (!passOver(m_errno, srcPath, isTop)) return false;
     qv::debugLog("platform", "QVFileCopier passes over " + srcPath + ": " + m_description);
     const auto size = static_cast<std::uint64_t>(st.st_size);
     finishItem(size > copied ? size - copied : 0);
     return true;
   }
+  ++m_filesCopied;
+  m_bytesCopied += static_cast<std::uint64_t>(st.st_size);
   finishItem();
   return true;
 }
@@ -419,6 +437,7 @@ bool CopyOperation::copySymlink(int srcParent, const std::string& srcName, const
     ::unlinkat(dstParent, dstName.c_str(), 0);
     return fail(Side::Destination, error, "set the attributes of", dstPath);
   }
+  ++m_filesCopied;
   finishItem();
   return true;
 }
@@ -512,7 +531,7 @@ bool CopyOperation::applyAttributes(int fd, const struct stat& st, const std::st
 bool CopyOperation::sourceFailure(int error, const std::string& operation, const std::string& path,
                                   bool isTop) {
   fail(Side::Source, error, operation, path);
-  if (!mayPassOver(error, isTop)) return false;
+  if (!passOver(error, path, isTop)) return false;
   qv::debugLog("platform", "QVFileCopier passes over " + path + ": " + m_description);
   return true;
 }
@@ -585,11 +604,15 @@ bool QVFileCopier::copyItemReportingProgressAtPath(const std::string& sourcePath
                                                    const std::string& destinationPath, bool ignoringSourceErrors,
                                                    QVError* error) {
   CopyOperation operation(m_delegate, ignoringSourceErrors);
+  bool copied = false;
   try {
-    if (operation.run(sourcePath, destinationPath)) return true;
+    copied = operation.run(sourcePath, destinationPath);
   } catch (const std::bad_alloc&) {
     operation.failOutOfMemory(sourcePath);
   }
-  operation.writeError(error);
-  return false;
+  m_filesCopied = operation.filesCopied();
+  m_bytesCopied = operation.bytesCopied();
+  m_passedOverPaths = operation.takePassedOverPaths();
+  if (!copied) operation.writeError(error);
+  return copied;
 }

@@ -8,11 +8,16 @@
 // files and at least every 8 MiB inside a file. Errors carry status codes: a full volume -1429, no
 // permission -54, a vanished source -43, anything else the system's own error number.
 //
+// Each copy also counts what it did: the regular files and symbolic links it wrote with the bytes of
+// the files, and the source paths it passed over (unreadable files and folders, special files such as
+// sockets and pipes, files that vanished or changed kind during the copy), in the order met.
+//
 // One copier serves one copy at a time, on the calling thread; the delegate is called on that thread.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct QVError;
 
@@ -35,6 +40,15 @@ class QVFileCopier {
   bool copyItemReportingProgressAtPath(const std::string& sourcePath, const std::string& destinationPath,
                                        bool ignoringSourceErrors, QVError* error);
 
+  // What the last copy did, also when it failed or was stopped: files (and links) written, their bytes,
+  // and the source paths passed over.
+  std::uint64_t filesCopied() const { return m_filesCopied; }
+  std::uint64_t bytesCopied() const { return m_bytesCopied; }
+  const std::vector<std::string>& passedOverPaths() const { return m_passedOverPaths; }
+
  private:
   QVFileCopierDelegate* m_delegate = nullptr;
+  std::uint64_t m_filesCopied = 0;
+  std::uint64_t m_bytesCopied = 0;
+  std::vector<std::string> m_passedOverPaths;
 };

@@ -105,6 +105,12 @@ class QVBackupTarget {
   // (".DS_Store" files do not count); true for any file.
   static bool isPathValidForUpload(const std::string& path);
 
+  // What this object's items put into versions so far, as far as its kind counts it: files (and links)
+  // written with their bytes, and the source paths it passed over. Read and written by the run thread.
+  std::uint64_t filesWritten() const { return m_filesWritten; }
+  std::uint64_t bytesWritten() const { return m_bytesWritten; }
+  const std::vector<std::string>& leftOutPaths() const { return m_leftOutPaths; }
+
   const QVTarget& options() const { return m_options; }
   // Requires: no run thread uses the destination yet.
   void setOptions(QVTarget options) { m_options = std::move(options); }
@@ -117,10 +123,21 @@ class QVBackupTarget {
   std::string keychainServiceName() const;
 
  protected:
+  void noteWritten(std::uint64_t files, std::uint64_t bytes) {
+    m_filesWritten += files;
+    m_bytesWritten += bytes;
+  }
+  void noteLeftOut(const std::vector<std::string>& paths) {
+    m_leftOutPaths.insert(m_leftOutPaths.end(), paths.begin(), paths.end());
+  }
+
   QVTarget m_options;
 
  private:
   QVTargetProgressDelegate* m_delegate = nullptr;
   std::atomic<bool> m_isCancelled{false};
   std::atomic<bool> m_isComplete{false};
+  std::uint64_t m_filesWritten = 0;
+  std::uint64_t m_bytesWritten = 0;
+  std::vector<std::string> m_leftOutPaths;
 };

@@ -33,6 +33,10 @@ struct QVGroup {
   static QVGroup fromDictionary(const QVDictionary& dictionary, std::vector<std::string>* problems = nullptr);
   // The stored form: every key, never "progressInfo".
   QVDictionary dictionary() const;
+
+  // A "versions" is stored but cannot be read as a count (text, a negative or fractional number): kept
+  // in otherKeys, and versions is then empty. A run of such a group removes no old version.
+  bool hasUnreadableVersions() const { return otherKeys.count("versions") != 0; }
 };
 
 using QVGroupRef = std::shared_ptr<QVGroup>;

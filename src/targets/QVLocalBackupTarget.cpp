@@ -5,10 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <vector>
 #include <system_error>
+#include <vector>
 
 #include "platform/QVFoundation.h"
 #include "platform/QVLocalization.h"
@@ -16,6 +17,36 @@
 #include "platform/QVStatusTexts.h"
 
 namespace fs = std::filesystem;
+
+namespace qv {
+
+std::vector<std::string> leftOutEntriesBelow(const std::string& folder) {
+  std::vector<std::string> paths;
+  std::error_code ec;
+  fs::directory_iterator it(folder, ec);
+  if (ec) {
+    if (fs::is_directory(fs::symlink_status(folder, ec))) paths.push_back(folder);  // cannot be read
+    return paths;
+  }
+  std::vector<std::string> names;
+  for (; it != fs::directory_iterator(); it.increment(ec)) {
+    if (ec) break;
+    names.push_back(it->path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  for (const auto& name : names) {
+    const std::string path = qv::stringByAppendingPathComponent(folder, name);
+    if (fs::is_directory(fs::symlink_status(path, ec))) {
+      auto below = leftOutEntriesBelow(path);
+      paths.insert(paths.end(), below.begin(), below.end());
+    } else {
+      paths.push_back(path);
+    }
+  }
+  return paths;
+}
+
+}  // namespace qv
 
 QVLocalBackupTarget::QVLocalBackupTarget(const QVTarget& options) : QVBackupTarget(options) {}
 
@@ -61,8 +92,12 @@ bool QVLocalBackupTarget::backupItem(const std::string& path, const QVGroup& ofG
 
   if (!QVBackupTarget::backupItem(path, ofGroup, withName, toEntry, error)) return false;
 
-  // A folder with nothing to copy is skipped and counts as backed up.
-  if (!isPathValidForUpload(path)) return true;
+  // A folder with nothing to copy is skipped and counts as backed up; whatever it holds (links,
+  // special files, folders that cannot be read) is not in the version, and is told as left out.
+  if (!isPathValidForUpload(path)) {
+    noteLeftOut(qv::leftOutEntriesBelow(path));
+    return true;
+  }
 
   const std::string& destination = m_options.path;
   if (!qv::fileExistsAtPath(destination)) {
@@ -90,6 +125,8 @@ bool QVLocalBackupTarget::backupItem(const std::string& path, const QVGroup& ofG
   QVError copyError;
   copyError.code = 0;
   bool copied = copier.copyItemReportingProgressAtPath(path, itemPath, true, &copyError);
+  noteWritten(copier.filesCopied(), copier.bytesCopied());
+  noteLeftOut(copier.passedOverPaths());
   if (!copied && error) *error = errorWithStatusCode(copyError.code, std::nullopt, path);
   copier.setDelegate(nullptr);
   return copied;

@@ -32,3 +32,11 @@ class QVLocalBackupTarget : public QVBackupTarget, public QVFileCopierDelegate {
   void fileManagerReachedProgress(double fraction) override;
   void fileManagerCalculatedFiles(std::uint64_t files, std::uint64_t size) override;
 };
+
+namespace qv {
+
+// Everything below folder that is not a folder (links, special files, ".DS_Store"), and the folders that
+// cannot be listed, sorted by name at each level: what a skipped folder item leaves out of a version.
+std::vector<std::string> leftOutEntriesBelow(const std::string& folder);
+
+}  // namespace qv

@@ -1,6 +1,9 @@
 // "stellwin-backup backup" end to end: real copies into the default local destination, what the user reads,
 // the exit status, and what the preferences keep afterwards.
+#include <sys/stat.h>
+
 #include <set>
+#include <sstream>
 
 #include "host/QVProgramRunner.h"
 
@@ -12,6 +15,11 @@ namespace {
 class QVBackupCommandTest : public HostTest {
  protected:
   json show(const std::string& group) { return runJSON({"group", "show", group, "--json"}); }
+  std::vector<std::string> versionsIn(const std::string& group) const {  // sorted, as on disk
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(backups() + "/" + group)) names.push_back(entry.path().filename());
+    return std::sort(names.begin(), names.end()), names;
+  }
 };
 
 TEST_F(QVBackupCommandTest, CopiesAGroupIntoANewVersionAtTheDefaultDestination) {
@@ -22,7 +30,8 @@ TEST_F(QVBackupCommandTest, CopiesAGroupIntoANewVersionAtTheDefaultDestination) 
 
   const json versions = runJSON({"versions", "Photos", "--json"});
   ASSERT_EQ(versions.size(), 1u) << versions;
-  const std::string name = versions[0], version = backups() + "/Photos/" + name;
+  EXPECT_EQ(versions[0]["partial"], false);
+  const std::string name = versions[0]["name"], version = backups() + "/Photos/" + name;
   EXPECT_TRUE(name.size() == 21 && name.find_first_not_of("0123456789") == 14 && name.ends_with(".backup")) << name;
   EXPECT_EQ(readFile(version + "/Sommer Ä.jpg"), std::string(300000, 'p'));
   EXPECT_TRUE(std::filesystem::exists(version + "/leer"));
@@ -30,6 +39,14 @@ TEST_F(QVBackupCommandTest, CopiesAGroupIntoANewVersionAtTheDefaultDestination) 
   EXPECT_EQ(group["statusCode"], 0);
   EXPECT_TRUE(group["lastBackupDate"].is_string()) << group;
   EXPECT_EQ(group["lastBackupDate"], group["lastBackupAttemptDate"]);
+
+  const json runs = runJSON({"log", "Photos", "--json"});
+  ASSERT_EQ(runs.size(), 1u) << runs;
+  const json expected = {{"group", group["id"]}, {"title", "Photos"}, {"version", name},    {"outcome", "complete"},
+                         {"statusCode", 0},      {"items", 2},        {"files", 2},         {"bytes", 300000},
+                         {"leftOutCount", 0}};
+  for (const auto& [key, value] : expected.items()) EXPECT_EQ(runs[0][key], value) << key;
+  EXPECT_LE(runs[0]["started"], runs[0]["ended"]);
 }
 
 TEST_F(QVBackupCommandTest, ReportsMissingItemsEmptyGroupsAndDestinationsThatAreGone) {
@@ -45,11 +62,17 @@ TEST_F(QVBackupCommandTest, ReportsMissingItemsEmptyGroupsAndDestinationsThatAre
     EXPECT_EQ(outcome["id"], show(outcome["title"])["id"]);
     outcome.erase("id");
   }
+  ASSERT_TRUE(outcomes[0].contains("version")) << outcomes;
+  EXPECT_EQ(outcomes[0]["version"], versionsIn("Mixed").at(0));
+  outcomes[0].erase("version");
   EXPECT_EQ(outcomes, json::parse(R"([
-      {"title": "Mixed", "outcome": "complete with missing items", "statusCode": 0, "message": null},
+      {"title": "Mixed", "outcome": "complete with missing items", "statusCode": 0, "message": null,
+       "files": 1, "bytes": 4, "leftOut": [], "missingItems": [")" + lost + R"("], "versionsUnreadable": false},
       {"title": "Hollow", "outcome": "empty", "statusCode": null,
        "message": "the group is empty; nothing to back up"}])"));
   EXPECT_NE(result.err.find("group \"Hollow\" is empty; nothing to back up"), std::string::npos) << result.err;
+  result = runProgram({"backup", "Mixed"});
+  EXPECT_EQ(result.out, "Mixed: complete with missing items\n  missing item: " + lost + "\n");
 
   // The destination's folder deleted: its message, once on each stream.
   runJSON({"group", "remove-items", "Mixed", lost});
@@ -93,6 +116,152 @@ TEST_F(QVBackupCommandTest, CancelsOnInterruptAndExitsWith130) {
   EXPECT_EQ(result.status, 130) << result.err;
   EXPECT_EQ(result.out, "Big: cancelled\n");
   EXPECT_EQ(show("Big")["statusCode"], -128);
+
+  // The version it leaves is known as partial, also beside a complete one, in the journal's order.
+  const std::string partial = versionsIn("Big").at(0);
+  std::filesystem::resize_file(m_env.home() + "/big.bin", 1000);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // versions are named by the second
+  ASSERT_EQ(runProgram({"backup", "Big"}).status, 0);
+  const std::string complete = versionsIn("Big").at(1);
+  EXPECT_EQ(runProgram({"versions", "Big"}).out, partial + "  (partial)\n" + complete + "\n");
+  EXPECT_EQ(runJSON({"versions", "Big", "--json"})[0], json({{"name", partial}, {"partial", true}}));
+  const json runs = runJSON({"log", "Big", "--json"});
+  EXPECT_EQ(json({runs[0]["version"], runs[1]["outcome"], runs[1]["statusCode"], runs[1]["version"]}),
+            json({complete, "cancelled", -128, partial})) << runs;
+}
+
+// Twelve files nobody may read, a pipe, one file that is read, and a folder of links only: the run completes, and
+// says which files are not in the version.
+TEST_F(QVBackupCommandTest, NamesTheFilesItCouldNotReadAndLeftOut) {
+  std::set<std::string> leftOut = {m_env.home() + "/Links/hostname"};
+  std::filesystem::create_directories(m_env.home() + "/Links");
+  std::filesystem::create_symlink("/etc/hostname", *leftOut.begin());
+  for (int i = 0; i < 12; ++i) {
+    const std::string secret = *leftOut.insert(makeFile("Docs/secret " + std::to_string(i) + ".txt")).first;
+    std::filesystem::permissions(secret, std::filesystem::perms::none);
+  }
+  makeFile("Docs/open.txt", "open");
+  ASSERT_EQ(mkfifo(leftOut.insert(m_env.home() + "/Docs/pipe").first->c_str(), 0666), 0);  // a special file
+  runJSON({"group", "add", "Docs", m_env.home() + "/Docs", m_env.home() + "/Links"});
+
+  ProgramResult result = runProgramAsUser({"backup", "Docs"}, m_env.root());
+  std::vector<std::string> shown;
+  for (std::istringstream lines(result.out); std::getline(lines, shown.emplace_back());) continue;
+  ASSERT_EQ(shown.size(), 14u) << result.out << result.err;  // the last one empty
+  EXPECT_EQ(std::vector(shown.begin(), shown.begin() + 2),
+            (std::vector<std::string>{"Docs: complete", "  14 files could not be read and were left out"}));
+  for (std::size_t i = 2; i < 12; ++i) EXPECT_TRUE(leftOut.count(shown[i].substr(4)) && shown[i].starts_with("    ")) << shown[i];
+  EXPECT_EQ(shown[12], "    and 4 more (see --json)");
+  EXPECT_EQ(readFile(backups() + "/Docs/" + versionsIn("Docs").at(0) + "/Docs/open.txt"), "open");
+
+  std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+  const json outcome = json::parse(runProgramAsUser({"backup", "Docs", "--json"}, m_env.root()).out, nullptr, false)[0];
+  EXPECT_EQ(std::pair(outcome["outcome"], outcome["leftOut"].get<std::set<std::string>>()), std::pair(json("complete"), leftOut));
+  EXPECT_EQ(runJSON({"log", "Docs", "--json"})[0]["leftOutCount"], 14);
+}
+
+// Three older versions stand at the destination; what a run keeps depends on the stored "versions".
+TEST_F(QVBackupCommandTest, KeepsEveryVersionWhenTheStoredCountCannotBeRead) {
+  const std::vector<std::pair<json, std::size_t>> cases = {
+      {"five", 4}, {-1, 4}, {json(18446744073709551615ull), 4}, {json::object(), 4},
+      {2, 2}, {2.9, 2},  // a fraction reads as its whole part
+      {nullptr, 0}};     // null: no "versions" at all, which removes every version, the new one too
+  std::vector<std::string> titles;
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    titles.push_back("G" + std::to_string(i));
+    runJSON({"group", "add", titles.back(), makeFile("file" + std::to_string(i))});
+    for (const char* old : {"20200101000001.backup", "20200101000002.backup", "20200101000003.backup"})
+      std::filesystem::create_directories(backups() + "/" + titles.back() + "/" + old);
+    editStoredGroup(titles.back(), [&](json& group) {
+      if (cases[i].first.is_null()) group.erase("versions");
+      else group["versions"] = cases[i].first;
+    });
+  }
+  std::vector<std::string> arguments = {"backup", "--json"};
+  arguments.insert(arguments.end(), titles.begin(), titles.end());
+  ProgramResult result = runProgram(arguments);
+  ASSERT_EQ(result.status, 0) << result.err;
+  const json outcomes = json::parse(result.out, nullptr, false);
+  for (std::size_t i = 0; i < cases.size(); ++i) {
+    const bool unreadable = cases[i].second == 4;
+    EXPECT_EQ(versionsIn(titles[i]).size(), cases[i].second) << cases[i].first;
+    EXPECT_EQ(outcomes[i]["versionsUnreadable"], unreadable) << cases[i].first;
+    const std::string logged = "\"versions\" of group \"" + titles[i] + "\" cannot be read";
+    const std::size_t first = result.err.find(logged);
+    EXPECT_EQ(first != std::string::npos && first == result.err.rfind(logged), unreadable) << result.err;
+  }
+  EXPECT_NE(result.err.find("warning: group \"G6\" has no stored \"versions\""), std::string::npos) << result.err;
+  EXPECT_EQ(result.err.find("warning: group \"G5\""), std::string::npos) << result.err;
+
+  EXPECT_NE(runProgram({"backup", "G0"}).out.find("G0: complete\n  the group's stored \"versions\" cannot be read"),
+            std::string::npos);
+  EXPECT_NE(runProgram({"group", "show", "G0"}).out.find("Versions kept:  cannot be read"), std::string::npos);
+}
+
+// Groups whose stored titles would write outside their own folder are not run; nothing is written.
+TEST_F(QVBackupCommandTest, RefusesToRunAGroupWhoseTitleIsNotAFolderOfItsOwn) {
+  for (const char* title : {"Up", "Twin", "Other"}) runJSON({"group", "add", title, makeFile(title)});
+  editStoredGroup("Up", [](json& group) { group["title"] = ".."; });
+  editStoredGroup("Other", [](json& group) { group["title"] = "Twin"; });
+  const std::string before = readFile(m_env.preferencesPath());
+  for (const auto& group : runJSON({"group", "list", "--json"})) {
+    ProgramResult result = runProgram({"backup", group["id"]});
+    EXPECT_EQ(result.status, 2) << group;
+    EXPECT_NE(result.err.find(group["title"] == ".." ? "cannot be \".\" or \"..\"" : "has the same title"), std::string::npos);
+    EXPECT_EQ(readFile(m_env.preferencesPath()), before);
+  }
+  EXPECT_EQ(std::distance(std::filesystem::recursive_directory_iterator(m_env.home() + "/Documents"), {}), 1);
+}
+
+TEST_F(QVBackupCommandTest, TellsAFailedListingFromAnEmptyOne) {
+  runJSON({"group", "add", "Notes", makeFile("n.txt")});
+  const std::vector<std::tuple<std::string, std::function<void()>, int, std::string>> cases = {
+      {"never backed up", [] {}, 0, "no versions\n"},
+      {"group folder unreadable", [&] {
+         std::filesystem::create_directories(backups() + "/Notes");
+         std::filesystem::permissions(backups() + "/Notes", std::filesystem::perms::none);
+       }, 1, "the folder \"" + backups() + "/Notes\" could not be read"},
+      {"destination folder gone", [&] {
+         std::filesystem::permissions(backups() + "/Notes", std::filesystem::perms::owner_all);
+         std::filesystem::remove_all(backups());
+       }, 1, "does not exist"},
+      {"server closed", [&] {  // nothing listens on port 1
+         runJSON({"target", "add", "--type", "dav", "--title", "NAS", "--server", "127.0.0.1", "--port", "1", "--path", "/"});
+         runJSON({"group", "set", "Notes", "--target", "NAS"});
+       }, 1, "could not be listed"}};
+  for (const auto& [name, setUp, status, text] : cases) {
+    setUp();
+    ProgramResult result = runProgramAsUser({"versions", "Notes"}, m_env.root());
+    EXPECT_EQ(std::tuple(result.status, (status ? result.err : result.out).find(text) != std::string::npos),
+              std::tuple(status, true)) << name << "\n" << result.out << result.err;
+  }
+}
+
+// A damaged journal costs its damaged lines; a full one rotates; one that cannot be written costs a
+// warning. None of them stops a backup.
+TEST_F(QVBackupCommandTest, KeepsBackingUpWhateverBecomesOfTheJournal) {
+  runJSON({"group", "add", "Notes", makeFile("n.txt")});
+  const std::string old = R"({"group": ")" + show("Notes")["id"].get<std::string>() +
+                          R"(", "outcome": "failed", "statusCode": -36, "ended": "2020-01-01T00:00:00.000Z"})";
+  const std::string journal = m_env.journalPath();
+  for (const auto& [text, rotated] : {std::pair("not json\n{\"group\": 3}\n" + old + "\n\x01\n{\"truncated\": ", false),
+                                      std::pair(old + "\n" + std::string(1u << 20, 'x') + "\n", true)}) {
+    std::filesystem::remove_all(m_env.root() + "/state");
+    writeFile(journal, text);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1100));
+    EXPECT_EQ(runProgram({"backup", "Notes"}).status, 0);
+    const json runs = runJSON({"log", "Notes", "--json"});  // newest first
+    ASSERT_EQ(runs.size(), 2u) << runs;
+    EXPECT_EQ(json({runs[0]["outcome"], runs[1]["statusCode"]}), json({"complete", -36}));
+    EXPECT_EQ(std::pair(std::filesystem::exists(journal + ".1"), std::filesystem::file_size(journal) < 4096), std::pair(rotated, true));
+    EXPECT_EQ(std::filesystem::status(journal).permissions(), std::filesystem::perms(0600));
+    EXPECT_EQ(std::filesystem::status(m_env.root() + "/state/stellwin").permissions(), std::filesystem::perms(0700));
+  }
+  std::filesystem::remove_all(m_env.root() + "/state");
+  writeFile(m_env.root() + "/state/stellwin", "a file where the journal's folder belongs");
+  ProgramResult result = runProgram({"backup", "Notes"});
+  EXPECT_EQ(std::pair(result.status, result.out), std::pair(0, std::string("Notes: complete\n")));
+  EXPECT_NE(result.err.find("warning: the run was not recorded in the journal"), std::string::npos) << result.err;
 }
 
 }  // namespace

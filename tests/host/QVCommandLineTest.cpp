@@ -76,7 +76,7 @@ TEST_F(QVCommandLineTest, AddsShowsChangesAndRemovesGroups) {
                 {"target", byTitle("target", "My Mac")["id"]}});
   EXPECT_EQ(runProgram({"group", "add", "Ghosts", m_env.home() + "/gone.txt"}).status, 1) << "nothing to add";
 
-  runJSON(split("group set Trip --versions 0 --schedule daily@09:30 --title Memories"));
+  runJSON(split("group set Trip --versions 0 --yes --schedule daily@09:30 --title Memories"));
   const json group = byTitle("group", "Memories");
   expectFields(group, {{"versions", 0}, {"schedule", {{"period", "daily"}, {"hour", 9}, {"minute", 30}}}});
   EXPECT_TRUE(group["nextRun"].is_string()) << group;
@@ -97,7 +97,7 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndLeavesThePreferencesAsThe
   runJSON({"group", "add", "Photos", makeFile("p.jpg")});
   runJSON({"group", "add", "Twin", makeFile("t1.txt")});
   runJSON({"group", "add", "Other", makeFile("t2.txt")});
-  runJSON({"group", "set", "Other", "--title", "Twin"});
+  editStoredGroup("Other", [](json& group) { group["title"] = "Twin"; });  // as older versions allowed
   const std::string before = readFile(m_env.preferencesPath());
   const std::string ftp = "target add --type ftp --title X --path /x --server h --user bob --password-stdin --port ";
   for (const auto& [command, message] : std::vector<std::pair<std::string, std::string>>{
@@ -106,9 +106,10 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndLeavesThePreferencesAsThe
            {"group set Photos --target Nope", "unknown destination \"Nope\""},
            {"target remove Nope", "unknown destination"}, {"target set Nope --title Y", "unknown destination"},
            {"target add --type smb --title X --path /x --server h", "unknown destination type \"smb\""},
-           {"group set Photos --versions -1", "whole number, 0 or more"}, {"backup", "GROUP is required"},
-           {"group set Photos --versions 3.5", "whole number, 0 or more"},
-           {"group set Photos --versions x", "whole number, 0 or more"},
+           {"group set Photos --versions -1", "from 1 to 100000"}, {"backup", "GROUP is required"},
+           {"group set Photos --versions 3.5", "from 1 to 100000"},
+           {"group set Photos --versions x", "from 1 to 100000"},
+           {"log Nope", "unknown group \"Nope\""},
            {ftp + "0", "from 1 to 65535"}, {ftp + "70000", "from 1 to 65535"},
            {"target add --title X --path /x", "--type is required"},
            {"target add --type dav --title X --path /x", "--server is required"},
@@ -129,10 +130,69 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndLeavesThePreferencesAsThe
     EXPECT_EQ(twin.find(group["id"].get<std::string>()) != std::string::npos, group["title"] == "Twin") << twin;
 }
 
+// Each refusal: status 2, one line that says why, and the preferences byte for byte as they were.
+TEST_F(QVCommandLineTest, GuardsTitlesAndVersionsThatWouldLoseBackups) {
+  const std::string file = makeFile("f.txt");
+  runJSON({"group", "add", "A", file});
+  runJSON({"group", "add", "B", makeFile("g.txt")});
+  runJSON({"target", "add", "--type", "local", "--title", "USB", "--path", m_env.root()});
+  const std::string before = readFile(m_env.preferencesPath());
+  const auto repeat = [](const std::string& text, std::size_t times) {
+    std::string repeated;
+    while (times--) repeated += text;
+    return repeated;
+  };
+  const std::string longest = repeat("ä", 127) + "x", tooLong(256, 'x');
+  for (const auto& [arguments, message] : std::vector<std::pair<Arguments, std::string>>{
+           {{"group", "set", "B", "--title", "A"}, "a group titled \"A\" exists already"},
+           {{"group", "set", "B", "--title", ""}, "must not be empty"},
+           {{"group", "set", "B", "--title", "."}, "cannot be \".\" or \"..\""},
+           {{"group", "add", "..", file}, "cannot be \".\" or \"..\""},
+           {{"group", "add", "x/y", file}, "cannot hold \"/\""},
+           {{"group", "add", "tab\there", file}, "control characters"},
+           {{"group", "add", "line\nfeed", file}, "control characters"},
+           {{"group", "add", "c1\xC2\x85", file}, "control characters"},
+           {{"group", "add", "bad\xFF", file}, "valid UTF-8"},
+           {{"group", "add", tooLong, file}, "at most 255 bytes"},
+           {{"group", "add", repeat("ä", 128), file}, "at most 255 bytes"},  // 256 bytes, 128 characters
+           {{"group", "set", "B", "--versions", "0"}, "give --yes"},
+           {{"group", "set", "B", "--versions", "100001"}, "from 1 to 100000"},
+           {{"group", "set", "B", "--versions", "18446744073709551615"}, "from 1 to 100000"},
+           {{"group", "set", "B", "--versions", "18446744073709551616"}, "from 1 to 100000"},
+           {{"target", "add", "--type", "local", "--title", "USB", "--path", "/x"}, "titled \"USB\" exists already"},
+           {{"target", "set", "USB", "--title", "My Mac"}, "titled \"My Mac\" exists already"}}) {
+    ProgramResult result = runProgram(arguments);
+    EXPECT_EQ(result.status, 2) << arguments[1] << " " << arguments[2] << "\n" << result.err;
+    EXPECT_TRUE(result.err.starts_with("stellwin-backup: ") && result.err.find('\n') == result.err.size() - 1 &&
+                result.err.find(message) != std::string::npos)
+        << message << "\n" << result.err;
+    EXPECT_EQ(readFile(m_env.preferencesPath()), before) << message;
+  }
+
+  // The edges that pass: 1 and 100000 versions, 0 with --yes and its warning, 255 bytes, a case that
+  // differs, dots inside a title, and a title kept as it is.
+  for (const auto& [arguments, warning] : std::vector<std::pair<Arguments, std::string>>{
+           {{"group", "set", "B", "--versions", "1"}, ""},
+           {{"group", "set", "B", "--versions", "100000"}, ""},
+           {{"group", "set", "B", "--versions", "0", "--yes"}, "every backup of group \"B\" is removed"},
+           {{"group", "set", "B", "--title", longest}, "folder named after the old title"},
+           {{"group", "set", longest, "--title", "a"}, "folder named after the old title"},
+           {{"group", "set", "a", "--title", "...Ünïcode v1.2"}, "folder named after the old title"},
+           {{"group", "set", "A", "--title", "A"}, ""},
+           {{"target", "set", "USB", "--title", "usb"}, ""}}) {
+    ProgramResult result = runProgram(arguments);
+    EXPECT_EQ(result.status, 0) << arguments[3] << " " << arguments[4] << "\n" << result.err;
+    if (warning.empty()) EXPECT_EQ(result.err, "");
+    else EXPECT_TRUE(result.err.find("warning: ") != std::string::npos && result.err.find(warning) != std::string::npos)
+        << result.err;
+  }
+  EXPECT_EQ(runJSON({"group", "show", "...Ünïcode v1.2", "--json"})["versions"], 0);
+}
+
 TEST_F(QVCommandLineTest, AnswersHelpOnEveryCommandAndWritesNothing) {
   for (const std::string command : {"", "group", "group add", "group list", "group show", "group set", "group remove",
                                     "group remove-items", "target", "target add", "target list", "target set",
-                                    "target remove", "versions", "backup", "daemon", "menu"}) {
+                                    "target remove", "versions", "backup", "daemon", "menu", "log"}) {
     ProgramResult result = runProgram(split(command + " --help"));
     const bool usage = result.out.find("Usage: stellwin-backup " + command) != std::string::npos;
     EXPECT_TRUE(result.status == 0 && usage && result.err.empty()) << command << "\n" << result.out << result.err;

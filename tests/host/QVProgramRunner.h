@@ -23,10 +23,13 @@ namespace qvtest {
 struct ProgramResult { int status = -1; std::string out, err; };
 
 // Standard input is a pipe holding input; on a terminal, out has both streams and input is unused.
+// launcher: a program (absolute path) and its arguments that start the program, e.g. setpriv.
 struct RunningProgram : ProgramResult {
   explicit RunningProgram(std::vector<std::string> arguments, const std::string& input = "",
-                          const std::string& directory = "", bool terminal = false) {
+                          const std::string& directory = "", bool terminal = false,
+                          const std::vector<std::string>& launcher = {}) {
     arguments.insert(arguments.begin(), QV_TEST_PROGRAM);  // all made before fork: the child may not allocate
+    arguments.insert(arguments.begin(), launcher.begin(), launcher.end());
     std::vector<char*> argv(arguments.size() + 1);  // ending with a null pointer
     std::transform(arguments.begin(), arguments.end(), argv.begin(), [](auto& argument) { return argument.data(); });
     int p[6];  // stdin, stdout and stderr, each a pipe of a read and a write end
@@ -76,6 +79,17 @@ inline ProgramResult runProgram(const std::vector<std::string>& arguments, const
   return RunningProgram(arguments, input, directory).finish();
 }
 
+// As a user who cannot read a file of mode 000: root runs the program as "nobody" (65534), after making
+// the whole test folder its own; anyone else is such a user already.
+inline ProgramResult runProgramAsUser(const std::vector<std::string>& arguments, const std::string& root) {
+  if (geteuid() != 0) return runProgram(arguments);
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(root))
+    if (lchown(entry.path().c_str(), 65534, 65534) != 0) ADD_FAILURE() << entry.path();
+  if (lchown(root.c_str(), 65534, 65534) != 0) ADD_FAILURE() << root;
+  return RunningProgram(arguments, "", "", false,
+                        {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"}).finish();
+}
+
 // A fixture with a home, preferences and keychain of its own, set up through the program itself.
 class HostTest : public ::testing::Test {
  protected:
@@ -98,6 +112,13 @@ class HostTest : public ::testing::Test {
     nlohmann::json preferences = nlohmann::json::parse(readFile(m_env.preferencesPath()));
     for (auto& group : preferences["QVBackupAgent"]["groups"])
       if (group["title"] == title) group["lastBackupAttemptDate"] = {{"$date", "2020-01-01T00:00:00.000Z"}};
+    writeFile(m_env.preferencesPath(), preferences.dump(2));
+  }
+  // Changes the stored record of the group titled title, as a hand edit or an older version would.
+  void editStoredGroup(const std::string& title, const std::function<void(nlohmann::json& group)>& change) {
+    nlohmann::json preferences = nlohmann::json::parse(readFile(m_env.preferencesPath()));
+    for (auto& group : preferences["QVBackupAgent"]["groups"])
+      if (group["title"] == title) change(group);
     writeFile(m_env.preferencesPath(), preferences.dump(2));
   }
   bool copying(const std::string& group, const std::string& file) const {  // whether its copy has begun

@@ -222,7 +222,7 @@ TEST_F(QVFTPProgramTest, BacksUpListsAndCancelsWithThePasswordOnlyOnStandardInpu
     EXPECT_EQ(result.out, std::string(group) + ": complete\n");
     const nlohmann::json versions = runJSON({"versions", group, "--json"});
     ASSERT_EQ(versions.size(), 1u) << versions;
-    EXPECT_EQ(treeListing(root + "/backup/" + group + "/" + versions[0].get<std::string>() + "/Tree"), treeListing(tree));
+    EXPECT_EQ(treeListing(root + "/backup/" + group + "/" + versions[0]["name"].get<std::string>() + "/Tree"), treeListing(tree));
   }
 
   // Interrupted mid-upload: over within a moment, recorded as cancelled; what was sent stays.
@@ -267,7 +267,7 @@ TEST_F(QVFTPProgramTest, RestoresAndVerifiesVersionsFromBothServers) {
     ASSERT_EQ(runProgram({"backup", group}).status, 0);
     const nlohmann::json versions = runJSON({"versions", group, "--json"});
     ASSERT_EQ(versions.size(), 1u) << versions;
-    expectRestoreAndVerify(tree, root + "/backup/" + group + "/" + versions[0].get<std::string>(),
+    expectRestoreAndVerify(tree, root + "/backup/" + group + "/" + versions[0]["name"].get<std::string>(),
                            m_env.root() + "/scratch-" + group, group);
   }
 }

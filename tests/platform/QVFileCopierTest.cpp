@@ -127,7 +127,10 @@ TEST_F(QVFileCopierTest, PassesOverUnreadableItemsOnlyWhenIgnoringSourceErrors) 
     if (child == 0) {
       const bool dropped = setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
                            setresuid(65534, 65534, 65534) == 0;
-      _exit(!dropped ? 255 : copy(m_dir / "src", to, ignoring) ? 0 : std::clamp(int(-m_error.code), 1, 254));
+      if (!dropped) _exit(255);
+      const bool copied = copy(m_dir / "src", to, ignoring);
+      const bool named = m_copier.passedOverPaths() == std::vector<std::string>(ignoring, m_dir / "src/secret.txt");
+      _exit(copied ? (named ? 0 : 253) : std::clamp(int(-m_error.code), 1, 254));
     }
     int status = 0;
     waitpid(child, &status, 0);
@@ -196,6 +199,7 @@ TEST_F(QVFileCopierTest, ReportsASourceThatVanishesAsMissing) {
     EXPECT_EQ(copy(m_dir / "src", dst, ignoring), ignoring);
     EXPECT_EQ(m_error.code, ignoring ? 0 : -43);
     EXPECT_FALSE(fs::exists(dst + "/victim"));
+    EXPECT_EQ(m_copier.passedOverPaths(), std::vector<std::string>(ignoring, m_dir / "src/victim"));
   }
 }
 

@@ -30,7 +30,8 @@ TemporaryDirectory::~TemporaryDirectory() {
 }
 
 IsolatedEnvironment::IsolatedEnvironment() {
-  for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR", "XDG_DOCUMENTS_DIR", "DBUS_SESSION_BUS_ADDRESS"}) {
+  for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR", "XDG_DOCUMENTS_DIR", "XDG_STATE_HOME",
+                           "DBUS_SESSION_BUS_ADDRESS"}) {
     const char* value = std::getenv(name);
     m_saved.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
   }
@@ -39,6 +40,7 @@ IsolatedEnvironment::IsolatedEnvironment() {
   setenv("HOME", home().c_str(), 1);
   setenv("XDG_CONFIG_HOME", (root() + "/config").c_str(), 1);
   setenv("XDG_RUNTIME_DIR", (root() + "/runtime").c_str(), 1);
+  setenv("XDG_STATE_HOME", (root() + "/state").c_str(), 1);
   setenv("XDG_DOCUMENTS_DIR", (home() + "/Documents").c_str(), 1);
   unsetenv("DBUS_SESSION_BUS_ADDRESS");
   QVUserDefaults::resetStandardUserDefaults();

@@ -22,7 +22,7 @@ class TemporaryDirectory {
   std::string m_path;
 };
 
-// Points HOME, XDG_CONFIG_HOME, XDG_RUNTIME_DIR and XDG_DOCUMENTS_DIR into a fresh temporary folder,
+// Points HOME, XDG_CONFIG_HOME, XDG_RUNTIME_DIR, XDG_STATE_HOME and XDG_DOCUMENTS_DIR into a fresh temporary folder,
 // unsets DBUS_SESSION_BUS_ADDRESS (so the file keychain is used), resets the standard user-defaults
 // store and the shared keychain, and undoes all of it when destroyed.
 class IsolatedEnvironment {
@@ -33,6 +33,7 @@ class IsolatedEnvironment {
   std::string configDirectory() const { return root() + "/config/stellwin"; }
   std::string preferencesPath() const { return configDirectory() + "/preferences.json"; }
   std::string home() const { return root() + "/home"; }
+  std::string journalPath() const { return root() + "/state/stellwin/runs.jsonl"; }
 
  private:
   TemporaryDirectory m_dir;

@@ -68,7 +68,7 @@ TEST_F(QVFTPSProgramTest, BacksUpToAnFTPSDestinationAddedOnTheCommandLine) {
   ASSERT_EQ(result.status, 0) << result.err << server.logTail();
   const nlohmann::json versions = runJSON({"versions", "Notes", "--json"});
   ASSERT_EQ(versions.size(), 1u) << versions;
-  EXPECT_EQ(readFile(server.root() + "/backup/Notes/" + versions[0].get<std::string>() + "/Notizen ä.txt"), "geheim");
+  EXPECT_EQ(readFile(server.root() + "/backup/Notes/" + versions[0]["name"].get<std::string>() + "/Notizen ä.txt"), "geheim");
 }
 
 }  // namespace

@@ -1,0 +1,26 @@
+// QVRunReport is what one backup run did, beyond its outcome: the version it wrote, when it started and
+// ended, how many items it had, the files and bytes the destination wrote, the source files the copy
+// passed over, the items that were missing, and whether old versions were left alone because the
+// group's stored "versions" could not be read. The run's thread fills it; the agent keeps the last one
+// of each group for the host to read once the outcome is handled. Plain value.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/QVValue.h"
+
+struct QVRunReport {
+  std::string groupID;
+  std::string version;  // "yyyyMMddHHmmss.backup"
+  QVDate started;
+  QVDate ended;
+  std::size_t items = 0;
+  std::uint64_t files = 0;
+  std::uint64_t bytes = 0;
+  std::vector<std::string> leftOut;       // source paths passed over, in the order met
+  std::vector<std::string> missingItems;  // items that were not there (status -43)
+  bool versionsUnreadable = false;        // nothing was pruned
+};
