@@ -207,6 +207,9 @@ bool QVDAVBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
       if (!qv::fileExistsAtPath(localPath, &entryIsDirectory)) return;  // gone since the walk found it
       const bool done = entryIsDirectory ? makeDirectory(url, false) : uploadFile(localPath, url);
       result = result || done;
+      // Counted for the run's report: what arrived, and the files that could not be read here.
+      if (!entryIsDirectory && done) noteWritten(1, qv::sizeOfItemAtPath(localPath));
+      if (!entryIsDirectory && !done && !qv::isReadableFileAtPath(localPath)) noteLeftOut({localPath});
     };
     if (!isDirectory) {
       if (!isCancelled()) send(path, qv::urlStringByAppendingPathComponent(versionURL, escapedName));

@@ -358,7 +358,9 @@ bool QVFTPBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
         lastCode = uploadFile(local, size, uploadURL);
         if (lastCode != 0) {
           qv::debugLog("targets.ftp", "upload of " + local + " failed: " + std::to_string(lastCode));
+          if (!qv::isReadableFileAtPath(local)) noteLeftOut({local});  // for the run's report
         } else {
+          noteWritten(1, size);
           // One file that arrived makes the item a success, whatever fails after it (deliberately lenient).
           succeeded = true;
         }

@@ -273,6 +273,9 @@ TEST_P(QVDAVProgramTest, BacksUpListsRestoresVerifiesAndFailsWithoutEverShowingT
   result = qvtest::runProgram({"versions", "Photos", "--json"});
   EXPECT_EQ(result.status, 0);
   EXPECT_NE(result.out.find(versions.front()), std::string::npos) << result.out;
+  const nlohmann::json runs = runJSON({"log", "Photos", "--json"});
+  ASSERT_EQ(runs.size(), 1u) << runs;
+  EXPECT_EQ(runs[0]["files"], 5) << "the journal counts what reached the server";
   qvtest::TemporaryDirectory scratch;
   qvtest::expectRestoreAndVerify(m_env.home() + "/Tree", groupFolder() + "/" + versions.front(), scratch.path());
 
