@@ -1,6 +1,7 @@
 // The backup run: the entry checks on the main thread, the run on a thread of its own, progress and
 // the outcomes back on the main thread.
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <ctime>
 
@@ -297,7 +298,8 @@ void QVBackupAgent::backupProgressWithArguments(const QVGroupRef& group, double 
 std::int64_t QVBackupAgent::totalProgressForGroup(const std::vector<double>& progressInfo) {
   if (progressInfo.empty()) return 100;
   double sum = 0.0;
-  for (double value : progressInfo) sum += std::max(value, 0.0);
+  // A fraction that is not a finite number is no progress a menu can show.
+  for (double value : progressInfo) sum += std::isfinite(value) ? std::max(value, 0.0) : 0.0;
   return static_cast<std::int64_t>(sum / static_cast<double>(progressInfo.size()) * 100.0);
 }
 

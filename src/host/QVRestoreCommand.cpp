@@ -50,6 +50,12 @@ std::string joined(const std::string& folder, const std::string& name) {
 
 std::string describe(const QVError& error) { return qv::redactedString(error.message()); }
 
+// Whether a name from a destination names one thing inside its folder, and nothing outside it.
+bool isPlainName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+         name.find('\0') == std::string::npos;
+}
+
 // Reads one version of a group back, on the worker thread. Requires: the destination is used by this
 // reader alone.
 class VersionReader {
@@ -57,17 +63,22 @@ class VersionReader {
   VersionReader(QVBackupTarget& target, const QVGroup& group, std::string version)
       : m_target(target), m_group(group), m_version(std::move(version)) {}
 
-  // Everything below folder, parents before their content, names in order.
-  bool walk(const std::string& folder, std::vector<Member>& out, QVError* error) {
+  // Everything below folder, parents before their content, names in order. A name that could lead
+  // out of the folder it stands in is never followed; it goes to *refused.
+  bool walk(const std::string& folder, std::vector<Member>& out, std::vector<Problem>& refused, QVError* error) {
     auto entries = m_target.contentsOfVersion(m_group, m_version, folder, error);
     if (!entries) return false;
     std::sort(entries->begin(), entries->end(), [](const auto& a, const auto& b) { return a.name < b.name; });
     for (auto& entry : *entries) {
       if (m_target.isCancelled()) return true;
+      if (!isPlainName(entry.name)) {
+        refused.push_back({joined(folder, entry.name), "a name the destination gave that is not a plain file name"});
+        continue;
+      }
       Member member{joined(folder, entry.name), std::move(entry)};
       const bool descend = member.entry.isDirectory && !member.isLink();
       out.push_back(member);
-      if (descend && !walk(member.path, out, error)) return false;
+      if (descend && !walk(member.path, out, refused, error)) return false;
     }
     return true;
   }
@@ -104,13 +115,16 @@ std::time_t versionTime(const std::string& name) {
   return std::mktime(&tm);
 }
 
-// A path as given for a version: without leading, trailing or doubled slashes.
+// A path as given for a version, without leading, trailing or doubled slashes; "" when it names nothing
+// inside the version ("", ".", "..").
 std::string normalised(const std::string& path) {
   std::string result;
   for (std::size_t start = 0; start <= path.size();) {
     std::size_t end = path.find('/', start);
     if (end == std::string::npos) end = path.size();
-    if (end > start) result = joined(result, path.substr(start, end - start));
+    const std::string piece = path.substr(start, end - start);
+    if (piece == "." || piece == "..") return "";
+    if (!piece.empty()) result = joined(result, piece);
     start = end + 1;
   }
   return result;
@@ -184,7 +198,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
     std::vector<Member> plan;
     QVError error;
     if (options.paths.empty()) {
-      if (!reader.walk("", plan, &error)) errors.push_back({"", describe(error)});
+      if (!reader.walk("", plan, errors, &error)) errors.push_back({"", describe(error)});
     }
     for (const auto& given : options.paths) {
       const std::string path = normalised(given);
@@ -195,7 +209,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
         continue;
       }
       plan.push_back(*member);
-      if (member->entry.isDirectory && !member->isLink() && !reader.walk(path, plan, &error))
+      if (member->entry.isDirectory && !member->isLink() && !reader.walk(path, plan, errors, &error))
         errors.push_back({path, describe(error)});
     }
     for (const auto& member : plan) bytesTotal += member.entry.size;
@@ -221,11 +235,13 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
         continue;
       }
       bool written = true;
+      int writeError = 0;
       const bool read = reader.read(member.path, [&](const char* bytes, std::size_t length) {
         for (std::size_t at = 0; written && at < length;) {
           ssize_t n = ::write(fd, bytes + at, length - at);
           if (n < 0 && errno == EINTR) continue;
           written = n > 0;
+          if (!written) writeError = n < 0 ? errno : ENOSPC;
           at += n > 0 ? static_cast<std::size_t>(n) : 0;
         }
         bytesDone += length;
@@ -236,7 +252,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
       if (!read || !written) {
         ::unlink(local.c_str());  // a file half restored is not restored
         if (!target->isCancelled())
-          errors.push_back({member.path, written ? describe(error) : "cannot be written here: " + std::string(std::strerror(errno))});
+          errors.push_back({member.path, written ? describe(error) : "cannot be written here: " + std::string(std::strerror(writeError))});
         continue;
       }
       ++filesHandled;
@@ -254,7 +270,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
     for (const auto& item : group.items) sourceOfItem[qv::uniqueItemName(item, used)] = item;
     std::vector<Member> plan;
     QVError error;
-    if (!reader.walk("", plan, &error)) errors.push_back({"", describe(error)});
+    if (!reader.walk("", plan, errors, &error)) errors.push_back({"", describe(error)});
     for (const auto& member : plan) bytesTotal += member.isLink() || member.entry.isDirectory ? 0 : member.entry.size;
     std::set<std::string> inVersion;
     for (const auto& member : plan) {
@@ -327,6 +343,8 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
     }
   };
 
+  // This process only reads back: no schedule may start a backup in it meanwhile.
+  m_agent.stopTimers();
   display.begin(group.identifier, group.title);
   std::thread worker([&] {
     VersionReader reader(*target, group, version);

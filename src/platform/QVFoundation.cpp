@@ -161,6 +161,48 @@ std::optional<std::string> stringByReplacingPercentEscapes(const std::string& te
   return result;
 }
 
+bool walkDirectory(const std::string& folder, const std::function<bool(const std::string& relative, bool isFolder)>& visit,
+                   const std::function<void(const std::string& relative)>& unreadable) {
+  // One open folder per level, so a folder that vanishes or cannot be read costs only itself.
+  struct Level {
+    DIR* stream;
+    std::string relative;
+  };
+  DIR* top = ::opendir(folder.c_str());
+  if (!top) return false;
+  std::vector<Level> levels{{top, ""}};
+  bool stopped = false;
+  while (!levels.empty() && !stopped) {
+    Level& level = levels.back();
+    dirent* entry = ::readdir(level.stream);
+    if (!entry) {
+      ::closedir(level.stream);
+      levels.pop_back();
+      continue;
+    }
+    const std::string name = entry->d_name;
+    if (name == "." || name == "..") continue;
+    const std::string relative = level.relative.empty() ? name : level.relative + "/" + name;
+    struct stat info {};
+    if (::fstatat(::dirfd(level.stream), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;  // gone
+    const bool isFolder = S_ISDIR(info.st_mode);
+    if (!visit(relative, isFolder)) {
+      stopped = true;
+    } else if (isFolder) {
+      int child = ::openat(::dirfd(level.stream), entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+      DIR* stream = child >= 0 ? ::fdopendir(child) : nullptr;
+      if (!stream) {
+        if (child >= 0) ::close(child);
+        if (unreadable) unreadable(relative);
+      } else {
+        levels.push_back({stream, relative});
+      }
+    }
+  }
+  for (Level& level : levels) ::closedir(level.stream);
+  return true;
+}
+
 bool fileExistsAtPath(const std::string& path, bool* isDirectory) {
   struct stat info {};
   if (path.empty() || ::stat(path.c_str(), &info) != 0) {

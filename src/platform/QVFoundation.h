@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -30,6 +31,13 @@ std::optional<std::string> stringByReplacingPercentEscapes(const std::string& te
 // File-system questions. fileExistsAtPath follows a final symbolic link, as the platform's does.
 bool fileExistsAtPath(const std::string& path, bool* isDirectory = nullptr);
 bool isReadableFileAtPath(const std::string& path);
+
+// Walks the tree below folder depth first, parents before their content, calling visit with each entry's
+// path relative to folder and whether it is a folder (links are not followed). A folder below that cannot
+// be read is passed to unreadable and the walk goes on with the rest. visit answers false to stop.
+// Returns false when folder itself cannot be read.
+bool walkDirectory(const std::string& folder, const std::function<bool(const std::string& relative, bool isFolder)>& visit,
+                   const std::function<void(const std::string& relative)>& unreadable);
 
 // Size in bytes of a file, or the sum of the regular files of a whole tree (links are not followed);
 // 0 for nothing there.

@@ -27,13 +27,15 @@ void initializeLibraryOnce() {
 }  // namespace
 
 std::unique_ptr<QVInputStream> QVInputStream::inputStreamWithFileAtPath(const std::string& path) {
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Opened without waiting, so a pipe never blocks the run; only a regular file makes a stream.
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (fd < 0) return nullptr;
   struct stat info {};
-  if (::fstat(fd, &info) != 0 || S_ISDIR(info.st_mode)) {
+  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
     ::close(fd);
     return nullptr;
   }
+  ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
   ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   return std::unique_ptr<QVInputStream>(new QVInputStream(fd, static_cast<std::uint64_t>(info.st_size)));
 }
@@ -152,8 +154,13 @@ struct QVURLSession::Impl {
   }
 
   void attach() {
-    curl_multi_add_handle(multi, easy);
-    inMulti = true;
+    if (multi && easy && curl_multi_add_handle(multi, easy) == CURLM_OK) {
+      inMulti = true;
+      return;
+    }
+    // Nothing can be sent: the request ends at once as a failure.
+    done = true;
+    result = CURLE_FAILED_INIT;
   }
 
   void detach() {
@@ -214,7 +221,7 @@ bool QVURLSession::sendSynchronousRequest(const std::string& method, const std::
   impl.prepare(method, url, headers);
   impl.sink = sink ? &sink : nullptr;
   impl.attach();
-  while (!impl.done) {
+  while (!impl.done && impl.inMulti) {
     if (m_isCancelled && m_isCancelled()) {
       impl.done = true;
       impl.result = CURLE_ABORTED_BY_CALLBACK;
@@ -251,8 +258,7 @@ void QVURLSession::startUpload(const std::string& method, const std::string& url
 
 void QVURLSession::runOnce(std::chrono::milliseconds maxWait) {
   Impl& impl = *m_impl;
-  if (!impl.inMulti) return;
-  impl.step(maxWait);
+  if (impl.inMulti) impl.step(maxWait);
   if (!impl.done) return;
   impl.detach();
   QVURLConnectionDelegate* delegate = impl.delegate;

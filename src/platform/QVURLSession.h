@@ -45,7 +45,7 @@ class QVURLConnectionDelegate {
 // A local file opened to be sent as a request body.
 class QVInputStream {
  public:
-  // nullptr when the file cannot be opened for reading.
+  // nullptr when the file cannot be opened for reading or is not a regular file (a folder, a pipe).
   static std::unique_ptr<QVInputStream> inputStreamWithFileAtPath(const std::string& path);
   ~QVInputStream();
   QVInputStream(const QVInputStream&) = delete;

@@ -4,6 +4,7 @@
 #include <libxml/tree.h>
 
 #include <climits>
+#include <mutex>
 
 namespace {
 
@@ -43,6 +44,8 @@ std::string QVXMLElement::stringValue() const {
 
 std::unique_ptr<QVXMLDocument> QVXMLDocument::documentWithData(const std::string& data) {
   if (data.empty() || data.size() > static_cast<std::size_t>(INT_MAX)) return nullptr;
+  static std::once_flag initialized;
+  std::call_once(initialized, [] { xmlInitParser(); });
   // No network, no entity expansion, no DTD loading, nothing printed; libxml2's own depth and size limits
   // stay in force.
   const int options = XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING;

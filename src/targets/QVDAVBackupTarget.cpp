@@ -1,5 +1,6 @@
 #include "targets/QVDAVBackupTarget.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
@@ -172,8 +173,10 @@ void QVDAVBackupTarget::connectionDidFinishLoading() { setIsComplete(true); }
 
 void QVDAVBackupTarget::connectionDidSendBodyData(std::int64_t bytesWritten, std::int64_t, std::int64_t) {
   m_progressSize += static_cast<std::uint64_t>(bytesWritten);
-  if (delegate())
-    delegate()->backupProgress(static_cast<double>(m_progressSize) / static_cast<double>(m_totalSize));
+  // An item whose size could not be measured (a link given as the item) reports 0.0 until it ends.
+  const double fraction =
+      m_totalSize == 0 ? 0.0 : std::min(1.0, static_cast<double>(m_progressSize) / static_cast<double>(m_totalSize));
+  if (delegate()) delegate()->backupProgress(fraction);
 }
 
 bool QVDAVBackupTarget::backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,
@@ -205,11 +208,13 @@ bool QVDAVBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
     auto send = [&](const std::string& localPath, const std::string& url) {
       bool entryIsDirectory = false;
       if (!qv::fileExistsAtPath(localPath, &entryIsDirectory)) return;  // gone since the walk found it
+      // Counted for the run's report: a file that cannot be read here (or is no file at all, such as a
+      // pipe) is left out, whatever answer its upload gives.
+      const bool readable = entryIsDirectory || QVInputStream::inputStreamWithFileAtPath(localPath) != nullptr;
       const bool done = entryIsDirectory ? makeDirectory(url, false) : uploadFile(localPath, url);
       result = result || done;
-      // Counted for the run's report: what arrived, and the files that could not be read here.
-      if (!entryIsDirectory && done) noteWritten(1, qv::sizeOfItemAtPath(localPath));
-      if (!entryIsDirectory && !done && !qv::isReadableFileAtPath(localPath)) noteLeftOut({localPath});
+      if (!readable) noteLeftOut({localPath});
+      else if (!entryIsDirectory && done) noteWritten(1, qv::sizeOfItemAtPath(localPath));
     };
     if (!isDirectory) {
       if (!isCancelled()) send(path, qv::urlStringByAppendingPathComponent(versionURL, escapedName));
@@ -219,15 +224,17 @@ bool QVDAVBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
       // A plain path join here, not the URL join (kept so on purpose).
       const std::string itemURL = qv::stringByAppendingPathComponent(versionURL, escapedName);
       if (makeDirectory(itemURL, false)) {
-        // Depth first, parents before their content, one entry at a time so a large tree costs no memory.
-        std::error_code ec;
-        for (fs::recursive_directory_iterator it(path, fs::directory_options::skip_permission_denied, ec), end;
-             !ec && it != end; it.increment(ec)) {
-          if (isCancelled()) break;
-          const std::string relative = it->path().lexically_relative(path).string();
-          send(qv::stringByAppendingPathComponent(path, relative),
-               qv::urlStringByAppendingPathComponent(itemURL, pathWithReplacingInvalidCharactersInPath(relative)));
-        }
+        // Depth first, parents before their content, one entry at a time so a large tree costs no memory;
+        // a folder that cannot be read is left out and the rest goes on.
+        qv::walkDirectory(
+            path,
+            [&](const std::string& relative, bool) {
+              if (isCancelled()) return false;
+              send(qv::stringByAppendingPathComponent(path, relative),
+                   qv::urlStringByAppendingPathComponent(itemURL, pathWithReplacingInvalidCharactersInPath(relative)));
+              return true;
+            },
+            [&](const std::string& relative) { noteLeftOut({qv::stringByAppendingPathComponent(path, relative)}); });
       }
     }
   }
@@ -258,7 +265,8 @@ std::optional<std::vector<QVVersionEntry>> QVDAVBackupTarget::contentsOfVersion(
                                                 {{"Depth", "1"}, {"Content-Type", "application/xml"}}, &status,
                                                 &reply, nullptr);
   std::optional<std::vector<QVVersionEntry>> entries;
-  if (sent && validateResponseStatusCode(status, false)) entries = entriesInReply(reply);
+  // Without an answer the status is 0, and the rule says that the server could not be reached.
+  if (validateResponseStatusCode(sent ? status : 0, false)) entries = entriesInReply(reply);
   if (!entries && error)
     *error = errorWithStatusCode(-27, sent && status / 100 == 2 ? "The server's listing cannot be read" : errorString(),
                                  relativePath);
@@ -271,7 +279,7 @@ bool QVDAVBackupTarget::readFileOfVersion(const QVGroup& group, const std::strin
   std::string errorPage;
   const bool sent = m_session->sendSynchronousRequest("GET", requestURL(versionURL(group, version, relativePath)), {},
                                                       &status, sink, &errorPage, nullptr);
-  if (sent && validateResponseStatusCode(status, false)) return true;
+  if (validateResponseStatusCode(sent ? status : 0, false)) return true;
   if (error) *error = errorWithStatusCode(isCancelled() ? -128 : -27, isCancelled() ? "" : errorString(), relativePath);
   return false;
 }

@@ -2,8 +2,10 @@
 
 #include <curl/curl.h>
 #include <cxxabi.h>
+#include <fcntl.h>
 #include <glib.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -19,8 +21,20 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+
+// What libcurl hands back to the read callback during one upload: the destination and the open file.
+struct UploadContext {
+  QVFTPBackupTarget* target = nullptr;
+  FILE* file = nullptr;
+};
+
+}  // namespace
+
 struct QVFTPBackupTarget::Curl {
   CURL* handle = nullptr;
+  // Lives as long as the handle that points at it; its file is open only during one upload.
+  UploadContext upload;
   Curl() : handle(curl_easy_init()) {}
   ~Curl() {
     if (handle) curl_easy_cleanup(handle);
@@ -30,12 +44,6 @@ struct QVFTPBackupTarget::Curl {
 };
 
 namespace {
-
-// What libcurl hands back to the read callback during one upload: the destination and the open file.
-struct UploadContext {
-  QVFTPBackupTarget* target;
-  FILE* file;
-};
 
 size_t readCallback(char* buffer, size_t size, size_t count, void* userData) {
   auto* context = static_cast<UploadContext*>(userData);
@@ -254,12 +262,21 @@ void QVFTPBackupTarget::removeRootEntryForGroup(const QVGroup& group) {
 int QVFTPBackupTarget::uploadFile(const std::string& path, std::uint64_t size, const std::string& url) {
   // A file that cannot be opened is not sent at all: no transfer starts, so nothing is created on the
   // server, and the result is libcurl's own code for local data that cannot be read.
-  FILE* file = std::fopen(path.c_str(), "r");
+  // Opened without waiting and kept only when it is a regular file: a pipe would block the run.
+  FILE* file = nullptr;
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  struct stat info {};
+  if (fd >= 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    file = ::fdopen(fd, "r");
+  }
   if (!file) {
+    if (fd >= 0) ::close(fd);
     qv::debugLog("targets.ftp", "cannot open " + path + " for upload");
     return CURLE_READ_ERROR;
   }
-  UploadContext context{this, file};
+  UploadContext& context = m_curl->upload;
+  context = {this, file};
   if (CURL* curl = m_curl->handle) {
     curl_easy_setopt(curl, CURLOPT_READDATA, &context);
     curl_easy_setopt(curl, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(size));
@@ -268,6 +285,7 @@ int QVFTPBackupTarget::uploadFile(const std::string& path, std::uint64_t size, c
   // Missing folders on the server are made by libcurl while the handle still asks it to.
   const int result = perform();
   std::fclose(file);
+  context.file = nullptr;
   return result;
 }
 
@@ -328,42 +346,38 @@ bool QVFTPBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
     m_totalSize = qv::sizeOfItemAtPath(path);
     m_progressSize = 0;
     if (qv::fileExistsAtPath(path, &isDirectory)) {
-      // The walk: a directory's descendants as relative paths, depth first, parents before their
-      // contents; a file is a walk of itself alone (an empty relative path).
-      std::error_code ec;
-      fs::recursive_directory_iterator it;
-      if (isDirectory) {
-        url = qv::urlStringByAppendingPathComponent(url, withName);
-        it = fs::recursive_directory_iterator(path, fs::directory_options::skip_permission_denied, ec);
-      }
-      bool fileWalked = false;
-      auto next = [&]() -> std::optional<std::string> {
-        if (!isDirectory) return std::exchange(fileWalked, true) ? std::nullopt : std::optional<std::string>("");
-        if (ec || it == fs::recursive_directory_iterator()) return std::nullopt;
-        std::string relative = it->path().lexically_relative(path).string();
-        it.increment(ec);
-        return relative;
-      };
       lastCode = 0;
       m_lastProgressDate = absoluteTime();
-      while (std::optional<std::string> relative = next()) {
-        if (isCancelled()) break;
-        const std::string local = isDirectory ? qv::stringByAppendingPathComponent(path, *relative) : path;
+      if (isDirectory) url = qv::urlStringByAppendingPathComponent(url, withName);
+      // One walked path: a file is uploaded; folders send nothing of their own, the uploads of their
+      // files make them on the server. Answers false once the run is cancelled.
+      auto handle = [&](const std::string& relative) {
+        if (isCancelled()) return false;
+        const std::string local = isDirectory ? qv::stringByAppendingPathComponent(path, relative) : path;
         bool localIsDirectory = false;
-        // Folders send nothing of their own: the uploads of their files make them on the server.
-        if (!qv::fileExistsAtPath(local, &localIsDirectory) || localIsDirectory) continue;
+        if (!qv::fileExistsAtPath(local, &localIsDirectory) || localIsDirectory) return true;
         struct stat info {};
         const std::uint64_t size = ::stat(local.c_str(), &info) == 0 ? static_cast<std::uint64_t>(info.st_size) : 0;
-        const std::string uploadURL = qv::urlStringByAppendingPathComponent(url, isDirectory ? *relative : withName);
+        const std::string uploadURL = qv::urlStringByAppendingPathComponent(url, isDirectory ? relative : withName);
         lastCode = uploadFile(local, size, uploadURL);
         if (lastCode != 0) {
           qv::debugLog("targets.ftp", "upload of " + local + " failed: " + std::to_string(lastCode));
-          if (!qv::isReadableFileAtPath(local)) noteLeftOut({local});  // for the run's report
+          if (lastCode == CURLE_READ_ERROR) noteLeftOut({local});  // for the run's report
         } else {
           noteWritten(1, size);
           // One file that arrived makes the item a success, whatever fails after it (deliberately lenient).
           succeeded = true;
         }
+        return true;
+      };
+      // A directory's descendants depth first, parents before their contents; a folder that cannot be
+      // read is left out and the walk goes on. A file is a walk of itself alone.
+      if (isDirectory) {
+        qv::walkDirectory(
+            path, [&](const std::string& relative, bool) { return handle(relative); },
+            [&](const std::string& relative) { noteLeftOut({qv::stringByAppendingPathComponent(path, relative)}); });
+      } else {
+        handle("");
       }
       reportPath = isDirectory;
     }

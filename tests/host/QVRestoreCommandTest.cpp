@@ -6,6 +6,7 @@
 #include <filesystem>
 
 #include "host/QVProgramRunner.h"
+#include "support/QVTestServer.h"
 #include "support/QVVersionChecks.h"
 
 namespace fs = std::filesystem;
@@ -61,4 +62,47 @@ TEST_F(QVRestoreCommandTest, CtrlCEndsARestoreAndKeepsWhatWasRestored) {
   EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(1));
   EXPECT_TRUE(fs::exists(scratch / "out/Tree/a.txt")) << "what was restored stays";
   EXPECT_FALSE(fs::exists(large)) << "a file half restored is not left behind";
+}
+
+// A WebDAV server that lists names leading out of the folder they stand in: they are refused, the
+// rest is restored, and nothing is written outside the restore folder.
+TEST_F(QVRestoreCommandTest, RefusesNamesThatLeadOutOfTheRestoreFolder) {
+  qvtest::PythonServer server(R"(import sys
+from http.server import BaseHTTPRequestHandler, HTTPServer
+def response(href, collection):
+    kind = '<D:collection/>' if collection else ''
+    return ('<D:response><D:href>%s</D:href><D:propstat><D:prop><D:resourcetype>%s</D:resourcetype>'
+            '</D:prop></D:propstat></D:response>' % (href, kind))
+class Handler(BaseHTTPRequestHandler):
+    def reply(self, status, body):
+        self.send_response(status)
+        self.send_header('Content-Length', str(len(body)))
+        self.end_headers()
+        self.wfile.write(body)
+    def do_PROPFIND(self):
+        v = '/backups/Photos/20240101120000.backup/'
+        body = '<D:multistatus xmlns:D="DAV:">' + response(v, True) + response(v + '..%2F..%2Fescaped.txt', False) + \
+               response(v + '%2E%2E/', True) + response(v + 'ok.txt', False) + '</D:multistatus>'
+        self.reply(207, body.encode())
+    def do_GET(self):
+        self.reply(200, b'data')
+    def log_message(self, *args):
+        pass
+HTTPServer(('127.0.0.1', int(sys.argv[1])), Handler).serve_forever()
+)");
+  ASSERT_EQ(qvtest::runProgram({"target", "add", "--type", "dav", "--title", "Odd", "--server", "127.0.0.1", "--port",
+                                std::to_string(server.port()), "--path", "backups"}).status, 0);
+  ASSERT_EQ(qvtest::runProgram({"group", "set", "Photos", "--target", "Odd"}).status, 0);
+  qvtest::TemporaryDirectory scratch;
+  const std::string into = scratch / "a/b/out";
+  qvtest::ProgramResult result =
+      qvtest::runProgram({"restore", "Photos", "--version", "20240101120000.backup", "--to", into});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_EQ(qvtest::readFile(into + "/ok.txt"), "data");
+  EXPECT_FALSE(fs::exists(scratch / "a/escaped.txt") || fs::exists(scratch / "escaped.txt"));
+  EXPECT_NE(result.err.find("../../escaped.txt: a name the destination gave that is not a plain file name"),
+            std::string::npos) << result.err;
+  result = qvtest::runProgram({"restore", "Photos", "--version", "20240101120000.backup", "--to", scratch / "x", "../etc"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_NE(result.err.find("../etc: not in the version"), std::string::npos) << "nor a path given: " << result.err;
 }

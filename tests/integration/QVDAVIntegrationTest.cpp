@@ -147,7 +147,10 @@ TEST_P(QVDAVIntegrationTest, KeepsTheNewestVersionsAndRemovesTheRestCompletely) 
   for (const char* old : {"20200101000001.backup", "20200101000002.backup", "20200101000003.backup"})
     qvtest::writeFile(groupFolder() + "/" + old + "/sub/a.txt", "old");
   fs::create_directories(groupFolder() + "/notes");  // not a version: never pruned
-  QVGroupRef group = makeGroup({sources() + "/a.txt"}, 2);
+  // A pipe among the files is left out, never waited on.
+  qvtest::writeFile(sources() + "/Pipes/p.txt", "p");
+  ASSERT_EQ(::mkfifo((sources() + "/Pipes/pipe").c_str(), 0600), 0);
+  QVGroupRef group = makeGroup({sources() + "/a.txt", sources() + "/Pipes"}, 2);
   Lines listed = agent->backupsForGroupWithID(group->identifier).value_or(Lines{});
   std::sort(listed.begin(), listed.end());
   EXPECT_EQ(listed, (Lines{"20200101000001.backup", "20200101000002.backup", "20200101000003.backup", "notes"}));
@@ -158,6 +161,7 @@ TEST_P(QVDAVIntegrationTest, KeepsTheNewestVersionsAndRemovesTheRestCompletely) 
   EXPECT_EQ(left[0], "20200101000003.backup");
   EXPECT_EQ(left[2], "notes");
   EXPECT_EQ(qvtest::readFile(groupFolder() + "/" + left[1] + "/a.txt"), "a");
+  EXPECT_EQ(qvtest::readFile(groupFolder() + "/" + left[1] + "/Pipes/p.txt"), "p");
 }
 
 TEST_P(QVDAVIntegrationTest, AServerThatStopsOrNeverAnswersFailsTheRunBeforeItsNextItem) {

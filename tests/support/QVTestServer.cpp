@@ -174,6 +174,13 @@ NginxDAVServer::NginxDAVServer(long maxBody) {
         dir + "/error.log");
 }
 
+PythonServer::PythonServer(const std::string& script) {
+  const int port = freePort();
+  writeFile(directory() + "/server.py", script);
+  writeFile(directory() + "/server.log", "");
+  start({"/usr/bin/python3", directory() + "/server.py", std::to_string(port)}, port, directory() + "/server.log");
+}
+
 SilentServer::SilentServer() {
   const int port = freePort();
   const std::string script =

@@ -73,6 +73,13 @@ class SilentServer : public TestServer {
   SilentServer();
 };
 
+// A server of a few lines of Python, for replies no real server gives: script reads its port from
+// sys.argv[1].
+class PythonServer : public TestServer {
+ public:
+  explicit PythonServer(const std::string& script);
+};
+
 // Whether the server programs of the integration tests are installed (scripts/setup.sh --tests).
 bool haveProgram(const std::string& path);
 
