@@ -3,6 +3,8 @@
 // for hours of waiting.
 #include <gtest/gtest.h>
 
+#include <ctime>
+
 #include "platform/QVRunLoop.h"
 #include "support/QVAgentTestSupport.h"
 
@@ -101,7 +103,11 @@ TEST_F(QVBackupAgentSchedulingTest, ATimerFiringDuringARunIsRefusedAndTheRunsEnd
 }
 
 TEST_F(QVBackupAgentSchedulingTest, ATimerStillWaitingWhenARunEndsFiresBesideTheNewOne) {
-  start({{"g", daily(), now()}});
+  // Daily, half a day from now: the next scheduled moment is always more than an hour away.
+  std::time_t t = std::chrono::system_clock::to_time_t(now());
+  std::tm local{};
+  localtime_r(&t, &local);
+  start({{"g", {{"period", "daily"}, {"hour", (local.tm_hour + 12) % 24}, {"minute", 0}}, now()}});
   script.blockAtItem = 0;
   agent->backupGroupWithID("g");
   ASSERT_TRUE(script.waitUntilBlocked());
