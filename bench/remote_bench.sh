@@ -207,8 +207,8 @@ measure() {
   [[ -n ${peak[stellwin_backup]:-} ]] && reports+=("$label: stellwin-backup peak memory $(printf '%.1f' "$(echo "${peak[stellwin_backup]} / 1024" | bc -l)") MB")
   [[ -n ${conns[curl]:-} && ${conns[curl]} != 1 ]] && reports+=("$label: WARNING: curl used ${conns[curl]} connections, not 1")
   if [[ -n ${conns[*]:-} ]]; then
-    local c=""; for name in "${tools[@]}"; do [[ -n ${conns[$name]:-} ]] && c+=" $(display "$name") ${conns[$name]},"; done
-    reports+=("$label: connections seen by the server:${c%,}")
+    local c=""; for name in "${tools[@]}"; do [[ -n ${conns[$name]:-} ]] && c+=" $(display "$name" | sed 's/ (1 connection)//') ${conns[$name]},"; done
+    reports+=("$label: connections seen by the server in each tool's last run (distinct client ports; ports reused over thousands of connections count once):${c%,}")
   fi
   for name in "${tools[@]}"; do
     [[ -n ${broken[$name]:-} ]] && reports+=("$label: $(display "$name") FAILED: ${broken[$name]}")
