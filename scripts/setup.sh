@@ -21,7 +21,7 @@ packages=(build-essential cmake pkg-config gettext
 if [ "$want_tests" = 1 ]; then
   packages+=(googletest libgtest-dev dbus dbus-user-session gnome-keyring libsecret-tools
     apache2 apache2-utils nginx-light libnginx-mod-http-dav-ext vsftpd python3-pyftpdlib rclone
-    openssl ca-certificates curl util-linux tzdata bc time clang-14 libclang-rt-14-dev)
+    openssl ca-certificates curl util-linux tzdata bc time clang-14 libclang-rt-14-dev valgrind)
 fi
 
 missing=()

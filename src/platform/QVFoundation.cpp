@@ -203,6 +203,17 @@ bool walkDirectory(const std::string& folder, const std::function<bool(const std
   return true;
 }
 
+int openRegularFileForReading(const std::string& path) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  struct stat info {};
+  if (fd >= 0 && (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))) {
+    ::close(fd);
+    return -1;
+  }
+  if (fd >= 0) ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  return fd;
+}
+
 bool fileExistsAtPath(const std::string& path, bool* isDirectory) {
   struct stat info {};
   if (path.empty() || ::stat(path.c_str(), &info) != 0) {

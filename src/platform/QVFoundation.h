@@ -39,6 +39,10 @@ bool isReadableFileAtPath(const std::string& path);
 bool walkDirectory(const std::string& folder, const std::function<bool(const std::string& relative, bool isFolder)>& visit,
                    const std::function<void(const std::string& relative)>& unreadable);
 
+// Opens a regular file for reading without ever waiting (a pipe would block): a descriptor, or -1 for
+// anything else or a file that cannot be read. The caller closes it.
+int openRegularFileForReading(const std::string& path);
+
 // Size in bytes of a file, or the sum of the regular files of a whole tree (links are not followed);
 // 0 for nothing there.
 std::uint64_t sizeOfItemAtPath(const std::string& path);

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <mutex>
 
+#include "platform/QVFoundation.h"
 #include "platform/QVLog.h"
 
 namespace {
@@ -27,15 +28,10 @@ void initializeLibraryOnce() {
 }  // namespace
 
 std::unique_ptr<QVInputStream> QVInputStream::inputStreamWithFileAtPath(const std::string& path) {
-  // Opened without waiting, so a pipe never blocks the run; only a regular file makes a stream.
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const int fd = qv::openRegularFileForReading(path);
   if (fd < 0) return nullptr;
   struct stat info {};
-  if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-    ::close(fd);
-    return nullptr;
-  }
-  ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+  ::fstat(fd, &info);
   ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
   return std::unique_ptr<QVInputStream>(new QVInputStream(fd, static_cast<std::uint64_t>(info.st_size)));
 }

@@ -147,6 +147,7 @@ bool QVDAVBackupTarget::makeDirectory(const std::string& url, bool allowDuplicat
 
 bool QVDAVBackupTarget::uploadFile(const std::string& path, const std::string& destination) {
   std::unique_ptr<QVInputStream> stream = QVInputStream::inputStreamWithFileAtPath(path);
+  m_lastUploadHadStream = stream != nullptr;
   // Without a stream the answer is the status the previous upload left (kept so on purpose).
   if (!stream) return validateResponseStatusCode(m_responseStatusCode, false);
 
@@ -208,12 +209,11 @@ bool QVDAVBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
     auto send = [&](const std::string& localPath, const std::string& url) {
       bool entryIsDirectory = false;
       if (!qv::fileExistsAtPath(localPath, &entryIsDirectory)) return;  // gone since the walk found it
-      // Counted for the run's report: a file that cannot be read here (or is no file at all, such as a
-      // pipe) is left out, whatever answer its upload gives.
-      const bool readable = entryIsDirectory || QVInputStream::inputStreamWithFileAtPath(localPath) != nullptr;
       const bool done = entryIsDirectory ? makeDirectory(url, false) : uploadFile(localPath, url);
       result = result || done;
-      if (!readable) noteLeftOut({localPath});
+      // Counted for the run's report: a file that could not be read here (or is no file at all, such as
+      // a pipe) is left out, whatever answer its upload gave.
+      if (!entryIsDirectory && !m_lastUploadHadStream) noteLeftOut({localPath});
       else if (!entryIsDirectory && done) noteWritten(1, qv::sizeOfItemAtPath(localPath));
     };
     if (!isDirectory) {

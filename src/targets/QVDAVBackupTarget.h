@@ -91,5 +91,6 @@ class QVDAVBackupTarget : public QVBackupTarget, private QVURLConnectionDelegate
   mutable std::mutex m_errorStringMutex;
   std::string m_errorString;  // guarded by m_errorStringMutex
   std::int64_t m_errorCode = 0;
+  bool m_lastUploadHadStream = false;  // whether the last uploadFile could open its file
   std::unique_ptr<QVURLSession> m_session;
 };

@@ -262,14 +262,9 @@ void QVFTPBackupTarget::removeRootEntryForGroup(const QVGroup& group) {
 int QVFTPBackupTarget::uploadFile(const std::string& path, std::uint64_t size, const std::string& url) {
   // A file that cannot be opened is not sent at all: no transfer starts, so nothing is created on the
   // server, and the result is libcurl's own code for local data that cannot be read.
-  // Opened without waiting and kept only when it is a regular file: a pipe would block the run.
-  FILE* file = nullptr;
-  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  struct stat info {};
-  if (fd >= 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) {
-    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
-    file = ::fdopen(fd, "r");
-  }
+  // Only a regular file is opened, without waiting: a pipe would block the run.
+  const int fd = qv::openRegularFileForReading(path);
+  FILE* file = fd >= 0 ? ::fdopen(fd, "r") : nullptr;
   if (!file) {
     if (fd >= 0) ::close(fd);
     qv::debugLog("targets.ftp", "cannot open " + path + " for upload");

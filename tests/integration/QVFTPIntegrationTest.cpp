@@ -66,7 +66,7 @@ class QVFTPIntegrationTest : public FTPAgentTest, public ::testing::WithParamInt
 };
 
 TEST_P(QVFTPIntegrationTest, CopiesATreeByteForByteAndPrunesOldVersionsCompletely) {
-  const std::string tree = makeSampleTree(env.root() + "/sources");
+  const std::string tree = makeTree(env.root() + "/sources/Tree");
   const std::string note = makeFile("Notiz für später.txt");
   // A title that is not ASCII: the group's folder is named after its identifier.
   QVGroupRef group = makeGroup("Fotos für Oma", {tree, note}, m_destination, 2);
@@ -211,7 +211,7 @@ TEST_F(QVFTPProgramTest, BacksUpListsAndCancelsWithThePasswordOnlyOnStandardInpu
   };
   add("NAS", server.port(), {"--user", kUser, "--password-stdin"});
   add("Anon", anonymous.port(), {});
-  const std::string tree = makeSampleTree(m_env.home());
+  const std::string tree = makeTree(m_env.home() + "/Tree");
   const std::uint64_t size = 300ull << 20;
   for (const auto& [group, item, target] : {std::tuple("Docs", tree, "NAS"), std::tuple("Open", tree, "Anon"),
                                             std::tuple("Big", makeFile("big.bin", "", size), "NAS")})

@@ -83,42 +83,6 @@ PyftpdlibServer::PyftpdlibServer(const std::string& user, const std::string& pas
         port, dir + "/pyftpdlib.log");
 }
 
-namespace {
-
-// Short contents as they are, long ones as their size and a hash: a failure message stays readable.
-std::string contentsSummary(const std::string& contents) {
-  if (contents.size() <= 40) return contents;
-  std::uint64_t hash = 1469598103934665603ull;
-  for (unsigned char c : contents) hash = (hash ^ c) * 1099511628211ull;
-  return std::to_string(contents.size()) + " bytes, hash " + std::to_string(hash);
-}
-
-}  // namespace
-
-std::string treeListing(const std::string& folder) {
-  std::vector<std::string> lines;
-  std::error_code ec;
-  for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-    const std::string relative = it->path().lexically_relative(folder).string();
-    if (it->is_directory()) lines.push_back(relative + "/");
-    else lines.push_back(relative + " = " + contentsSummary(readFile(it->path().string())));
-  }
-  std::sort(lines.begin(), lines.end());
-  std::string text;
-  for (const auto& line : lines) text += line + "\n";
-  return text;
-}
-
-std::string makeSampleTree(const std::string& folder) {
-  std::string varied;
-  for (std::uint32_t i = 0, x = 12345; i < 300000; ++i) varied += static_cast<char>((x = x * 1103515245 + 12345) >> 24);
-  writeFile(folder + "/Tree/Grüße an alle.txt", "hello, world\n");
-  writeFile(folder + "/Tree/sub folder/deeper/日本 語.bin", varied);
-  writeFile(folder + "/Tree/sub folder/empty file", "");
-  writeFile(folder + "/Tree/sub folder/deeper/last/a b c", "abc");
-  return folder + "/Tree";
-}
-
 QVGroupRef FTPAgentTest::makeGroup(const std::string& title, const std::vector<std::string>& items,
                                    const Destination& destination, std::uint64_t versions) {
   agent->addItemsAtPaths(items, title);

@@ -37,12 +37,6 @@ class PyftpdlibServer : public TestServer {
   std::string root() const { return directory() + "/root"; }
 };
 
-// The whole tree below a folder, one sorted line per entry: "relative path = contents" (long ones as
-// their size and hash), "folder/".
-std::string treeListing(const std::string& folder);
-// Makes, below folder, a tree with nested folders, spaces and non-ASCII in names, an empty file and a
-// few hundred kilobytes of varied bytes; returns its path.
-std::string makeSampleTree(const std::string& folder);
 
 // An agent whose groups back up to FTP servers on 127.0.0.1.
 class FTPAgentTest : public AgentTest {

@@ -9,10 +9,11 @@ namespace qvtest {
 // Makes at root a tree of nested folders, names with spaces, non-ASCII and URL-special characters and an
 // empty file, every file dated five years back (older than any version made now). No empty folder: an FTP
 // destination keeps none.
-void makeTree(const std::string& root);
+std::string makeTree(const std::string& root);  // returns root
 
-// Whether two trees hold the same folders and files, byte for byte; the first difference in *why.
-bool sameTree(const std::string& a, const std::string& b, std::string* why);
+// The whole tree below a folder, one sorted line per entry: "relative path = contents" (long ones as
+// their size and a hash), "folder/". Two trees are the same when their listings are.
+std::string treeListing(const std::string& folder);
 
 // Given a group, whose only item is the tree made by makeTree at tree (a folder named "Tree"), backed up
 // once into the version whose folder the destination keeps at versionFolder: changes the source, restores

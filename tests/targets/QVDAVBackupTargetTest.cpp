@@ -7,43 +7,11 @@
 
 using Names = std::optional<std::vector<std::string>>;
 
-// Replies as Apache httpd (mod_dav) and nginx (dav-ext) gave them for a group folder holding two versions
-// and a file, shortened to what the listing reads.
-const char* const kApacheReply = R"(<?xml version="1.0" encoding="utf-8"?>
-<D:multistatus xmlns:D="DAV:">
-<D:response xmlns:lp2="http://apache.org/dav/props/" xmlns:lp1="DAV:">
-<D:href>/Photos/</D:href>
-<D:propstat><D:prop><lp1:resourcetype><D:collection/></lp1:resourcetype></D:prop>
-<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
-<D:response xmlns:lp2="http://apache.org/dav/props/" xmlns:lp1="DAV:">
-<D:href>/Photos/Gr%c3%bc%c3%9fe%20%231.backup/</D:href>
-<D:propstat><D:prop><lp1:resourcetype><D:collection/></lp1:resourcetype>
-<lp1:getetag>"1000-660e712eb1807"</lp1:getetag></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>
-</D:response>
-<D:response xmlns:lp2="http://apache.org/dav/props/" xmlns:lp1="DAV:">
-<D:href>/Photos/file.txt</D:href>
-<D:propstat><D:prop><lp1:resourcetype/><lp1:getcontentlength>2</lp1:getcontentlength>
-<lp2:executable>F</lp2:executable></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
-<D:response xmlns:lp2="http://apache.org/dav/props/" xmlns:lp1="DAV:">
-<D:href>/Photos/20240101120000.backup/</D:href>
-<D:propstat><D:prop><lp1:resourcetype><D:collection/></lp1:resourcetype></D:prop>
-<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
-</D:multistatus>)";
-
-const char* const kNginxReply = R"(<?xml version="1.0" encoding="utf-8" ?>
-<D:multistatus xmlns:D="DAV:">
-<D:response><D:href>/Photos/</D:href><D:propstat><D:prop><D:displayname>Photos</D:displayname>
-<D:resourcetype><D:collection/></D:resourcetype></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>
-</D:response>
-<D:response><D:href>/Photos/Gr%C3%BC%C3%9Fe%20%231.backup/</D:href><D:propstat><D:prop>
-<D:displayname>Grüße #1.backup</D:displayname><D:resourcetype><D:collection/></D:resourcetype></D:prop>
-<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
-<D:response><D:href>/Photos/file.txt</D:href><D:propstat><D:prop><D:getcontentlength>2</D:getcontentlength>
-<D:resourcetype></D:resourcetype></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>
-<D:response><D:href>/Photos/20240101120000.backup/</D:href><D:propstat><D:prop>
-<D:resourcetype><D:collection/></D:resourcetype></D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>
-</D:response>
-</D:multistatus>)";
+// A reply as Apache httpd (mod_dav) or nginx (dav-ext) gave it for a group folder holding two versions and
+// a file, shortened to what the listing reads; the fuzzer starts from the same replies.
+std::string capturedReply(const std::string& server) {
+  return qvtest::readFile(std::string(QV_TEST_SOURCE_DIR) + "/tests/reliability/corpus/propfind/" + server + ".xml");
+}
 
 // A multistatus of the collection itself followed by one response per (href, resourcetype) pair, with its
 // elements written as open and close give them.
@@ -113,8 +81,8 @@ TEST_F(QVDAVBackupTargetTest, PassesOnly2xxAndAnExistingCollectionWhereAllowed) 
 
 TEST_F(QVDAVBackupTargetTest, ListsTheCollectionsOfARepliesOwnDAVPrefix) {
   const Names both = std::vector<std::string>{"Grüße #1.backup", "20240101120000.backup"};
-  EXPECT_EQ(QVDAVBackupTarget::collectionNamesInReply(kApacheReply), both) << "lp1 bound to DAV: as D is";
-  EXPECT_EQ(QVDAVBackupTarget::collectionNamesInReply(kNginxReply), both);
+  EXPECT_EQ(QVDAVBackupTarget::collectionNamesInReply(capturedReply("apache")), both) << "lp1 bound to DAV: as D is";
+  EXPECT_EQ(QVDAVBackupTarget::collectionNamesInReply(capturedReply("nginx")), both);
 
   const std::string dav = "<D:multistatus xmlns:D=\"DAV:\">";
   const std::vector<std::pair<std::string, Names>> cases = {

@@ -8,6 +8,7 @@
 
 #include "host/QVProgramRunner.h"
 #include "support/QVFTPTestServer.h"
+#include "support/QVVersionChecks.h"
 
 namespace fs = std::filesystem;
 using namespace qvtest;
@@ -31,7 +32,7 @@ class QVFTPSIntegrationTest : public FTPAgentTest {
 
 TEST_F(QVFTPSIntegrationTest, CopiesATreeOverTLSAndPrunesOldVersions) {
   VsftpdServer server(std::pair(m_certificates->trustedCertificate, m_certificates->trustedKey));
-  const std::string tree = makeSampleTree(env.root() + "/sources");
+  const std::string tree = makeTree(env.root() + "/sources/Tree");
   QVGroupRef group = makeGroup("Secure", {tree}, {"ftps", server.port(), "backup", std::nullopt, std::nullopt}, 1);
   const std::string folder = server.root() + "/backup/Secure";
   writeFile(folder + "/20200101000000.backup/Tree/x/y.txt", "old");
