@@ -20,7 +20,8 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 fi
 
-harnesses=(QVFTPListingFuzzer:ftp-listing QVPropfindFuzzer:propfind QVPreferencesFuzzer:preferences)
+harnesses=(QVFTPListingFuzzer:ftp-listing QVPropfindFuzzer:propfind QVPreferencesFuzzer:preferences
+  QVControlMessageFuzzer:control)
 CC=clang-14 CXX=clang++-14 cmake -S . -B build-fuzz -DQV_FUZZ=ON -DQV_BUILD_TESTS=OFF >/dev/null
 cmake --build build-fuzz -j"$(nproc)" --target "${harnesses[@]%%:*}" >/dev/null
 

@@ -10,7 +10,7 @@
 #include "agent/QVBackupAgent.h"
 #include "host/QVHostApp.h"
 #include "host/QVHostArguments.h"
-#include "host/QVProgressDisplay.h"
+#include "host/QVRunPresenter.h"
 #include "platform/QVRunLoop.h"
 
 namespace {
@@ -49,13 +49,13 @@ QVBackupCommand::QVBackupCommand(QVBackupAgent& agent, QVRunMonitor& monitor, QV
                                  std::ostream& err)
     : m_agent(agent), m_monitor(monitor), m_host(host), m_out(out), m_err(err) {}
 
-int QVBackupCommand::run(const QVCommandOptions& options) {
+int QVBackupCommand::findGroups(const QVBackupAgent& agent, const QVCommandOptions& options, std::ostream& err,
+                                std::vector<QVGroupRef>& groups) {
   // Every argument is found before any run starts.
-  std::vector<QVGroupRef> groups;
   for (const auto& argument : options.groups) {
-    auto found = qv::findGroup(m_agent, argument);
+    auto found = qv::findGroup(agent, argument);
     if (!found.record) {
-      m_err << kProgram << ": " << found.error << std::endl;
+      err << kProgram << ": " << found.error << std::endl;
       return 2;
     }
     if (std::none_of(groups.begin(), groups.end(), [&](const QVGroupRef& g) { return g == found.record; }))
@@ -65,90 +65,89 @@ int QVBackupCommand::run(const QVCommandOptions& options) {
   // or into another group's, whose versions the run would then remove.
   for (const auto& group : groups) {
     std::string problem = qv::groupTitleProblem(group->title);
-    if (QVGroupRef other = qv::otherGroupTitled(m_agent, group->title, group->identifier); problem.empty() && other)
+    if (QVGroupRef other = qv::otherGroupTitled(agent, group->title, group->identifier); problem.empty() && other)
       problem = "group " + other->identifier + " has the same title, so the two would remove each other's versions";
     if (!problem.empty()) {
-      m_err << kProgram << ": group " << group->identifier << " is not backed up: " << problem
-            << "; give it a new title with \"" << kProgram << " group set " << group->identifier << " --title NEW\""
-            << std::endl;
+      err << kProgram << ": group " << group->identifier << " is not backed up: " << problem
+          << "; give it a new title with \"" << kProgram << " group set " << group->identifier << " --title NEW\""
+          << std::endl;
       return 2;
     }
   }
   for (const auto& group : groups) {
     if (group->hasUnreadableVersions() || (group->versions && *group->versions != 0)) continue;
-    m_err << kProgram << ": warning: group " << qv::quoted(group->title)
-          << (group->versions ? " keeps 0 versions" : " has no stored \"versions\"")
-          << ": its backup is removed right after it is made" << std::endl;
+    err << kProgram << ": warning: group " << qv::quoted(group->title)
+        << (group->versions ? " keeps 0 versions" : " has no stored \"versions\"")
+        << ": its backup is removed right after it is made" << std::endl;
   }
+  return 0;
+}
 
-  m_out.flush();
-  QVProgressDisplay display(stderr, true);
-  display.setBusyQuery([this] { return m_host.animationDepth() > 0; });
-  auto say = [&](const std::string& line) { display.printLine(stderr, std::string(kProgram) + ": " + line); };
-  m_host.setMessageWriter(say);
+std::optional<QVRunOutcome> QVBackupCommand::startRun(QVBackupAgent& agent, QVRunMonitor& monitor,
+                                                      const QVGroup& group, std::string& say) {
+  QVRunOutcome refused;
+  refused.groupID = group.identifier;
+  refused.title = group.title;
+  if (group.items.empty()) {
+    // The agent says nothing when asked for an empty group: the host does.
+    say = "group " + qv::quoted(group.title) + " is empty; nothing to back up";
+    refused.kind = QVRunOutcome::Kind::empty;
+    refused.message = "the group is empty; nothing to back up";
+    return refused;
+  }
+  if (agent.isBackingUpGroupWithID(group.identifier)) {
+    monitor.followRun(group.identifier);  // already running: its outcome is this request's
+    return std::nullopt;
+  }
+  agent.backupGroupWithID(group.identifier);
+  if (agent.isBackingUpGroupWithID(group.identifier)) {
+    monitor.followRun(group.identifier);
+    return std::nullopt;
+  }
+  say = "group " + qv::quoted(group.title) + " has no usable destination";
+  refused.kind = QVRunOutcome::Kind::failed;
+  refused.message = "no usable destination";
+  return refused;
+}
+
+int QVBackupCommand::run(const QVCommandOptions& options) {
+  std::vector<QVGroupRef> groups;
+  if (findGroups(m_agent, options, m_err, groups) != 0) return 2;
 
   std::vector<std::string> requested;
   for (const auto& group : groups) requested.push_back(group->identifier);
-  std::vector<QVRunOutcome> outcomes;
-  auto isRequested = [&](const std::string& groupID) {
-    return std::find(requested.begin(), requested.end(), groupID) != requested.end();
-  };
-  auto report = [&](const QVRunOutcome& outcome) {
-    display.end(outcome.groupID);
-    if (isRequested(outcome.groupID)) {
-      outcomes.push_back(outcome);
-      if (!options.json) {
-        display.printLine(stdout, outcome.line());
-        for (const auto& line : outcome.detailLines()) display.printLine(stdout, "  " + line);
+  return waitForRuns(requested, options.json, [&](QVRunPresenter& presenter) {
+    for (const auto& group : groups) {
+      std::string line;
+      if (auto refused = startRun(m_agent, m_monitor, *group, line)) {
+        presenter.say(line);
+        presenter.report(*refused);
       }
-    } else {
-      say("(started by its schedule) " + outcome.line());
-      for (const auto& line : outcome.detailLines()) say("  " + line);
     }
-  };
+  });
+}
 
-  m_monitor.setStartHandler([&](const QVGroup& group) { display.begin(group.identifier, group.title); });
-  m_monitor.setProgressHandler([&](const std::string& groupID, std::int64_t percent) { display.update(groupID, percent); });
-  m_monitor.setOutcomeHandler(report);
+int QVBackupCommand::waitForRuns(const std::vector<std::string>& requested, bool json,
+                                 const std::function<void(QVRunPresenter&)>& start) {
+  QVRunPresenter presenter(requested, json, m_out);
+  presenter.setBusyQuery([this] { return m_host.animationDepth() > 0; });
+  m_host.setMessageWriter([&](const std::string& line) { presenter.say(line); });
+  m_monitor.setStartHandler([&](const QVGroup& group) { presenter.begin(group.identifier, group.title); });
+  m_monitor.setProgressHandler([&](const std::string& groupID, std::int64_t percent) { presenter.update(groupID, percent); });
+  m_monitor.setOutcomeHandler([&](const QVRunOutcome& outcome) { presenter.report(outcome); });
 
   bool interrupted = false;
   auto cancelAll = [&] {
-    if (!interrupted) say("cancelling the running backups...");
+    if (!interrupted) presenter.say("cancelling the running backups...");
     interrupted = true;
-    display.setNote("cancelling...");
+    presenter.setNote("cancelling...");
     for (const auto& group : m_agent.groups())
       if (m_agent.isBackingUpGroupWithID(group->identifier)) m_agent.cancelBackupGroupWithID(group->identifier);
   };
   const unsigned sigint = qv::addSignalHandler(SIGINT, cancelAll);
   const unsigned sigterm = qv::addSignalHandler(SIGTERM, cancelAll);
 
-  for (const auto& group : groups) {
-    QVRunOutcome refused;
-    refused.groupID = group->identifier;
-    refused.title = group->title;
-    if (group->items.empty()) {
-      // The agent says nothing when asked for an empty group: the host does.
-      say("group " + qv::quoted(group->title) + " is empty; nothing to back up");
-      refused.kind = QVRunOutcome::Kind::empty;
-      refused.message = "the group is empty; nothing to back up";
-      report(refused);
-      continue;
-    }
-    if (m_agent.isBackingUpGroupWithID(group->identifier)) {
-      m_monitor.followRun(group->identifier);  // already running: its outcome is this request's
-      continue;
-    }
-    m_agent.backupGroupWithID(group->identifier);
-    if (m_agent.isBackingUpGroupWithID(group->identifier)) {
-      m_monitor.followRun(group->identifier);
-    } else {
-      say("group " + qv::quoted(group->title) + " has no usable destination");
-      refused.kind = QVRunOutcome::Kind::failed;
-      refused.message = "no usable destination";
-      report(refused);
-    }
-  }
-
+  start(presenter);
   while (!m_monitor.isIdle()) qv::runMainLoopUntil([&] { return m_monitor.isIdle(); }, std::chrono::hours(1));
 
   qv::removeSignalHandler(sigint);
@@ -157,19 +156,5 @@ int QVBackupCommand::run(const QVCommandOptions& options) {
   m_monitor.setProgressHandler(nullptr);
   m_monitor.setOutcomeHandler(nullptr);
   m_host.setMessageWriter(nullptr);
-  display.setNote("");
-
-  if (options.json) {
-    // In the order asked for.
-    std::vector<QVRunOutcome> ordered;
-    for (const auto& groupID : requested)
-      for (const auto& outcome : outcomes)
-        if (outcome.groupID == groupID) ordered.push_back(outcome);
-    m_out << qv::outcomesJSON(ordered);
-    m_out.flush();
-  }
-  if (interrupted) return 130;
-  const bool allComplete = outcomes.size() == requested.size() &&
-                           std::all_of(outcomes.begin(), outcomes.end(), [](const QVRunOutcome& o) { return o.isSuccess(); });
-  return allComplete ? 0 : 1;
+  return presenter.finish(interrupted);
 }

@@ -7,7 +7,10 @@
 // meanwhile. Uses the agent, the monitor and the host without owning them. Main thread.
 #pragma once
 
+#include <functional>
 #include <iosfwd>
+#include <optional>
+#include <string>
 #include <vector>
 
 #include "host/QVCommandLine.h"
@@ -15,11 +18,25 @@
 
 class QVBackupAgent;
 class QVHostApp;
+class QVRunPresenter;
 
 class QVBackupCommand {
  public:
   QVBackupCommand(QVBackupAgent& agent, QVRunMonitor& monitor, QVHostApp& host, std::ostream& out, std::ostream& err);
   int run(const QVCommandOptions& options);
+  // Shows the runs of the requested groups until the agent runs none, after start (which starts them, or
+  // follows runs already started). Returns the exit status as run does.
+  int waitForRuns(const std::vector<std::string>& requested, bool json,
+                  const std::function<void(QVRunPresenter&)>& start);
+
+  // Finds the groups that options.groups name, each once, and checks that each can be backed up; warns on
+  // err about a group whose runs remove every version. 2 after writing the refusal to err, else 0.
+  static int findGroups(const QVBackupAgent& agent, const QVCommandOptions& options, std::ostream& err,
+                        std::vector<QVGroupRef>& groups);
+  // Starts the group's run and follows it, or follows the run it has already. For a group that cannot
+  // run (empty, or no usable destination): its outcome, and in say the line that tells the user.
+  static std::optional<QVRunOutcome> startRun(QVBackupAgent& agent, QVRunMonitor& monitor, const QVGroup& group,
+                                              std::string& say);
 
  private:
   QVBackupAgent& m_agent;

@@ -22,7 +22,9 @@ constexpr const char* kDaemonFooter =
     "Signals:\n"
     "  SIGTERM, SIGINT  cancel the running backups, wait for them to end, save and exit with status 0\n"
     "  SIGUSR1          re-arm every group's timer, as after the computer woke from sleep\n"
-    "  SIGHUP           read the preferences again (after changes made with the other commands)";
+    "  SIGHUP           read the preferences again (after the file was changed by hand)\n"
+    "While it runs, the other commands are carried out by it (through a socket in $XDG_RUNTIME_DIR);\n"
+    "a second daemon for the same user refuses to start.";
 
 constexpr const char* kScheduleHelp =
     "manual, hourly[:MM], daily[@HH:MM], weekly[@DAY[@HH:MM]] (DAY mon..sun or 1..7) or monthly[@D[@HH:MM]]";
@@ -57,8 +59,10 @@ struct QVCommandLine::Impl {
   CLI::App* menu = nullptr;
   CLI::App* restore = nullptr;
   CLI::App* verify = nullptr;
-  std::string restoreFolder, version;
+  std::string restoreFolder, version, menuEntry;
   CLI::App* log = nullptr;
+  CLI::App* status = nullptr;
+  CLI::App* cancel = nullptr;
 
   // Options given, by the member they fill.
   std::vector<std::pair<CLI::Option*, std::optional<std::string> QVCommandOptions::*>> optionalValues;
@@ -159,8 +163,20 @@ struct QVCommandLine::Impl {
     daemon = app.add_subcommand("daemon", "Run the scheduled backups until stopped");
     daemon->footer(kDaemonFooter);
 
-    menu = app.add_subcommand("menu", "Print the status menu");
+    menu = app.add_subcommand("menu", "Print the status menu, or choose an entry of a group's submenu");
+    menu->add_option("GROUP", group, "The group whose submenu holds ENTRY");
+    menu->add_option("ENTRY", menuEntry,
+                     "The entry to choose, as a click would: \"Backup Now\", \"No destination\", \"Cancel backup\" "
+                     "or \"Remove group\"");
+    menu->footer(std::string(kGroupHelp) + "\nOnly an entry the menu shows now can be chosen.");
     addJSON(menu);
+
+    status = app.add_subcommand("status", "Show each group's state: idle or running, last outcome, next run");
+    addJSON(status);
+
+    cancel = app.add_subcommand("cancel", "Cancel the running backups of groups, wherever they were started");
+    cancel->add_option("GROUP", groups, "The groups")->required();
+    cancel->footer(std::string(kGroupHelp) + "\nExit status 1 when a group was not being backed up.");
 
     restore = app.add_subcommand("restore", "Restore a version of a group into a new or empty folder");
     restore->add_option("GROUP", group, "The group")->required();
@@ -218,7 +234,8 @@ struct QVCommandLine::Impl {
         {versionsCommand, QVCommand::versions},  {backup, QVCommand::backup},
         {daemon, QVCommand::daemon},             {menu, QVCommand::menu},
         {restore, QVCommand::restore},           {verify, QVCommand::verify},
-        {log, QVCommand::log},
+        {log, QVCommand::log},                   {status, QVCommand::status},
+        {cancel, QVCommand::cancel},
     };
     for (const auto& [command, value] : table)
       if (command->parsed()) return value;
@@ -279,6 +296,12 @@ std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out
   options.makeDefault = impl.makeDefault;
   options.restoreFolder = impl.restoreFolder;
   options.yes = impl.yes;
+  options.menuEntry = impl.menuEntry;
+  if (options.command == QVCommand::menu && options.group.empty() != options.menuEntry.empty()) {
+    err << kProgram << ": menu needs both GROUP and ENTRY, or neither (see \"" << kProgram << " menu --help\")"
+        << std::endl;
+    return 2;
+  }
   for (const auto& [option, member] : impl.optionalValues) {
     if (option->count() == 0) continue;
     // Only the parsed command's options have a count.

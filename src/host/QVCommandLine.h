@@ -29,6 +29,8 @@ enum class QVCommand {
   restore,
   verify,
   log,
+  status,
+  cancel,
 };
 
 // The arguments of the chosen command. Options that were not given stay nullopt.
@@ -40,7 +42,8 @@ struct QVCommandOptions {
   std::string group;                // GROUP of group show/set/remove/remove-items, versions, log ("" for all)
   std::string target;               // TARGET of target set/remove
   std::vector<std::string> paths;   // PATH... of group add/remove-items
-  std::vector<std::string> groups;  // GROUP... of backup
+  std::vector<std::string> groups;  // GROUP... of backup, cancel
+  std::string menuEntry;            // menu GROUP ENTRY (GROUP in group): the entry to perform
 
   // group set
   std::optional<std::string> title;
@@ -61,6 +64,12 @@ struct QVCommandOptions {
   // restore / verify (GROUP in group, PATH... of restore in paths)
   std::optional<std::string> version;
   std::string restoreFolder;
+
+  // Filled by the program, not from arguments: the password read before a command is handed to the
+  // daemon, and whether the command runs in the daemon for another process (which then never reads the
+  // terminal or standard input itself).
+  std::optional<std::string> suppliedPassword;
+  bool remote = false;
 };
 
 class QVCommandLine {

@@ -1,7 +1,5 @@
 #include "host/QVDaemonCommand.h"
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,6 +11,8 @@
 #include <ostream>
 
 #include "agent/QVBackupAgent.h"
+#include "host/QVAgentLock.h"
+#include "host/QVControlService.h"
 #include "host/QVHostApp.h"
 #include "host/QVHostArguments.h"
 #include "host/QVRunMonitor.h"
@@ -55,8 +55,14 @@ struct QVDaemonCommand::FileState {
 };
 
 QVDaemonCommand::QVDaemonCommand(QVBackupAgent& agent, QVRunMonitor& monitor, QVHostApp& host, std::ostream& log,
-                                 std::vector<std::string> arguments)
-    : m_agent(agent), m_monitor(monitor), m_host(host), m_log(log), m_arguments(std::move(arguments)) {}
+                                 std::vector<std::string> arguments, QVAgentLock& lock, std::string socketPath)
+    : m_agent(agent),
+      m_monitor(monitor),
+      m_host(host),
+      m_log(log),
+      m_arguments(std::move(arguments)),
+      m_lock(lock),
+      m_socketPath(std::move(socketPath)) {}
 
 QVDaemonCommand::~QVDaemonCommand() = default;
 
@@ -68,32 +74,37 @@ std::string QVDaemonCommand::nextRunText(const std::string& groupID) const {
   return "next run: " + when + ", " + qv::iso8601(*date);
 }
 
-namespace {
-
-// One daemon per user: a second one would start every due backup twice. The lock goes with the
-// process (and across its starting anew, which takes it again).
-bool takeDaemonLock(std::ostream& log) {
-  const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-  const std::string folder = runtime && runtime[0] == '/' ? runtime : QVUserDefaults::configDirectory();
-  const std::string path = folder + "/stellwin-backup-daemon.lock";
-  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-  if (fd < 0) return true;  // no place for a lock: nothing to guard with
-  if (flock(fd, LOCK_EX | LOCK_NB) == 0) return true;  // held until the process ends
-  close(fd);
-  log << "stellwin-backup: another daemon is already running for this user" << std::endl;
-  return false;
-}
-
-}  // namespace
-
 int QVDaemonCommand::run() {
-  if (!takeDaemonLock(m_log)) return 1;
-  m_monitor.setStartHandler([this](const QVGroup& group) { runStarted(group); });
-  m_monitor.setOutcomeHandler([this](const QVRunOutcome& outcome) { runEnded(outcome); });
+  m_service = std::make_unique<QVControlService>(m_agent, m_monitor, m_host, m_log);
+  std::string error;
+  if (!m_service->listen(m_socketPath, error)) {
+    m_log << "stellwin-backup: " << error << std::endl;
+    return 1;
+  }
+  m_service->setChangeHooks(
+      [this] {
+        checkPreferencesFile();
+        return !m_reloading;
+      },
+      [this] {
+        m_agent.syncUserDefaults();
+        rememberPreferencesFile();
+      });
+  m_monitor.setStartHandler([this](const QVGroup& group) {
+    runStarted(group);
+    m_service->runStarted(group);
+  });
+  m_monitor.setProgressHandler(
+      [this](const std::string& groupID, std::int64_t percent) { m_service->runProgress(groupID, percent); });
+  m_monitor.setOutcomeHandler([this](const QVRunOutcome& outcome) {
+    runEnded(outcome);
+    m_service->runEnded(outcome);
+  });
 
   auto stop = [this] {
     if (!m_stopping) m_log << (m_monitor.isIdle() ? "stopping" : "stopping: cancelling the running backups") << std::endl;
     m_stopping = true;
+    m_service->stopListening();  // new commands wait for the lock, then run on their own
     for (const auto& groupID : m_monitor.runningGroupIDs()) m_agent.cancelBackupGroupWithID(groupID);
     for (const auto& group : m_agent.groups())
       if (m_agent.isBackingUpGroupWithID(group->identifier)) m_agent.cancelBackupGroupWithID(group->identifier);
@@ -133,7 +144,9 @@ int QVDaemonCommand::run() {
         << scheduled << " scheduled" << std::endl;
 
   for (;;) {
-    auto done = [this] { return (m_stopping || m_reloading) && m_monitor.isIdle(); };
+    auto done = [this] {
+      return m_monitor.isIdle() && (m_stopping || (m_reloading && !m_service->hasHolds()));
+    };
     while (!done()) qv::runMainLoopUntil(done, std::chrono::hours(1));
     if (m_stopping) break;
     restartSelf();  // returns only when starting anew failed
@@ -143,7 +156,9 @@ int QVDaemonCommand::run() {
   for (unsigned id : handlers) qv::removeSignalHandler(id);
   m_fileCheck.reset();
   m_monitor.setStartHandler(nullptr);
+  m_monitor.setProgressHandler(nullptr);
   m_monitor.setOutcomeHandler(nullptr);
+  m_service.reset();
   if (!m_fileState || FileState::of(QVUserDefaults::standardUserDefaults().filePath()) == *m_fileState)
     m_agent.syncUserDefaults();
   m_log << "stopped" << std::endl;
@@ -226,8 +241,12 @@ void QVDaemonCommand::restartSelf() {
   argv.push_back(nullptr);
   std::fflush(nullptr);
   m_log.flush();
+  m_service->stopListening();
+  m_lock.keepAcrossExec();
   execv("/proc/self/exe", argv.data());
   m_log << "could not start anew (" << std::strerror(errno) << "); going on with the preferences read at start"
         << std::endl;
+  std::string error;
+  if (!m_service->listen(m_socketPath, error)) m_log << "stellwin-backup: " << error << std::endl;
   rememberPreferencesFile();
 }

@@ -15,7 +15,7 @@ constexpr const char* kApplicationName = "stellwin-backup";
 
 }  // namespace
 
-QVHostApp::QVHostApp(std::ostream& out) : m_out(out) {}
+QVHostApp::QVHostApp(std::ostream& out) : m_out(&out) {}
 
 QVHostApp::~QVHostApp() = default;
 
@@ -53,14 +53,14 @@ void QVHostApp::showGroupsWithIDs(const std::vector<std::string>& groupIDs) {
   for (const auto& groupID : groupIDs) {
     QVGroupRef group = m_agent ? m_agent->groupWithIdentifier(groupID) : nullptr;
     if (!group) {
-      m_out << "(group " << groupID << " no longer exists)\n";
+      *m_out << "(group " << groupID << " no longer exists)\n";
       continue;
     }
-    m_out << group->title << " (" << group->identifier << ")\n";
-    if (group->items.empty()) m_out << "  (no items)\n";
-    for (const auto& item : group->items) m_out << "  " << item << "\n";
+    *m_out << group->title << " (" << group->identifier << ")\n";
+    if (group->items.empty()) *m_out << "  (no items)\n";
+    for (const auto& item : group->items) *m_out << "  " << item << "\n";
   }
-  m_out.flush();
+  m_out->flush();
 }
 
 QVTPAgent* QVHostApp::instanceWithClassName(const std::string& className) {

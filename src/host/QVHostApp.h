@@ -29,6 +29,8 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
   QVHostApp(const QVHostApp&) = delete;
   QVHostApp& operator=(const QVHostApp&) = delete;
 
+  // Where showGroupsWithIDs prints from now on.
+  void setOutput(std::ostream& out) { m_out = &out; }
   // The agent whose groups are printed; not owned. Set once the agent exists.
   void setAgent(const QVBackupAgent* agent) { m_agent = agent; }
 
@@ -72,7 +74,7 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
   void stopStatusIconAnimation() override;
 
  private:
-  std::ostream& m_out;
+  std::ostream* m_out;
   const QVBackupAgent* m_agent = nullptr;
   bool m_desktopEnabled = true;
   bool m_desktopTried = false;

@@ -6,11 +6,23 @@
 
 #include "agent/QVBackupAgent.h"
 
+namespace {
+
+std::string argumentsFolder;  // "" for the working folder
+
+}  // namespace
+
 namespace qv {
+
+void setArgumentsFolder(const std::string& folder) { argumentsFolder = folder; }
 
 std::string absolutePath(const std::string& path) {
   std::error_code ec;
-  std::filesystem::path absolute = std::filesystem::absolute(path, ec);
+  std::filesystem::path absolute;
+  if (!argumentsFolder.empty() && !path.empty() && path.front() != '/')
+    absolute = std::filesystem::path(argumentsFolder) / path;
+  else
+    absolute = std::filesystem::absolute(path, ec);
   if (ec) absolute = std::filesystem::path(path);
   std::string normal = absolute.lexically_normal().string();
   while (normal.size() > 1 && normal.back() == '/') normal.pop_back();

@@ -18,6 +18,9 @@ namespace qv {
 // path made absolute against the working folder and lexically normal ("a/../b" -> "<cwd>/b"), without a
 // trailing slash (except "/" itself). Symbolic links are left as they are.
 std::string absolutePath(const std::string& path);
+// The folder that absolutePath takes relative paths against from now on, instead of the working folder
+// ("" goes back to it): the daemon reads arguments given in another process's working folder.
+void setArgumentsFolder(const std::string& folder);
 
 // A whole number written with digits only ("3"; not "-1", "3.5", "+3", "x" or ""); nullopt otherwise,
 // and for numbers beyond 64 bits.

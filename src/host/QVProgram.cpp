@@ -1,16 +1,23 @@
 #include "host/QVProgram.h"
 
 #include <iostream>
+#include <thread>
 
 #include "agent/QVBackupAgent.h"
+#include "host/QVAgentLock.h"
 #include "host/QVBackupCommand.h"
+#include "host/QVControlClient.h"
+#include "host/QVControlConnection.h"
 #include "host/QVDaemonCommand.h"
 #include "host/QVHostApp.h"
+#include "host/QVPasswordInput.h"
 #include "host/QVRegistryCommands.h"
 #include "host/QVRestoreCommand.h"
 #include "host/QVRunMonitor.h"
 
 namespace {
+
+constexpr const char* kProgram = "stellwin-backup";
 
 // Whether the stored preferences hold any destination (the agent makes a default one when not).
 bool hasStoredTargets(const QVBackupAgent& agent) {
@@ -20,11 +27,83 @@ bool hasStoredTargets(const QVBackupAgent& agent) {
   return targets && targets->array() && !targets->array()->empty();
 }
 
+bool daemonAnswers(const std::string& socketPath) { return QVControlConnection::connectTo(socketPath) != nullptr; }
+
+// The password that target add / set would read, read here once before the command leaves this process.
+// false when standard input could not be read.
+bool readPasswordFirst(QVCommandOptions& options) {
+  if (options.suppliedPassword) return true;
+  if (options.command != QVCommand::targetAdd && options.command != QVCommand::targetSet) return true;
+  if (options.passwordStdin) {
+    if (!options.user) return true;  // refused for want of --user
+    options.suppliedPassword = qv::readPasswordLine(stdin);
+    return options.suppliedPassword.has_value();
+  }
+  if (options.user && !options.user->empty() && qv::canPromptForPassword())
+    options.suppliedPassword = qv::promptForPassword("Password for " + *options.user + " at " +
+                                                     options.server.value_or("the server") + ": ")
+                                   .value_or("");
+  return true;
+}
+
 }  // namespace
 
 QVProgram::QVProgram(std::vector<std::string> arguments) : m_arguments(std::move(arguments)) {}
 
-int QVProgram::run(const QVCommandOptions& options) {
+int QVProgram::run(const QVCommandOptions& given) {
+  std::string error;
+  const std::string folder = QVAgentLock::runtimeFolder(error);
+  if (folder.empty()) {
+    std::cerr << kProgram << ": " << error << std::endl;
+    return 1;
+  }
+  const std::string socketPath = QVAgentLock::socketPath(folder);
+  // Who this is, for a command that has to wait for it (arguments never hold a password).
+  std::string description = kProgram;
+  for (std::size_t i = 1; i < m_arguments.size(); ++i) description += " " + m_arguments[i];
+
+  QVCommandOptions options = given;
+  const auto deadline = std::chrono::steady_clock::now() + kLockWait;
+  for (;;) {
+    // A running daemon carries the command out.
+    std::unique_ptr<QVControlClient> client;
+    if (options.command != QVCommand::daemon) client = QVControlClient::connect(socketPath);
+    if (client) {
+      if (!readPasswordFirst(options)) {
+        std::cerr << kProgram << ": could not read the password from standard input" << std::endl;
+        return 2;
+      }
+      QVControlClient::Result result = client->run(options, std::cout, std::cerr);
+      if (result.answer == QVControlClient::Answer::done) return result.status;
+      if (result.answer == QVControlClient::Answer::held) return runHere(options, nullptr, socketPath);
+      if (std::chrono::steady_clock::now() >= deadline) {
+        std::cerr << kProgram << ": the daemon is busy reading changed preferences; try again in a moment" << std::endl;
+        return 1;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      continue;
+    }
+
+    // None: this process loads the agent, and no other does meanwhile.
+    bool daemonAppeared = false;
+    const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::max(deadline - std::chrono::steady_clock::now(), std::chrono::steady_clock::duration::zero()));
+    auto lock = QVAgentLock::acquire(
+        folder, description, wait, [&] { return daemonAppeared = daemonAnswers(socketPath); }, error);
+    if (lock) return runHere(options, lock.get(), socketPath);
+    if (options.command == QVCommand::daemon && (daemonAppeared || daemonAnswers(socketPath))) {
+      std::cerr << kProgram << ": another daemon is already running for this user (" << error << ")" << std::endl;
+      return 1;
+    }
+    if (daemonAppeared && std::chrono::steady_clock::now() < deadline) continue;
+    std::cerr << kProgram << ": the preferences are in use by " << error << "; try again when it has finished"
+              << std::endl;
+    return 1;
+  }
+}
+
+int QVProgram::runHere(const QVCommandOptions& options, QVAgentLock* lock, const std::string& socketPath) {
+  const bool readOnly = lock == nullptr;
   QVHostApp host(std::cout);
   int status = 0;
   {
@@ -33,7 +112,7 @@ int QVProgram::run(const QVCommandOptions& options) {
     std::shared_ptr<QVRunMonitor> monitor = QVRunMonitor::make(agent, host);
     agent.setDelegate(monitor);
     // The default destination that the agent made in memory; written only with the command's changes.
-    if (!hasStoredTargets(agent) && !agent.targets().empty()) agent.savePrefs();
+    if (!readOnly && !hasStoredTargets(agent) && !agent.targets().empty()) agent.savePrefs();
 
     switch (options.command) {
       case QVCommand::backup:
@@ -44,17 +123,28 @@ int QVProgram::run(const QVCommandOptions& options) {
         status = QVRestoreCommand(agent, std::cout, std::cerr).run(options);
         break;
       case QVCommand::daemon:
-        status = QVDaemonCommand(agent, *monitor, host, std::cerr, m_arguments).run();
+        status = QVDaemonCommand(agent, *monitor, host, std::cerr, m_arguments, *lock, socketPath).run();
         break;
       default:
         status = QVRegistryCommands(agent, std::cout, std::cerr).run(options);
+        // A menu entry may have started a run: it is seen through here, as a click on the menu would be.
+        if (status == 0 && options.command == QVCommand::menu && !options.menuEntry.empty()) {
+          std::vector<std::string> running;
+          for (const auto& group : agent.groups())
+            if (agent.isBackingUpGroupWithID(group->identifier)) running.push_back(group->identifier);
+          if (!running.empty())
+            status = QVBackupCommand(agent, *monitor, host, std::cout, std::cerr)
+                         .waitForRuns(running, false, [&](QVRunPresenter&) {
+                           for (const auto& groupID : running) monitor->followRun(groupID);
+                         });
+        }
         break;
     }
 
     // The daemon writes for itself: other commands may have changed the file while it ran.
-    if (status != 2 && options.command != QVCommand::daemon) {
+    if (!readOnly && status != 2 && options.command != QVCommand::daemon) {
       if (!agent.syncUserDefaults()) {
-        std::cerr << "stellwin-backup: the preferences could not be saved" << std::endl;
+        std::cerr << kProgram << ": the preferences could not be saved" << std::endl;
         if (status == 0) status = 1;
       }
     }

@@ -14,6 +14,7 @@
 #include "platform/QVLog.h"
 #include "platform/QVMenu.h"
 #include "platform/QVSchedule.h"
+#include "platform/QVStatusTexts.h"
 
 namespace {
 
@@ -63,6 +64,8 @@ int QVRegistryCommands::run(const QVCommandOptions& options) {
     case QVCommand::menu: return menu(options);
     case QVCommand::log: return log(options);
     case QVCommand::summary: return summary();
+    case QVCommand::status: return status(options);
+    case QVCommand::cancel: return cancel(options);
     case QVCommand::backup:
     case QVCommand::daemon:
     case QVCommand::restore:
@@ -281,11 +284,13 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
 
   // The password last: a refusal above must not have consumed standard input or asked for it.
   if (networked && target.user) {
-    if (options.passwordStdin) {
+    if (options.suppliedPassword) {
+      target.pass = *options.suppliedPassword;
+    } else if (options.passwordStdin && !options.remote) {  // for another process, it came with the request
       auto password = qv::readPasswordLine(stdin);
       if (!password) return "could not read the password from standard input";
       target.pass = *password;
-    } else if (options.user && !options.user->empty() && qv::canPromptForPassword()) {
+    } else if (options.user && !options.user->empty() && !options.remote && qv::canPromptForPassword()) {
       auto password = qv::promptForPassword("Password for " + *target.user + " at " + target.server.value_or("") + ": ");
       target.pass = password.value_or("");
     } else if (isNew) {
@@ -426,11 +431,101 @@ int QVRegistryCommands::log(const QVCommandOptions& options) {
 }
 
 int QVRegistryCommands::menu(const QVCommandOptions& options) {
+  if (!options.menuEntry.empty()) return menuEntry(options);
   auto items = m_agent.menuItems().value_or(std::vector<std::shared_ptr<QVMenuItem>>{});
   if (options.json) m_out << qv::menuJSON(items);
   else if (items.empty()) m_out << "No groups.\n";
   else m_out << qv::menuText(items);
   return 0;
+}
+
+int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
+  auto found = qv::findGroup(m_agent, options.group);
+  if (!found.record) return refuse(found.error);
+  const QVGroupRef group = found.record;
+  // The group's item is the one whose submenu entries stand for the group.
+  std::shared_ptr<QVMenuItem> entry;
+  std::vector<std::string> offered;
+  for (const auto& item : m_agent.menuItems().value_or(std::vector<std::shared_ptr<QVMenuItem>>{})) {
+    if (!item->submenu()) continue;
+    const auto& entries = item->submenu()->itemArray();
+    if (std::none_of(entries.begin(), entries.end(),
+                     [&](const auto& e) { return e->representedObject() == group->identifier; }))
+      continue;
+    for (const auto& candidate : entries) {
+      if (!candidate->hasAction()) continue;
+      if (!candidate->isHidden()) offered.push_back(qv::quoted(candidate->title()));
+      if (candidate->title() == options.menuEntry) entry = candidate;
+    }
+  }
+  std::string offers;
+  for (const auto& title : offered) offers += (offers.empty() ? "" : ", ") + title;
+  if (!entry)
+    return refuse("the menu of group " + qv::quoted(group->title) + " has no entry " + qv::quoted(options.menuEntry) +
+                  "; it offers " + offers);
+  if (entry->isHidden())
+    return fail("the menu of group " + qv::quoted(group->title) + " does not offer " + qv::quoted(options.menuEntry) +
+                " now; it offers " + offers);
+  const std::string title = group->title;
+  entry->performAction();
+  m_out << "chose " << qv::quoted(options.menuEntry) << " for group " << qv::quoted(title) << "\n";
+  return 0;
+}
+
+int QVRegistryCommands::status(const QVCommandOptions& options) {
+  const QVDate current = now();
+  QVArray records;
+  QVTextTable table({"TITLE", "STATE", "PROGRESS", "LAST BACKUP", "STATUS", "NEXT RUN", "ID"});
+  for (const auto& group : m_agent.groups()) {
+    const bool running = m_agent.isBackingUpGroupWithID(group->identifier);
+    std::optional<std::int64_t> progress;
+    if (running) progress = group->progressInfo ? QVBackupAgent::totalProgressForGroup(*group->progressInfo) : 0;
+    std::optional<QVDate> next = m_agent.timerFireDateForGroupWithID(group->identifier);
+    const std::int64_t code = group->statusCode.value_or(0);
+    std::string message;
+    if (group->lastBackupAttemptDate && code != 0) {
+      message = qv::statusText(*group);
+      if (std::string comment = qv::statusCommentString(static_cast<std::int32_t>(code)); !comment.empty())
+        message += ": " + comment;
+    }
+    QVDictionary record{{"id", group->identifier},
+                        {"title", group->title},
+                        {"state", running ? "running" : "idle"},
+                        {"progress", progress ? QVValue(*progress) : QVValue()},
+                        {"lastBackupDate", group->lastBackupDate ? QVValue(qv::iso8601(*group->lastBackupDate)) : QVValue()},
+                        {"statusCode", group->lastBackupAttemptDate && group->statusCode ? QVValue(code) : QVValue()},
+                        {"message", message.empty() ? QVValue() : QVValue(message)},
+                        {"nextRun", next ? QVValue(qv::iso8601(*next)) : QVValue()}};
+    records.push_back(std::move(record));
+    std::string nextText = "manual";
+    if (next) nextText = *next <= current ? "due now" : qv::stringFromDate(*next);
+    table.addRow({group->title, running ? "running" : "idle", progress ? std::to_string(*progress) + "%" : "",
+                  group->lastBackupDate ? qv::stringFromDate(*group->lastBackupDate) : "never",
+                  message.empty() ? qv::statusText(*group) : message, nextText, group->identifier});
+  }
+  if (options.json) m_out << qv::toJSON(QVValue(records), true) << "\n";
+  else if (records.empty()) m_out << "No groups.\n";
+  else m_out << table.text();
+  return 0;
+}
+
+int QVRegistryCommands::cancel(const QVCommandOptions& options) {
+  std::vector<QVGroupRef> groups;
+  for (const auto& argument : options.groups) {
+    auto found = qv::findGroup(m_agent, argument);
+    if (!found.record) return refuse(found.error);
+    groups.push_back(found.record);
+  }
+  int status = 0;
+  for (const auto& group : groups) {
+    if (!m_agent.isBackingUpGroupWithID(group->identifier)) {
+      status = fail("group " + qv::quoted(group->title) + " is not being backed up");
+      continue;
+    }
+    m_agent.cancelBackupGroupWithID(group->identifier);
+    m_out << "cancelled the backup of " << qv::quoted(group->title) << "\n";
+  }
+  return status;
 }
 
 int QVRegistryCommands::summary() {

@@ -1,5 +1,6 @@
 // QVRegistryCommands are the commands of stellwin-backup that read and change the agent's groups and
-// destinations (group ..., target ..., versions, menu, and the summary without a command). Every argument
+// destinations (group ..., target ..., versions, menu, status, cancel, log, and the summary without a
+// command). Every argument
 // is checked before the agent is asked to change anything, because the agent saves on each change: a
 // command that refuses its arguments writes one line to stderr, returns 2 and leaves the preferences
 // as they were. The commands guard what the agent would do without a word: a group title must name one
@@ -39,6 +40,9 @@ class QVRegistryCommands {
   int targetRemove(const QVCommandOptions& options);
   int versions(const QVCommandOptions& options);
   int menu(const QVCommandOptions& options);
+  int menuEntry(const QVCommandOptions& options);
+  int status(const QVCommandOptions& options);
+  int cancel(const QVCommandOptions& options);
   int log(const QVCommandOptions& options);
   int summary();
 

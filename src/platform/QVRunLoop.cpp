@@ -181,6 +181,24 @@ void removeSignalHandler(unsigned id) {
   if (id != 0) g_source_remove(id);
 }
 
+unsigned addFileDescriptorWatch(int fd, bool forReading, bool forWriting, std::function<bool()> handler) {
+  auto boxed = std::make_unique<std::function<bool()>>(std::move(handler));
+  const auto conditions =
+      static_cast<GIOCondition>(G_IO_HUP | G_IO_ERR | (forReading ? G_IO_IN : 0) | (forWriting ? G_IO_OUT : 0));
+  return g_unix_fd_add_full(
+      G_PRIORITY_DEFAULT, fd, conditions,
+      [](gint, GIOCondition, gpointer data) -> gboolean {
+        bool keep = false;
+        runGuarded("file descriptor watch", [&] { keep = (*static_cast<std::function<bool()>*>(data))(); });
+        return keep ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+      },
+      boxed.release(), deleteBoxed<std::function<bool()>>);
+}
+
+void removeFileDescriptorWatch(unsigned id) {
+  if (id != 0) g_source_remove(id);
+}
+
 }  // namespace qv
 
 // ---------------------------------------------------------------------------------------------------------

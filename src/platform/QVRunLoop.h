@@ -27,6 +27,12 @@ bool runMainLoopUntil(const std::function<bool()>& condition,
 unsigned addSignalHandler(int signal, std::function<void()> handler);
 void removeSignalHandler(unsigned id);
 
+// Main thread: calls handler on the main loop whenever fd has hung up or failed, can be read (if
+// forReading) or can be written (if forWriting). The handler returns false to stop watching (the watch is
+// then gone, as after removeFileDescriptorWatch). The caller keeps fd open while it is watched.
+unsigned addFileDescriptorWatch(int fd, bool forReading, bool forWriting, std::function<bool()> handler);
+void removeFileDescriptorWatch(unsigned id);
+
 }  // namespace qv
 
 // A one-shot timer on the main loop that fires once at its date (at once when the date has passed)

@@ -1,0 +1,42 @@
+// QVAgentLock makes sure that one process at a time loads a user's agent, so that no two processes ever
+// write the preferences at once: the daemon holds it for as long as it runs, any other command for as
+// long as it works. It is an exclusive lock (flock) on "agent.lock" in the user's private runtime folder,
+// $XDG_RUNTIME_DIR/stellwin-backup (mode 0700), which also holds the daemon's control socket. The holder
+// writes its process id and command line into the file, so that one who waits can say who holds it.
+// The lock goes when the process ends or the object is destroyed; a daemon that starts itself anew keeps
+// it across exec (keepAcrossExec) and takes it back at once. Main thread.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+
+class QVAgentLock {
+ public:
+  // The user's private runtime folder, made when missing: $XDG_RUNTIME_DIR/stellwin-backup, else
+  // /tmp/stellwin-backup-<uid>. "" with error when it cannot be made or is not private (another
+  // owner, or open to others).
+  static std::string runtimeFolder(std::string& error);
+  static std::string socketPath(const std::string& folder) { return folder + "/control.sock"; }
+
+  // Takes the lock in folder, waiting up to wait for its holder to let go. Every 100 ms of waiting,
+  // stopWaiting (when given) may end the wait early. nullptr with error naming the holder otherwise:
+  // "process 4242 (stellwin-backup backup Photos)". description: this process, for others to read.
+  static std::unique_ptr<QVAgentLock> acquire(const std::string& folder, const std::string& description,
+                                              std::chrono::milliseconds wait,
+                                              const std::function<bool()>& stopWaiting, std::string& error);
+  // Who holds the lock in folder, as acquire's error names it; "" when nobody says.
+  static std::string holder(const std::string& folder);
+
+  ~QVAgentLock();
+  QVAgentLock(const QVAgentLock&) = delete;
+  QVAgentLock& operator=(const QVAgentLock&) = delete;
+
+  // Requires: the process is about to exec itself. The new image's acquire takes this lock back.
+  void keepAcrossExec();
+
+ private:
+  explicit QVAgentLock(int fd) : m_fd(fd) {}
+  int m_fd;
+};

@@ -1,0 +1,129 @@
+#include "host/QVControlClient.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <ostream>
+
+#include "host/QVControlConnection.h"
+#include "host/QVControlProtocol.h"
+#include "host/QVRunMonitor.h"
+#include "host/QVRunPresenter.h"
+#include "platform/QVRunLoop.h"
+
+namespace {
+
+constexpr const char* kProgram = "stellwin-backup";
+// How long a command waits for the daemon's answer (a listing of a slow server takes its time).
+constexpr auto kAnswerTimeout = std::chrono::minutes(10);
+
+std::string workingFolder() {
+  char buffer[4096];
+  return getcwd(buffer, sizeof buffer) ? std::string(buffer) : std::string();
+}
+
+}  // namespace
+
+std::unique_ptr<QVControlClient> QVControlClient::connect(const std::string& socketPath) {
+  auto connection = QVControlConnection::connectTo(socketPath);
+  if (!connection) return nullptr;
+  return std::unique_ptr<QVControlClient>(new QVControlClient(std::move(connection)));
+}
+
+QVControlClient::QVControlClient(std::unique_ptr<QVControlConnection> connection)
+    : m_connection(std::move(connection)) {
+  m_connection->start([this](QVDictionary& message) { m_inbox.push_back(std::move(message)); },
+                      [this](const std::string&) { m_closed = true; });
+}
+
+QVControlClient::~QVControlClient() = default;
+
+QVControlClient::Result QVControlClient::run(const QVCommandOptions& options, std::ostream& out, std::ostream& err) {
+  QVDictionary request = qv::controlMessage("request");
+  request["options"] = qv::dictionaryFromOptions(options);
+  request["folder"] = workingFolder();
+  if (!m_connection->send(request)) return {};
+
+  if (!qv::runMainLoopUntil([this] { return !m_inbox.empty() || m_closed; }, kAnswerTimeout)) {
+    err << kProgram << ": the daemon did not answer within " << kAnswerTimeout.count() << " minutes" << std::endl;
+    return {Answer::done, 1};
+  }
+  if (m_inbox.empty()) return {};  // it went away first (it may be starting anew)
+  const QVDictionary answer = m_inbox.front();
+  m_inbox.erase(m_inbox.begin());
+  const std::string type = qv::controlString(answer, "type");
+  if (type == "result") {
+    out << qv::controlString(answer, "out");
+    out.flush();
+    err << qv::controlString(answer, "err");
+    err.flush();
+    const QVValue* status = qv::valueForKey(answer, "status");
+    return {Answer::done, static_cast<int>(status ? status->integerValue().value_or(1) : 1)};
+  }
+  if (type == "held") return {Answer::held, 0};
+  if (type == "busy") return {};
+  if (type == "accepted") return followBackup(answer, options, out, err);
+  err << kProgram << ": the daemon refused the command: "
+      << (type == "error" ? qv::controlString(answer, "message") : "unexpected answer \"" + type + "\"") << std::endl;
+  return {Answer::done, 1};
+}
+
+QVControlClient::Result QVControlClient::followBackup(const QVDictionary& accepted, const QVCommandOptions& options,
+                                                      std::ostream& out, std::ostream& err) {
+  err << qv::controlString(accepted, "err");
+  err.flush();
+  std::vector<std::string> requested;
+  if (const QVValue* groups = qv::valueForKey(accepted, "groups"); groups && groups->array())
+    for (const auto& id : *groups->array())
+      if (id.string()) requested.push_back(*id.string());
+
+  QVRunPresenter presenter(requested, options.json, out);
+  bool interrupted = false;
+  auto cancel = [&] {
+    if (!interrupted) presenter.say("cancelling the running backups...");
+    interrupted = true;
+    presenter.setNote("cancelling...");
+    m_connection->send(qv::controlMessage("cancel"));
+  };
+  const unsigned sigint = qv::addSignalHandler(SIGINT, cancel);
+  const unsigned sigterm = qv::addSignalHandler(SIGTERM, cancel);
+
+  auto handle = [&](const QVDictionary& message) {
+    const std::string type = qv::controlString(message, "type");
+    const std::string groupID = qv::controlString(message, "group");
+    if (type == "started") {
+      presenter.begin(groupID, qv::controlString(message, "title"));
+    } else if (type == "progress") {
+      const QVValue* percent = qv::valueForKey(message, "percent");
+      presenter.update(groupID, percent ? percent->integerValue().value_or(0) : 0);
+    } else if (type == "message") {
+      presenter.say(qv::controlString(message, "text"));
+    } else if (type == "outcome") {
+      const QVValue* fields = qv::valueForKey(message, "outcome");
+      if (!fields || !fields->dictionary()) return;
+      const QVRunOutcome outcome = qv::outcomeFromDictionary(*fields->dictionary());
+      if (outcome.kind == QVRunOutcome::Kind::cancelled && !interrupted)
+        presenter.say("the backup of " + outcome.title +
+                      " was cancelled in the daemon (by \"stellwin-backup cancel\", the menu, or the daemon stopping)");
+      presenter.report(outcome);
+    } else if (type == "error") {
+      presenter.say("the daemon refused: " + qv::controlString(message, "message"));
+    }
+  };
+  for (;;) {
+    while (!m_inbox.empty()) {
+      const QVDictionary message = std::move(m_inbox.front());
+      m_inbox.erase(m_inbox.begin());
+      handle(message);
+    }
+    if (presenter.isDone() || m_closed) break;
+    qv::runMainLoopUntil([this] { return !m_inbox.empty() || m_closed; }, std::chrono::hours(1));
+  }
+  qv::removeSignalHandler(sigint);
+  qv::removeSignalHandler(sigterm);
+  const bool lost = !presenter.isDone();
+  if (lost) presenter.say("the daemon stopped before the backups ended; see \"stellwin-backup log\"");
+  const int status = presenter.finish(interrupted);
+  return {Answer::done, lost && status == 0 ? 1 : status};
+}

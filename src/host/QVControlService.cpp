@@ -1,0 +1,305 @@
+#include "host/QVControlService.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ostream>
+#include <sstream>
+
+#include "agent/QVBackupAgent.h"
+#include "host/QVBackupCommand.h"
+#include "host/QVCommandLine.h"
+#include "host/QVControlConnection.h"
+#include "host/QVControlProtocol.h"
+#include "host/QVHostApp.h"
+#include "host/QVHostArguments.h"
+#include "host/QVRegistryCommands.h"
+#include "host/QVRunMonitor.h"
+#include "platform/QVRunLoop.h"
+
+namespace {
+
+constexpr const char* kProgram = "stellwin-backup";
+
+bool changesPreferences(const QVCommandOptions& options) {
+  switch (options.command) {
+    case QVCommand::groupAdd:
+    case QVCommand::groupSet:
+    case QVCommand::groupRemove:
+    case QVCommand::groupRemoveItems:
+    case QVCommand::targetAdd:
+    case QVCommand::targetSet:
+    case QVCommand::targetRemove:
+    case QVCommand::backup:
+      return true;
+    case QVCommand::menu:
+      return !options.menuEntry.empty();
+    default:
+      return false;
+  }
+}
+
+bool contains(const std::vector<std::string>& list, const std::string& value) {
+  return std::find(list.begin(), list.end(), value) != list.end();
+}
+
+}  // namespace
+
+QVControlService::QVControlService(QVBackupAgent& agent, QVRunMonitor& monitor, QVHostApp& host, std::ostream& log)
+    : m_agent(agent), m_monitor(monitor), m_host(host), m_log(log) {}
+
+QVControlService::~QVControlService() {
+  stopListening();
+  m_clients.clear();
+}
+
+bool QVControlService::listen(const std::string& socketPath, std::string& error) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (socketPath.size() >= sizeof address.sun_path) {
+    error = "the socket path " + socketPath + " is too long";
+    return false;
+  }
+  std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
+  const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+  if (fd < 0) {
+    error = std::string("cannot make a socket: ") + std::strerror(errno);
+    return false;
+  }
+  unlink(socketPath.c_str());  // left by a daemon that was killed
+  // Made private from the start: nobody else may connect even for a moment.
+  const mode_t previous = umask(0177);
+  const bool bound = bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  umask(previous);
+  if (!bound || ::listen(fd, 16) != 0) {
+    error = "cannot listen at " + socketPath + ": " + std::strerror(errno);
+    close(fd);
+    return false;
+  }
+  m_listener = fd;
+  m_socketPath = socketPath;
+  m_listenWatch = qv::addFileDescriptorWatch(fd, true, false, [this] { return acceptConnections(); });
+  return true;
+}
+
+void QVControlService::stopListening() {
+  if (m_listener < 0) return;
+  qv::removeFileDescriptorWatch(m_listenWatch);
+  m_listenWatch = 0;
+  close(m_listener);
+  m_listener = -1;
+  unlink(m_socketPath.c_str());
+}
+
+void QVControlService::setChangeHooks(std::function<bool()> mayChange, std::function<void()> didChange) {
+  m_mayChange = std::move(mayChange);
+  m_didChange = std::move(didChange);
+}
+
+bool QVControlService::acceptConnections() {
+  for (;;) {
+    const int fd = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) {
+      if (errno == EINTR || errno == ECONNABORTED) continue;
+      return true;  // EAGAIN, or out of descriptors for now: the next connection tries again
+    }
+    const std::uint64_t id = m_nextClientID++;
+    Client& client = m_clients[id];
+    client.connection = std::make_unique<QVControlConnection>(fd);
+    client.connection->start([this, id](QVDictionary& message) { onMessage(id, message); },
+                             [this](const std::string&) { sweepSoon(); });
+    if (client.connection->peerUser() != geteuid()) {
+      m_log << "refused a connection from user " << client.connection->peerUser() << std::endl;
+      client.connection->refuse("connection refused: this daemon serves only its own user");
+      continue;
+    }
+    client.deadline = std::make_unique<QVTimer>(std::chrono::system_clock::now() + kRequestTimeout, [this, id](QVTimer&) {
+      auto it = m_clients.find(id);
+      if (it != m_clients.end() && !it->second.requested) it->second.connection->close("no request in time");
+    });
+  }
+}
+
+void QVControlService::sweepSoon() {
+  if (m_sweepPosted) return;
+  m_sweepPosted = true;
+  std::weak_ptr<int> alive = m_alive;
+  qv::postToMainThread([this, alive] {
+    if (alive.expired()) return;
+    m_sweepPosted = false;
+    std::erase_if(m_clients, [](const auto& entry) { return !entry.second.connection->isOpen(); });
+  });
+}
+
+void QVControlService::onMessage(std::uint64_t clientID, QVDictionary& message) {
+  auto it = m_clients.find(clientID);
+  if (it == m_clients.end()) return;
+  Client& client = it->second;
+  const std::string type = qv::controlString(message, "type");
+  if (type == "request" && !client.requested) {
+    client.requested = true;
+    client.deadline.reset();
+    handleRequest(client, message);
+  } else if (type == "cancel" && client.requested) {
+    for (const auto& groupID : client.following)
+      if (m_agent.isBackingUpGroupWithID(groupID)) m_agent.cancelBackupGroupWithID(groupID);
+  } else {
+    client.connection->refuse("unexpected message \"" + type + "\"");
+  }
+}
+
+void QVControlService::sendResult(Client& client, int status, const std::string& out, const std::string& err) {
+  QVDictionary result = qv::controlMessage("result");
+  result["status"] = status;
+  result["out"] = out;
+  result["err"] = err;
+  client.connection->send(result);
+}
+
+void QVControlService::handleRequest(Client& client, const QVDictionary& message) {
+  const QVValue* fields = qv::valueForKey(message, "options");
+  std::string error;
+  std::optional<QVCommandOptions> options =
+      fields && fields->dictionary() ? qv::optionsFromDictionary(*fields->dictionary(), error) : std::nullopt;
+  if (!options) {
+    client.connection->refuse(error.empty() ? "malformed request: no \"options\"" : error);
+    return;
+  }
+  options->remote = true;
+  if (changesPreferences(*options) && m_mayChange && !m_mayChange()) {
+    QVDictionary busy = qv::controlMessage("busy");
+    busy["message"] = "the daemon is reading preferences that were changed by hand";
+    client.connection->send(busy);
+    return;
+  }
+  // Paths in the arguments are the command's, from its own working folder.
+  const std::string folder = qv::controlString(message, "folder");
+  qv::setArgumentsFolder(folder.empty() || folder.front() != '/' ? "/" : folder);
+  switch (options->command) {
+    case QVCommand::backup:
+      startBackups(client, *options);
+      break;
+    case QVCommand::restore:
+    case QVCommand::verify:
+      holdGroup(client, *options);
+      break;
+    case QVCommand::daemon:
+      sendResult(client, 1, "", std::string(kProgram) + ": a daemon is already running for this user\n");
+      break;
+    default: {
+      std::ostringstream out, err;
+      m_host.setOutput(out);
+      const int status = QVRegistryCommands(m_agent, out, err).run(*options);
+      m_host.setOutput(m_log);
+      sendResult(client, status, out.str(), err.str());
+      break;
+    }
+  }
+  qv::setArgumentsFolder("");
+  if (changesPreferences(*options) && m_didChange) m_didChange();
+}
+
+void QVControlService::startBackups(Client& client, const QVCommandOptions& options) {
+  std::ostringstream err;
+  std::vector<QVGroupRef> groups;
+  if (QVBackupCommand::findGroups(m_agent, options, err, groups) != 0) {
+    sendResult(client, 2, "", err.str());
+    return;
+  }
+  for (const auto& group : groups) {
+    if (!isHeld(group->identifier)) continue;
+    sendResult(client, 1, "",
+               std::string(kProgram) + ": group " + qv::quoted(group->title) +
+                   " is being restored or verified; try again when that has finished\n");
+    return;
+  }
+  QVArray ids;
+  for (const auto& group : groups) {
+    ids.push_back(group->identifier);
+    client.following.push_back(group->identifier);
+  }
+  QVDictionary accepted = qv::controlMessage("accepted");
+  accepted["groups"] = ids;
+  accepted["err"] = err.str();
+  client.connection->send(accepted);
+  for (const auto& group : groups) {
+    std::string line;
+    auto refused = QVBackupCommand::startRun(m_agent, m_monitor, *group, line);
+    if (!refused) continue;
+    QVDictionary said = qv::controlMessage("message");
+    said["text"] = line;
+    client.connection->send(said);
+    runEnded(*refused);
+  }
+}
+
+void QVControlService::holdGroup(Client& client, const QVCommandOptions& options) {
+  auto found = qv::findGroup(m_agent, options.group);
+  if (!found.record) {
+    sendResult(client, 2, "", std::string(kProgram) + ": " + found.error + "\n");
+    return;
+  }
+  const QVGroupRef group = found.record;
+  std::string refusal;
+  if (m_agent.isBackingUpGroupWithID(group->identifier))
+    refusal = "group " + qv::quoted(group->title) + " is being backed up; try again when it has finished";
+  else if (isHeld(group->identifier))
+    refusal = "group " + qv::quoted(group->title) + " is being restored or verified; try again when that has finished";
+  if (!refusal.empty()) {
+    sendResult(client, 1, "", std::string(kProgram) + ": " + refusal + "\n");
+    return;
+  }
+  client.held.push_back(group->identifier);
+  QVDictionary held = qv::controlMessage("held");
+  held["group"] = group->identifier;
+  client.connection->send(held);
+}
+
+bool QVControlService::isHeld(const std::string& groupID) const {
+  return std::any_of(m_clients.begin(), m_clients.end(), [&](const auto& entry) {
+    return entry.second.connection->isOpen() && contains(entry.second.held, groupID);
+  });
+}
+
+bool QVControlService::hasHolds() const {
+  return std::any_of(m_clients.begin(), m_clients.end(), [](const auto& entry) {
+    return entry.second.connection->isOpen() && !entry.second.held.empty();
+  });
+}
+
+void QVControlService::runStarted(const QVGroup& group) {
+  if (isHeld(group.identifier)) {
+    // Its timer fired while a restore or verify reads the group: that one finishes undisturbed.
+    m_log << qv::quoted(group.title) << ": the scheduled run is cancelled: a restore or verify is reading the group"
+          << std::endl;
+    m_agent.cancelBackupGroupWithID(group.identifier);
+  }
+  QVDictionary started = qv::controlMessage("started");
+  started["group"] = group.identifier;
+  started["title"] = group.title;
+  for (auto& [id, client] : m_clients)
+    if (client.connection->isOpen() && contains(client.following, group.identifier)) client.connection->send(started);
+}
+
+void QVControlService::runProgress(const std::string& groupID, std::int64_t percent) {
+  QVDictionary progress = qv::controlMessage("progress");
+  progress["group"] = groupID;
+  progress["percent"] = percent;
+  for (auto& [id, client] : m_clients)
+    if (client.connection->isOpen() && contains(client.following, groupID)) client.connection->send(progress);
+}
+
+void QVControlService::runEnded(const QVRunOutcome& outcome) {
+  QVDictionary message = qv::controlMessage("outcome");
+  message["outcome"] = qv::dictionaryFromOutcome(outcome);
+  for (auto& [id, client] : m_clients) {
+    if (!client.connection->isOpen() || !contains(client.following, outcome.groupID)) continue;
+    client.connection->send(message);
+    std::erase(client.following, outcome.groupID);
+  }
+}
