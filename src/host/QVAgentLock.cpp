@@ -8,7 +8,11 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <vector>
 #include <thread>
+
+#include "platform/QVUserDefaults.h"
 
 namespace {
 
@@ -16,7 +20,27 @@ namespace {
 constexpr const char* kInheritedLockVariable = "STELLWIN_BACKUP_LOCK_FD";
 constexpr auto kPollInterval = std::chrono::milliseconds(100);
 
-std::string lockPath(const std::string& folder) { return folder + "/agent.lock"; }
+std::string lockPath() { return QVUserDefaults::configDirectory() + "/agent.lock"; }
+
+// The lock file's lines: the holder, then (for a daemon) its socket.
+std::vector<std::string> recordLines() {
+  const int fd = open(lockPath().c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+  if (fd < 0) return {};
+  char buffer[2048];
+  const ssize_t count = read(fd, buffer, sizeof buffer);
+  close(fd);
+  std::vector<std::string> lines;
+  std::string line;
+  for (ssize_t i = 0; i < count; ++i) {
+    if (buffer[i] == '\n') {
+      lines.push_back(line);
+      line.clear();
+    } else if (buffer[i] != '\0') {
+      line += buffer[i];
+    }
+  }
+  return lines;
+}
 
 // The lock that the previous image of this process held, when it left one.
 int inheritedLock() {
@@ -60,37 +84,36 @@ std::string QVAgentLock::runtimeFolder(std::string& error) {
   return folder;
 }
 
-std::string QVAgentLock::holder(const std::string& folder) {
-  const int fd = open(lockPath(folder).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-  if (fd < 0) return "";
-  char buffer[512];
-  const ssize_t count = read(fd, buffer, sizeof buffer);
-  close(fd);
-  if (count <= 0) return "";
-  std::string text(buffer, static_cast<std::size_t>(count));
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\0')) text.pop_back();
-  return text;
+std::string QVAgentLock::holder() {
+  const auto lines = recordLines();
+  return lines.empty() ? "" : lines[0];
 }
 
-std::unique_ptr<QVAgentLock> QVAgentLock::acquire(const std::string& folder, const std::string& description,
-                                                  std::chrono::milliseconds wait,
+std::string QVAgentLock::servedSocket() {
+  const auto lines = recordLines();
+  return lines.size() > 1 ? lines[1] : "";
+}
+
+std::unique_ptr<QVAgentLock> QVAgentLock::acquire(const std::string& description, std::chrono::milliseconds wait,
                                                   const std::function<bool()>& stopWaiting, std::string& error) {
   int fd = inheritedLock();
   if (fd < 0) {
-    fd = open(lockPath(folder).c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
+    std::error_code ec;
+    std::filesystem::create_directories(QVUserDefaults::configDirectory(), ec);
+    fd = open(lockPath().c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0) {
-      error = "cannot open " + lockPath(folder) + ": " + std::strerror(errno);
+      error = "cannot open " + lockPath() + ": " + std::strerror(errno);
       return nullptr;
     }
     const auto deadline = std::chrono::steady_clock::now() + wait;
     while (flock(fd, LOCK_EX | LOCK_NB) != 0) {
       if (errno != EWOULDBLOCK && errno != EINTR) {
-        error = "cannot lock " + lockPath(folder) + ": " + std::strerror(errno);
+        error = "cannot lock " + lockPath() + ": " + std::strerror(errno);
         close(fd);
         return nullptr;
       }
       if (std::chrono::steady_clock::now() >= deadline || (stopWaiting && stopWaiting())) {
-        const std::string who = holder(folder);
+        const std::string who = holder();
         error = who.empty() ? "another process" : "process " + who;
         close(fd);
         return nullptr;
@@ -98,13 +121,19 @@ std::unique_ptr<QVAgentLock> QVAgentLock::acquire(const std::string& folder, con
       std::this_thread::sleep_for(kPollInterval);
     }
   }
-  // Who holds it now, for those who wait.
-  const std::string text = std::to_string(getpid()) + " (" + description + ")\n";
-  if (ftruncate(fd, 0) == 0 && pwrite(fd, text.data(), text.size(), 0) < 0) {
-    // Only the holder's description is lost; the lock itself holds.
-  }
-  return std::unique_ptr<QVAgentLock>(new QVAgentLock(fd));
+  auto lock = std::unique_ptr<QVAgentLock>(new QVAgentLock(fd, description));
+  lock->writeRecord("");
+  return lock;
 }
+
+void QVAgentLock::writeRecord(const std::string& socketPath) {
+  // Who holds it now, for those who wait; a record that cannot be written costs only the description.
+  std::string text = std::to_string(getpid()) + " (" + m_description + ")\n";
+  if (!socketPath.empty()) text += socketPath + "\n";
+  if (ftruncate(m_fd, 0) == 0 && pwrite(m_fd, text.data(), text.size(), 0) < 0) return;
+}
+
+void QVAgentLock::setServedSocket(const std::string& socketPath) { writeRecord(socketPath); }
 
 QVAgentLock::~QVAgentLock() {
   if (m_fd >= 0) close(m_fd);

@@ -20,14 +20,18 @@ class QVAgentLock {
   static std::string runtimeFolder(std::string& error);
   static std::string socketPath(const std::string& folder) { return folder + "/control.sock"; }
 
-  // Takes the lock in folder, waiting up to wait for its holder to let go. Every 100 ms of waiting,
-  // stopWaiting (when given) may end the wait early. nullptr with error naming the holder otherwise:
+  // Takes the lock, waiting up to wait for its holder to let go. Every 100 ms of waiting, stopWaiting
+  // (when given) may end the wait early. nullptr with error naming the holder otherwise:
   // "process 4242 (stellwin-backup backup Photos)". description: this process, for others to read.
-  static std::unique_ptr<QVAgentLock> acquire(const std::string& folder, const std::string& description,
-                                              std::chrono::milliseconds wait,
+  static std::unique_ptr<QVAgentLock> acquire(const std::string& description, std::chrono::milliseconds wait,
                                               const std::function<bool()>& stopWaiting, std::string& error);
-  // Who holds the lock in folder, as acquire's error names it; "" when nobody says.
-  static std::string holder(const std::string& folder);
+  // Who holds the lock, as acquire's error names it; "" when nobody says.
+  static std::string holder();
+  // The control socket that the holder serves, "" when it serves none (it is no daemon).
+  static std::string servedSocket();
+
+  // Records that this holder serves commands at socketPath.
+  void setServedSocket(const std::string& socketPath);
 
   ~QVAgentLock();
   QVAgentLock(const QVAgentLock&) = delete;
@@ -37,6 +41,9 @@ class QVAgentLock {
   void keepAcrossExec();
 
  private:
-  explicit QVAgentLock(int fd) : m_fd(fd) {}
+  QVAgentLock(int fd, std::string description) : m_fd(fd), m_description(std::move(description)) {}
+  void writeRecord(const std::string& socketPath);
+
   int m_fd;
+  std::string m_description;
 };

@@ -81,6 +81,7 @@ int QVDaemonCommand::run() {
     m_log << "stellwin-backup: " << error << std::endl;
     return 1;
   }
+  m_lock.setServedSocket(m_socketPath);
   m_service->setChangeHooks(
       [this] {
         checkPreferencesFile();

@@ -27,7 +27,16 @@ bool hasStoredTargets(const QVBackupAgent& agent) {
   return targets && targets->array() && !targets->array()->empty();
 }
 
-bool daemonAnswers(const std::string& socketPath) { return QVControlConnection::connectTo(socketPath) != nullptr; }
+// The daemon's socket: in this process's runtime folder, else where the lock's holder says it serves
+// (a command started without the daemon's $XDG_RUNTIME_DIR still finds it).
+std::string daemonSocket(const std::string& socketPath) {
+  if (QVControlConnection::connectTo(socketPath)) return socketPath;
+  const std::string served = QVAgentLock::servedSocket();
+  if (!served.empty() && served != socketPath && QVControlConnection::connectTo(served)) return served;
+  return "";
+}
+
+bool daemonAnswers(const std::string& socketPath) { return !daemonSocket(socketPath).empty(); }
 
 // The password that target add / set would read, read here once before the command leaves this process.
 // false when standard input could not be read.
@@ -67,7 +76,8 @@ int QVProgram::run(const QVCommandOptions& given) {
   for (;;) {
     // A running daemon carries the command out.
     std::unique_ptr<QVControlClient> client;
-    if (options.command != QVCommand::daemon) client = QVControlClient::connect(socketPath);
+    if (options.command != QVCommand::daemon)
+      if (const std::string served = daemonSocket(socketPath); !served.empty()) client = QVControlClient::connect(served);
     if (client) {
       if (!readPasswordFirst(options)) {
         std::cerr << kProgram << ": could not read the password from standard input" << std::endl;
@@ -88,8 +98,7 @@ int QVProgram::run(const QVCommandOptions& given) {
     bool daemonAppeared = false;
     const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::max(deadline - std::chrono::steady_clock::now(), std::chrono::steady_clock::duration::zero()));
-    auto lock = QVAgentLock::acquire(
-        folder, description, wait, [&] { return daemonAppeared = daemonAnswers(socketPath); }, error);
+    auto lock = QVAgentLock::acquire(description, wait, [&] { return daemonAppeared = daemonAnswers(socketPath); }, error);
     if (lock) return runHere(options, lock.get(), socketPath);
     if (options.command == QVCommand::daemon && (daemonAppeared || daemonAnswers(socketPath))) {
       std::cerr << kProgram << ": another daemon is already running for this user (" << error << ")" << std::endl;

@@ -1,7 +1,7 @@
 // QVProgram wires stellwin-backup together for one command. When a daemon runs for the user, the
 // command goes to it (QVControlClient) and this process loads no agent of its own; restore and verify
 // only have the daemon hold their group and read the destination here, without writing the preferences.
-// Otherwise the program takes the user's agent lock (waiting up to kLockWait for another command to
+// Otherwise the program takes the user's agent lock (QVAgentLock) (waiting up to kLockWait for another command to
 // finish), then makes the host application, the agent on it and the run monitor as the agent's delegate;
 // it runs the command and, unless the command refused its arguments, writes the preferences (only when
 // something changed) before the agent goes. The daemon runs this way too, and keeps the lock.

@@ -76,12 +76,16 @@ TEST_F(QVDaemonControlTest, EveryChangeIsKeptWithAndWithoutADaemon) {
   adds.clear();
   for (int i = 0; i < 6; ++i) adds.push_back({"group", "add", "Served" + std::to_string(i), makeFile("s.txt")});
   runTogether(adds);
+  // Started without the daemon's runtime folder (as from cron), a command still finds it.
+  RunningProgram elsewhere({"group", "add", "Elsewhere", makeFile("e.txt")}, "", "", false,
+                           {"/usr/bin/env", "XDG_RUNTIME_DIR=" + m_env.root() + "/other-runtime"});
+  EXPECT_EQ(elsewhere.finish().status, 0) << elsewhere.err;
   // The daemon's next save (an outcome) keeps them, and so does a restart.
   EXPECT_EQ(runProgram({"backup", "Served0"}).status, 0);
   stop(*daemon);
   daemon = startDaemon();
   const json groups = runJSON({"status", "--json"});
-  EXPECT_EQ(groups.size(), 12u) << groups;
+  EXPECT_EQ(groups.size(), 13u) << groups;
   EXPECT_EQ(group("Served0")["statusCode"], 0);
 
   // A hand edit while the daemon runs is read (it starts itself anew), then served like any other.
