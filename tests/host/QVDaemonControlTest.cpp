@@ -189,4 +189,41 @@ TEST_F(QVDaemonControlTest, TurnsAwayBrokenMessagesAndOtherUsersAndGoesOnServing
   stop(*daemon);
 }
 
+TEST_F(QVDaemonControlTest, APasswordHandedToTheDaemonIsKeptOnlyInTheKeychain) {
+  const std::string password = "s3cret-Pa55-word";
+  auto daemon = startDaemon();
+  // Nothing listens on that port: the run fails, and its failure is told in the daemon's log.
+  RunningProgram add({"target", "add", "--type", "dav", "--title", "NAS", "--server", "127.0.0.1", "--port", "9",
+                      "--path", "b", "--user", "ann", "--password-stdin", "--default"},
+                     password + "\n");
+  bool argvClean = true;
+  add.waitFor([&] {
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+      const std::string arguments = readFile(entry.path().string() + "/cmdline");
+      argvClean = argvClean && arguments.find(password) == std::string::npos;
+    }
+    return false;
+  }, std::chrono::milliseconds(300));
+  EXPECT_EQ(add.finish().status, 0) << add.err;
+  EXPECT_TRUE(argvClean) << "the password was in a process's arguments";
+  runJSON({"group", "add", "Docs", makeFile("d.txt")});
+  const ProgramResult run = runProgram({"backup", "Docs"});
+  EXPECT_EQ(run.status, 1) << run.err;
+  const ProgramResult listed = runProgram({"target", "list", "--json"});
+  stop(*daemon);
+
+  std::string everything = add.out + add.err + run.out + run.err + listed.out + daemon->err;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(m_env.root()))
+    if (entry.is_regular_file() && entry.path().filename() != "keychain.json") everything += readFile(entry.path());
+  EXPECT_EQ(everything.find(password), std::string::npos) << "the password was written outside the keychain";
+  EXPECT_NE(readFile(m_env.configDirectory() + "/keychain.json").find(password), std::string::npos);
+  // What holds secrets or the user's history is the user's alone.
+  for (const std::string& path : {m_env.configDirectory() + "/keychain.json", m_env.journalPath(),
+                                 m_env.configDirectory() + "/agent.lock", m_env.root() + "/runtime/stellwin-backup"}) {
+    struct stat info {};
+    ASSERT_EQ(stat(path.c_str(), &info), 0) << path;
+    EXPECT_EQ(info.st_mode & 077, 0u) << path;
+  }
+}
+
 }  // namespace
