@@ -66,6 +66,19 @@ std::size_t utf8SequenceLength(const std::string& text, std::size_t at) {
   return length;
 }
 
+}  // namespace
+
+bool isValidUTF8(const std::string& text) {
+  for (std::size_t at = 0; at < text.size();) {
+    const std::size_t length = utf8SequenceLength(text, at);
+    if (length == 0) return false;
+    at += length;
+  }
+  return true;
+}
+
+namespace {
+
 template <typename Ref>
 Ref otherTitled(const std::vector<Ref>& records, const std::string& title, const std::string& exceptID) {
   for (const auto& record : records)

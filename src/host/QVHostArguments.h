@@ -22,6 +22,9 @@ std::string absolutePath(const std::string& path);
 // ("" goes back to it): the daemon reads arguments given in another process's working folder.
 void setArgumentsFolder(const std::string& folder);
 
+// Whether text is well-formed UTF-8 (what the preferences can hold as it is).
+bool isValidUTF8(const std::string& text);
+
 // A whole number written with digits only ("3"; not "-1", "3.5", "+3", "x" or ""); nullopt otherwise,
 // and for numbers beyond 64 bits.
 std::optional<std::uint64_t> wholeNumber(const std::string& text);

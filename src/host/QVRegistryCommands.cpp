@@ -104,6 +104,12 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
       warn(qv::quoted(path) + " does not exist; not added");
       continue;
     }
+    // The preferences hold text: such a path would be stored changed, and its item then be missing.
+    if (!qv::isValidUTF8(path)) {
+      warn(qv::quoted(path) + " is not added: its name is not valid UTF-8, which the preferences cannot keep; "
+           "add the folder that holds it instead");
+      continue;
+    }
     if (!contains(existing, path)) existing.push_back(path);
   }
   if (existing.empty()) return fail("nothing was added to " + qv::quoted(options.name) + ": none of the given paths exists");

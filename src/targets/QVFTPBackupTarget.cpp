@@ -55,8 +55,14 @@ size_t readCallback(char* buffer, size_t size, size_t count, void* userData) {
   return read;
 }
 
+// A listing larger than this is refused (the transfer fails), not held: even a group folder with the
+// most versions a group may keep lists in a small part of it.
+constexpr std::size_t kMaxListingSize = 64u << 20;
+
 size_t writeCallback(char* data, size_t size, size_t count, void* userData) {
-  static_cast<std::string*>(userData)->append(data, size * count);
+  auto* buffer = static_cast<std::string*>(userData);
+  if (buffer->size() + size * count > kMaxListingSize) return 0;
+  buffer->append(data, size * count);
   return size * count;
 }
 
