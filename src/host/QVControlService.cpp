@@ -177,6 +177,12 @@ void QVControlService::handleRequest(Client& client, const QVDictionary& message
     client.connection->send(busy);
     return;
   }
+  if (changesPreferences(*options)) {
+    // Who changed what, for the log: the command's name (its fields may hold a password, never logged).
+    const QVValue* name = qv::valueForKey(*fields->dictionary(), "command");
+    m_log << "serving \"" << (name && name->string() ? *name->string() : "?") << "\" for process "
+          << client.connection->peerProcess() << std::endl;
+  }
   // Paths in the arguments are the command's, from its own working folder.
   const std::string folder = qv::controlString(message, "folder");
   qv::setArgumentsFolder(folder.empty() || folder.front() != '/' ? "/" : folder);
