@@ -6,8 +6,10 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <thread>
 
 #include "agent/QVBackupAgent.h"
+#include "agent/QVBackupAgentRun.h"
 #include "host/QVHostApp.h"
 #include "host/QVHostArguments.h"
 #include "host/QVRunPresenter.h"
@@ -20,6 +22,16 @@ constexpr const char* kProgram = "stellwin-backup";
 }  // namespace
 
 namespace qv {
+
+void waitForANewVersionName(const QVGroup& group) {
+  // A version is named after the second its run starts in. A run that starts in the second the last one
+  // ended in would take that run's version for its own and keep every copy already in it: the user's
+  // latest changes would not be backed up, and the run would still say it completed.
+  if (!group.lastBackupAttemptDate) return;
+  const auto now = std::chrono::system_clock::now();
+  if (versionNameForDate(now) != versionNameForDate(*group.lastBackupAttemptDate)) return;
+  std::this_thread::sleep_until(std::chrono::floor<std::chrono::seconds>(now) + std::chrono::milliseconds(1005));
+}
 
 std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes) {
   nlohmann::json array = nlohmann::json::array();
@@ -99,6 +111,7 @@ std::optional<QVRunOutcome> QVBackupCommand::startRun(QVBackupAgent& agent, QVRu
     monitor.followRun(group.identifier);  // already running: its outcome is this request's
     return std::nullopt;
   }
+  qv::waitForANewVersionName(group);
   agent.backupGroupWithID(group.identifier);
   if (agent.isBackingUpGroupWithID(group.identifier)) {
     monitor.followRun(group.identifier);

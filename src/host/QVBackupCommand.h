@@ -48,6 +48,9 @@ class QVBackupCommand {
 
 namespace qv {
 
+// Waits (at most a second) until a run of the group started now gets a version name of its own.
+void waitForANewVersionName(const QVGroup& group);
+
 // The outcomes as a JSON array of {"id", "title", "outcome", "statusCode", "message"}, with, for a group
 // that ran, "version", "files", "bytes", "leftOut" (every path), "missingItems" and "versionsUnreadable".
 std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes);

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <map>
 #include <cstdio>
 #include <ostream>
 
 #include "agent/QVBackupAgent.h"
+#include "host/QVBackupCommand.h"
 #include "host/QVHostArguments.h"
 #include "host/QVPasswordInput.h"
 #include "host/QVRecordPrinter.h"
@@ -473,6 +475,7 @@ int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
     return fail("the menu of group " + qv::quoted(group->title) + " does not offer " + qv::quoted(options.menuEntry) +
                 " now; it offers " + offers);
   const std::string title = group->title;
+  if (entry->title() == "Backup Now") qv::waitForANewVersionName(*group);
   entry->performAction();
   m_out << "chose " << qv::quoted(options.menuEntry) << " for group " << qv::quoted(title) << "\n";
   return 0;
@@ -480,6 +483,9 @@ int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
 
 int QVRegistryCommands::status(const QVCommandOptions& options) {
   const QVDate current = now();
+  // The journal knows each group's last outcome, also one that the stored status code cannot tell.
+  std::map<std::string, QVJournalEntry> lastRuns;
+  for (auto& entry : QVRunJournal(QVRunJournal::defaultDirectory()).entries()) lastRuns[entry.groupID] = std::move(entry);
   QVArray records;
   QVTextTable table({"TITLE", "STATE", "PROGRESS", "LAST BACKUP", "STATUS", "NEXT RUN", "ID"});
   for (const auto& group : m_agent.groups()) {
@@ -494,6 +500,10 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
       if (std::string comment = qv::statusCommentString(static_cast<std::int32_t>(code)); !comment.empty())
         message += ": " + comment;
     }
+    auto lastRun = lastRuns.find(group->identifier);
+    const std::string lastOutcome = lastRun == lastRuns.end() ? "" : lastRun->second.outcome;
+    if (code == 0 && lastOutcome == "failed")
+      message = "failed (the destination gave no status code; see \"stellwin-backup log\")";
     QVDictionary record{{"id", group->identifier},
                         {"title", group->title},
                         {"state", running ? "running" : "idle"},
@@ -501,7 +511,8 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
                         {"lastBackupDate", group->lastBackupDate ? QVValue(qv::iso8601(*group->lastBackupDate)) : QVValue()},
                         {"statusCode", group->lastBackupAttemptDate && group->statusCode ? QVValue(code) : QVValue()},
                         {"message", message.empty() ? QVValue() : QVValue(message)},
-                        {"nextRun", next ? QVValue(qv::iso8601(*next)) : QVValue()}};
+                        {"nextRun", next ? QVValue(qv::iso8601(*next)) : QVValue()},
+                        {"lastOutcome", lastOutcome.empty() ? QVValue() : QVValue(lastOutcome)}};
     records.push_back(std::move(record));
     std::string nextText = "manual";
     if (next) nextText = *next <= current ? "due now" : qv::stringFromDate(*next);

@@ -173,7 +173,11 @@ void QVRunMonitor::finishRun(const std::string& groupID) {
   outcome.title = group ? group->title : groupID;
   const std::int64_t code = group && group->statusCode ? *group->statusCode : 1;
   outcome.statusCode = code;
-  if (code == 0) {
+  // An FTP upload refused by a reachable server fails the run with the status 0 that the destination
+  // gives every such error: the failure shown to the user is what tells it from a complete run.
+  const bool failedWithoutCode = code == 0 && run.failureText.has_value();
+  if (failedWithoutCode) outcome.statusCode = std::nullopt;
+  if (code == 0 && !failedWithoutCode) {
     outcome.kind = run.warned ? QVRunOutcome::Kind::completeWithMissingItems : QVRunOutcome::Kind::complete;
   } else if (code == -128) {
     outcome.kind = QVRunOutcome::Kind::cancelled;

@@ -112,6 +112,12 @@ struct QVURLSession::Impl {
     if (!self->upload) return 0;
     long n = self->upload->read(buffer, size * count);
     if (n < 0) return CURL_READFUNC_ABORT;
+    // The file shrank while it was sent: the request announced more than will come, and the server would
+    // wait for the rest until the idle timeout. Ended at once instead, as a failed upload.
+    if (n == 0 && self->sent < static_cast<std::int64_t>(self->upload->length())) {
+      qv::debugLog("platform", "upload " + self->url + ": the file ended before its announced length");
+      return CURL_READFUNC_ABORT;
+    }
     if (n > 0) {
       self->sent += n;
       if (self->delegate)

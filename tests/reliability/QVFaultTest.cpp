@@ -1,0 +1,233 @@
+// Faults made to happen for real, against a local folder, WebDAV (Apache) and FTP (pyftpdlib, reading
+// slowly enough to be caught mid-upload), with the daemon carrying out every command: the source changing
+// under a run, the destination vanishing, the server killed while it prunes, cancels at every stage, two
+// groups at once, a full volume. In each case earlier versions stay as they were, the outcome is the one
+// the run defines, the preferences stay readable and the daemon goes on serving.
+#include <sys/mount.h>
+
+#include <filesystem>
+#include <set>
+
+#include "host/QVProgramRunner.h"
+#include "support/QVFTPTestServer.h"
+#include "support/QVTestServer.h"
+#include "support/QVVersionChecks.h"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using namespace qvtest;
+using std::chrono::seconds;
+
+namespace {
+
+constexpr std::uint64_t kBig = 512ull << 20;  // long enough to act while it is copied
+
+class QVFaultTest : public HostTest, public ::testing::WithParamInterface<std::string> {
+ protected:
+  void SetUp() override {
+    if (!haveProgram("/usr/sbin/apache2") || !haveProgram("/usr/bin/python3")) GTEST_SKIP() << "no test servers";
+    m_root = addDestination("Dest", m_env.root() + "/local");
+    m_daemon = std::make_unique<RunningProgram>(std::vector<std::string>{"daemon"});
+    ASSERT_TRUE(m_daemon->waitFor([&] { return m_daemon->err.find("started with") != std::string::npos; }, seconds(20)));
+  }
+  void TearDown() override {
+    if (!m_daemon) return;
+    EXPECT_EQ(runProgram({"status"}).status, 0) << "the daemon went on serving";
+    kill(m_daemon->pid, SIGTERM);
+    EXPECT_EQ(m_daemon->finish(seconds(60)).status, 0) << m_daemon->err;
+    EXPECT_FALSE(json::parse(readFile(m_env.preferencesPath()), nullptr, false).is_discarded());
+  }
+
+  // A destination of this test's kind, made the default; returns the folder on disk where groups land.
+  std::string addDestination(const std::string& title, const std::string& localFolder) {
+    std::vector<std::string> arguments = {"target", "add", "--title", title, "--default", "--type"};
+    std::string root, input;
+    if (GetParam() == "dav") {
+      m_servers.push_back(std::make_unique<ApacheDAVServer>());
+      root = static_cast<ApacheDAVServer&>(*m_servers.back()).root() + "/b";
+      arguments.insert(arguments.end(), {"dav", "--server", "127.0.0.1", "--path", "b"});
+    } else if (GetParam() == "ftp") {
+      m_servers.push_back(std::make_unique<PyftpdlibServer>("ann", "pw", 64 << 20));
+      root = static_cast<PyftpdlibServer&>(*m_servers.back()).root() + "/b";
+      arguments.insert(arguments.end(), {"ftp", "--server", "127.0.0.1", "--path", "b", "--user", "ann",
+                                         "--password-stdin"});
+      input = "pw\n";
+    } else {
+      root = localFolder;
+      arguments.insert(arguments.end(), {"local", "--path", root});
+    }
+    if (!m_servers.empty() && GetParam() != "local")
+      arguments.insert(arguments.end(), {"--port", std::to_string(m_servers.back()->port())});
+    fs::create_directories(root);
+    const ProgramResult added = runProgram(arguments, input);
+    EXPECT_EQ(added.status, 0) << added.err;
+    return root;
+  }
+  // A group of a small file and the folder "big" (holding big.bin, small for the first backup), backed
+  // up once; returns the listing of that first version.
+  std::string groupWithAVersion(const std::string& title) {
+    writeFile(m_env.home() + "/" + title + "/big/big.bin", "first");
+    runJSON({"group", "add", title, makeFile(title + ".txt", "kept"), m_env.home() + "/" + title + "/big"});
+    runJSON({"group", "set", title, "--versions", "2"});
+    EXPECT_EQ(runProgram({"backup", title}).status, 0);
+    fs::resize_file(m_env.home() + "/" + title + "/big/big.bin", kBig);
+    return treeListing(versions(title).front());
+  }
+  // The version folders of a group on disk, oldest first.
+  std::vector<std::string> versions(const std::string& title, const std::string& root = "") const {
+    std::vector<std::string> found;
+    std::error_code ec;
+    for (const auto& entry : fs::directory_iterator((root.empty() ? m_root : root) + "/" + title, ec))
+      if (entry.path().extension() == ".backup") found.push_back(entry.path().string());
+    std::sort(found.begin(), found.end());
+    return found;
+  }
+  // The files of more than 16 MiB at the destination (arrived, or arriving).
+  std::set<std::string> bigFiles() const {
+    std::set<std::string> found;
+    std::error_code ec;
+    for (const auto& entry : fs::recursive_directory_iterator(fs::path(m_root).parent_path(), ec))
+      if (entry.is_regular_file(ec) && entry.file_size(ec) > (16u << 20)) found.insert(entry.path().string());
+    return found;
+  }
+  // Starts a backup in the daemon, waits until a new big.bin arrives, does act, and returns the backup's end.
+  ProgramResult backupWhile(const std::string& title, const std::function<void()>& act) {
+    const std::set<std::string> before = bigFiles();
+    RunningProgram backup({"backup", title});
+    EXPECT_TRUE(backup.waitFor([&] { return bigFiles().size() > before.size(); }, seconds(60))) << backup.err;
+    act();
+    return backup.finish();
+  }
+  json status(const std::string& title) {
+    for (const auto& record : runJSON({"status", "--json"}))
+      if (record["title"] == title) return record;
+    return nullptr;
+  }
+
+  std::string m_root;
+  std::vector<std::unique_ptr<TestServer>> m_servers;
+  std::unique_ptr<RunningProgram> m_daemon;
+};
+
+TEST_P(QVFaultTest, TheSourceChangingUnderARunLeavesEveryVersionReadable) {
+  const std::string first = groupWithAVersion("Docs");
+  const std::string big = m_env.home() + "/Docs/big/big.bin";
+  writeFile(m_env.home() + "/Docs/big/gone.txt", "gone");
+  writeFile(m_env.home() + "/Docs/big/grows.txt", "grows");
+  const ProgramResult run = backupWhile("Docs", [&] {
+    fs::resize_file(big, 1 << 20);  // truncated while it is read
+    fs::remove(m_env.home() + "/Docs/big/gone.txt");
+    writeFile(m_env.home() + "/Docs/big/grows.txt", std::string(1 << 20, 'g'));
+  });
+  EXPECT_TRUE(run.status == 0 || run.status == 1) << run.err;
+  EXPECT_EQ(treeListing(versions("Docs").front()), first);
+  // Whatever the run made of it, the next one is whole.
+  EXPECT_EQ(runProgram({"backup", "Docs"}).status, 0);
+  EXPECT_EQ(readFile(versions("Docs").back() + "/big/grows.txt").size(), 1u << 20);
+  EXPECT_EQ(fs::file_size(versions("Docs").back() + "/big/big.bin"), 1u << 20);
+}
+
+TEST_P(QVFaultTest, CancelBeforeTheFirstItemInsideAFileAndDuringPruningEndsWithMinus128) {
+  const std::string first = groupWithAVersion("Docs");
+  // Before the first item: asked at once.
+  RunningProgram early({"backup", "Docs"});
+  ASSERT_TRUE(early.waitFor([&] { return status("Docs")["state"] == "running"; }, seconds(30)));
+  EXPECT_EQ(runProgram({"cancel", "Docs"}).status, 0);
+  EXPECT_EQ(early.finish().status, 1);
+  EXPECT_EQ(status("Docs")["statusCode"], -128);
+  // Inside the large file, after a whole run: that run's version stays as it was.
+  EXPECT_EQ(backupWhile("Docs", [] {}).status, 0) << "runs to its end when left alone";
+  const std::string whole = versions("Docs").back(), wholeListing = treeListing(whole);
+  const ProgramResult inside = backupWhile("Docs", [] { EXPECT_EQ(runProgram({"cancel", "Docs"}).status, 0); });
+  EXPECT_EQ(inside.status, 1) << inside.err;
+  EXPECT_EQ(status("Docs")["statusCode"], -128);
+  EXPECT_EQ(treeListing(whole), wholeListing);
+}
+
+TEST_P(QVFaultTest, TheDestinationVanishingDuringARunFailsItAndTheNextRunWorksAgain) {
+  groupWithAVersion("Docs");
+  const ProgramResult run = backupWhile("Docs", [&] { fs::remove_all(m_root); });
+  // A folder fails the run; a server may take what still comes (and make the folders again for it).
+  // A file being written stays writable when its folder goes: what still comes may complete the run.
+  EXPECT_TRUE(run.status == 0 || run.status == 1) << run.err;
+  EXPECT_EQ(status("Docs")["lastOutcome"] == "complete", run.status == 0) << "the outcome recorded is the one told";
+  fs::create_directories(m_root);
+  fs::resize_file(m_env.home() + "/Docs/big/big.bin", 1024);
+  EXPECT_EQ(runProgram({"backup", "Docs"}).status, 0);
+  EXPECT_EQ(versions("Docs").size(), 1u);
+}
+
+TEST_P(QVFaultTest, TwoGroupsRunAtOnceToOneDestinationAndToAnother) {
+  const std::string other = addDestination("Other", m_env.root() + "/other");
+  const std::string tree = makeTree(m_env.home() + "/Tree");
+  for (const std::string title : {"A", "B", "C"}) runJSON({"group", "add", title, tree});
+  runJSON({"group", "set", "C", "--target", "Other"});
+  runJSON({"group", "set", "A", "--target", "Dest"});
+  runJSON({"group", "set", "B", "--target", "Dest"});
+  const ProgramResult run = runProgram({"backup", "A", "B", "C"});
+  EXPECT_EQ(run.status, 0) << run.err;
+  for (const auto& [title, root] : {std::pair{"A", m_root}, {"B", m_root}, {"C", other}}) {
+    ASSERT_EQ(versions(title, root).size(), 1u) << title;
+    EXPECT_EQ(treeListing(versions(title, root)[0] + "/Tree"), treeListing(tree)) << title;
+  }
+}
+
+TEST_P(QVFaultTest, AFullVolumeFailsTheRunAndKeepsTheVersionsBefore) {
+  if (geteuid() != 0) GTEST_SKIP() << "mounting a small volume needs root";
+  ASSERT_EQ(mount("tmpfs", m_root.c_str(), "tmpfs", 0, "size=8m"), 0) << std::strerror(errno);
+  struct Unmount {
+    std::string path;
+    ~Unmount() { umount2(path.c_str(), MNT_DETACH); }
+  } unmount{m_root};
+  fs::permissions(m_root, fs::perms::all);
+  writeFile(m_env.home() + "/Docs/big/big.bin", "first");
+  runJSON({"group", "add", "Docs", m_env.home() + "/Docs/big"});
+  ASSERT_EQ(runProgram({"backup", "Docs"}).status, 0);
+  const std::string first = treeListing(versions("Docs").front());
+  writeFile(m_env.home() + "/Docs/big/big.bin", std::string(16 << 20, 'x'));  // not sparse: it takes room
+  const ProgramResult full = runProgram({"backup", "Docs"});
+  EXPECT_EQ(full.status, 1) << full.out << full.err;
+  EXPECT_EQ(treeListing(versions("Docs").front()), first);
+  EXPECT_EQ(status("Docs")["lastOutcome"], "failed");
+}
+
+INSTANTIATE_TEST_SUITE_P(Destinations, QVFaultTest, ::testing::Values("local", "dav", "ftp"),
+                         [](const auto& info) { return info.param; });
+
+// The server killed while it removes old versions: the version just made stays whole, and once the
+// server is back the next run removes what is left over.
+class QVPruneFaultTest : public QVFaultTest {};
+
+TEST_P(QVPruneFaultTest, CancelledOrKilledWhilePruningTheNewestVersionStays) {
+  writeFile(m_env.home() + "/Docs/a.txt", "newest");
+  runJSON({"group", "add", "Docs", m_env.home() + "/Docs"});
+  runJSON({"group", "set", "Docs", "--versions", "1"});
+  // Old versions of many files, slow to remove one by one; the run is caught once it has begun on them.
+  auto runWhilePruning = [&](const std::function<void()>& act) {
+    for (int version = 0; version < 4; ++version)
+      for (int file = 0; file < 400; ++file)
+        writeFile(m_root + "/Docs/2020010100000" + std::to_string(version) + ".backup/Docs/f" + std::to_string(file), "old");
+    fs::permissions(m_root + "/Docs", fs::perms::all);
+    RunningProgram run({"backup", "Docs"});
+    auto old = [&] {
+      const auto all = versions("Docs");
+      return std::count_if(all.begin(), all.end(), [](const std::string& v) { return v.find("/2020") != std::string::npos; });
+    };
+    EXPECT_TRUE(run.waitFor([&] { return old() < 4; }, seconds(60))) << run.err;
+    act();
+    const ProgramResult ended = run.finish();
+    EXPECT_TRUE(ended.status == 0 || ended.status == 1) << ended.err;
+    ASSERT_FALSE(versions("Docs").empty());
+    EXPECT_EQ(readFile(versions("Docs").back() + "/Docs/a.txt"), "newest");
+  };
+  runWhilePruning([] { runProgram({"cancel", "Docs"}); });
+  runWhilePruning([&] { m_servers.front()->stop(); });
+  m_servers.front()->restart();
+  EXPECT_EQ(runProgram({"backup", "Docs"}).status, 0);
+  EXPECT_EQ(versions("Docs").size(), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Servers, QVPruneFaultTest, ::testing::Values("dav", "ftp"),
+                         [](const auto& info) { return info.param; });
+
+}  // namespace
