@@ -80,7 +80,8 @@ bool QVControlConnection::onReady() {
 bool QVControlConnection::readAvailable() {
   if (m_closeWhenSent) return m_fd >= 0;  // only the refusal is still going out
   char buffer[65536];
-  for (;;) {
+  // A bounded share per wake-up: a peer that never stops sending cannot keep the others waiting.
+  for (int round = 0; round < 16; ++round) {
     const ssize_t count = recv(m_fd, buffer, sizeof buffer, 0);
     if (count > 0) {
       m_reader.append(buffer, static_cast<std::size_t>(count));
@@ -112,6 +113,7 @@ bool QVControlConnection::readAvailable() {
     close(std::string("the connection failed: ") + std::strerror(errno));
     return false;
   }
+  return true;
 }
 
 bool QVControlConnection::writeQueued() {
