@@ -160,7 +160,8 @@ struct QVCommandLine::Impl {
                    "\nCtrl-C (SIGINT) or SIGTERM cancels the running backups; the status is then 130.");
     addJSON(backup);
 
-    daemon = app.add_subcommand("daemon", "Run the scheduled backups until stopped");
+    daemon = app.add_subcommand(
+        "daemon", "Run the user's agent until stopped: the scheduled backups, and every other command meanwhile");
     daemon->footer(kDaemonFooter);
 
     menu = app.add_subcommand("menu", "Print the status menu, or choose an entry of a group's submenu");
