@@ -38,6 +38,8 @@ set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
+# shellcheck source=bench/servers.sh
+source "$here/servers.sh"
 program=${QV_PROGRAM:-$root/build/stellwin-backup}
 files=${QV_BENCH_FILES:-5000}
 large_mb=${QV_BENCH_LARGE_MB:-512}
@@ -77,20 +79,6 @@ trap 'exit 130' INT TERM
 # Nothing may go through a proxy: every address is 127.0.0.1.
 unset http_proxy https_proxy ftp_proxy all_proxy HTTP_PROXY HTTPS_PROXY FTP_PROXY ALL_PROXY
 export NO_PROXY=127.0.0.1 no_proxy=127.0.0.1
-
-port_is_free() { [[ -z $(ss -Htan "( sport = :$1 )") ]]; }
-free_port() {  # prints a port of 127.0.0.1 that nothing uses
-  local port
-  while :; do port=$((20000 + RANDOM % 30000)); port_is_free "$port" && { echo "$port"; return; }; done
-}
-free_range() {  # count: prints the first port of COUNT consecutive free ports
-  local base i
-  while :; do
-    base=$((20000 + RANDOM % 30000))
-    for ((i = 0; i < $1; i++)); do port_is_free $((base + i)) || continue 2; done
-    echo "$base"; return
-  done
-}
 
 make_small_files() {  # folder count: COUNT files of 1-16 KiB in 50 folders
   perl -e '
@@ -226,66 +214,10 @@ new_home() {  # name
 
 bench_dav() {
   local d=$work/dav port user=bench pass
-  rm -rf "$d"; mkdir -p "$d/data" "$d/logs" "$d/lock" "$d/run"
+  rm -rf "$d"
   pass=$(head -c 24 /dev/urandom | base64 | tr -dc 'A-Za-z0-9')
   port=$(free_port)
-  htpasswd -ciB "$d/htpasswd" "$user" <<<"$pass" 2>/dev/null
-  local mods=/usr/lib/apache2/modules m
-  {
-    echo "ServerRoot \"$d\""
-    echo "ServerName 127.0.0.1"
-    echo "Listen 127.0.0.1:$port"
-    echo "PidFile \"$d/run/httpd.pid\""
-    echo "DefaultRuntimeDir \"$d/run\""
-    echo "ErrorLog \"$d/logs/error.log\""
-    for m in mpm_event authz_core authz_user authn_core authn_file auth_basic dav dav_fs; do
-      echo "LoadModule ${m}_module $mods/mod_$m.so"
-    done
-    # The client's port tells the connections apart.
-    echo 'LogFormat "%{remote}p %m %>s %U" bench'
-    echo "CustomLog \"$d/logs/access.log\" bench"
-    if [[ $EUID == 0 ]]; then echo "User nobody"; echo "Group nogroup"; fi
-    echo "StartServers 1"
-    echo "ServerLimit 1"
-    echo "ThreadsPerChild 25"
-    echo "MaxRequestWorkers 25"
-    echo "MinSpareThreads 5"
-    echo "MaxSpareThreads 50"
-    echo "KeepAlive On"
-    echo "MaxKeepAliveRequests 0"
-    echo "KeepAliveTimeout 60"
-    echo "LimitRequestBody 0"
-    echo "DavLockDB \"$d/lock/DavLock\""
-    echo "DocumentRoot \"$d/data\""
-    echo "<Directory />"
-    echo "  AllowOverride None"
-    echo "  Require all denied"
-    echo "</Directory>"
-    echo "<Directory \"$d/data\">"
-    echo "  Dav On"
-    echo "  AuthType Basic"
-    echo "  AuthName bench"
-    echo "  AuthBasicProvider file"
-    echo "  AuthUserFile \"$d/htpasswd\""
-    echo "  Require valid-user"
-    echo "</Directory>"
-  } >"$d/httpd.conf"
-  mkdir -p "$d/data/qv" "$d/data/curl" "$d/data/rclone1" "$d/data/rclone4"
-  # As root the server's workers run as nobody, who must reach the work folder, read the password
-  # file and write the data and the lock database.
-  if [[ $EUID == 0 ]]; then
-    chmod o+x "$work" "$d"
-    chgrp nogroup "$d/htpasswd" && chmod 0640 "$d/htpasswd"
-    chown -R nobody:nogroup "$d/data" "$d/lock"
-  fi
-
-  /usr/sbin/apache2 -f "$d/httpd.conf" -DFOREGROUND &
-  server_pids+=($!)
-  local tries=0
-  until [[ $(curl -q -s -o /dev/null -w '%{http_code}' "http://127.0.0.1:$port/") == 401 ]]; do
-    (( ++tries < 100 )) || { echo "dav: Apache did not answer; the end of its log:" >&2; tail -n 5 "$d/logs/error.log" >&2 || true; exit 2; }
-    sleep 0.1
-  done
+  start_apache "$d" "$port" "$user" "$pass" qv curl rclone1 rclone4
   echo "dav: Apache httpd + mod_dav on 127.0.0.1:$port"
 
   new_home dav
@@ -320,37 +252,7 @@ bench_ftp() {
   rm -rf "$d"; mkdir -p "$d/root/backup" "$d/root/curl" "$d/root/rclone1" "$d/root/rclone4" "$d/empty"
   port=$(free_port)
   pasv=$(free_range 200)
-  cat >"$d/vsftpd.conf" <<EOF
-listen=YES
-listen_ipv6=NO
-background=NO
-listen_address=127.0.0.1
-listen_port=$port
-run_as_launching_user=YES
-anonymous_enable=YES
-no_anon_password=YES
-anon_root=$d/root
-local_enable=NO
-write_enable=YES
-anon_upload_enable=YES
-anon_mkdir_write_enable=YES
-anon_other_write_enable=YES
-anon_umask=022
-secure_chroot_dir=$d/empty
-pasv_enable=YES
-pasv_min_port=$pasv
-pasv_max_port=$((pasv + 199))
-pasv_address=127.0.0.1
-seccomp_sandbox=NO
-xferlog_enable=NO
-EOF
-  /usr/sbin/vsftpd "$d/vsftpd.conf" &
-  server_pids+=($!)
-  local tries=0
-  until curl -q -s -o /dev/null "ftp://127.0.0.1:$port/"; do
-    (( ++tries < 100 )) || { echo "ftp: vsftpd did not start" >&2; exit 2; }
-    sleep 0.1
-  done
+  start_vsftpd "$d" "$port" "$pasv" 200
   echo "ftp: vsftpd on 127.0.0.1:$port, passive ports $pasv-$((pasv + 199))"
 
   new_home ftp

@@ -18,6 +18,8 @@ set -euo pipefail
 
 here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
+# shellcheck source=bench/servers.sh
+source "$here/servers.sh"
 program=${QV_PROGRAM:-$root/build/stellwin-backup}
 files=${QV_BENCH_FILES:-5000}
 large_mb=${QV_BENCH_LARGE_MB:-512}
@@ -44,7 +46,6 @@ trap 'exit 130' INT TERM
 unset http_proxy https_proxy ftp_proxy all_proxy HTTP_PROXY HTTPS_PROXY FTP_PROXY ALL_PROXY
 export NO_PROXY=127.0.0.1 no_proxy=127.0.0.1
 
-free_port() { local p; while :; do p=$((20000 + RANDOM % 30000)); [[ -z $(ss -Htan "( sport = :$p )") ]] && { echo "$p"; return; }; done; }
 settle() { sync; sleep 3; }
 quote() { local s=${1//\\/\\\\}; printf '"%s"' "${s//\"/\\\"}"; }
 
@@ -131,27 +132,11 @@ bench_local() {
 }
 
 bench_dav() {
-  local d=$work/dav port user=bench pass version m
-  rm -rf "$d"; mkdir -p "$d/data/qv" "$d/logs" "$d/lock" "$d/run"
+  local d=$work/dav port user=bench pass version
+  rm -rf "$d"
   pass=$(head -c 24 /dev/urandom | base64 | tr -dc 'A-Za-z0-9')
   port=$(free_port)
-  htpasswd -ciB "$d/htpasswd" "$user" <<<"$pass" 2>/dev/null
-  { echo "ServerRoot \"$d\""; echo "ServerName 127.0.0.1"; echo "Listen 127.0.0.1:$port"
-    echo "PidFile \"$d/run/httpd.pid\""; echo "DefaultRuntimeDir \"$d/run\""; echo "ErrorLog \"$d/logs/error.log\""
-    for m in mpm_event authz_core authz_user authn_core authn_file auth_basic dav dav_fs; do
-      echo "LoadModule ${m}_module /usr/lib/apache2/modules/mod_$m.so"; done
-    if [[ $EUID == 0 ]]; then echo "User nobody"; echo "Group nogroup"; fi
-    echo "KeepAlive On"; echo "MaxKeepAliveRequests 0"; echo "KeepAliveTimeout 60"; echo "LimitRequestBody 0"
-    echo "DavLockDB \"$d/lock/DavLock\""; echo "DocumentRoot \"$d/data\""
-    echo "<Directory \"$d/data\">"; echo "  Dav On"; echo "  AuthType Basic"; echo "  AuthName bench"
-    echo "  AuthBasicProvider file"; echo "  AuthUserFile \"$d/htpasswd\""; echo "  Require valid-user"; echo "</Directory>"
-  } >"$d/httpd.conf"
-  if [[ $EUID == 0 ]]; then
-    chmod o+x "$work" "$d"; chgrp nogroup "$d/htpasswd" && chmod 0640 "$d/htpasswd"; chown -R nobody:nogroup "$d/data" "$d/lock"
-  fi
-  /usr/sbin/apache2 -f "$d/httpd.conf" -DFOREGROUND &
-  server_pids+=($!)
-  until [[ $(curl -q -s -o /dev/null -w '%{http_code}' "http://127.0.0.1:$port/") == 401 ]]; do sleep 0.1; done
+  start_apache "$d" "$port" "$user" "$pass" qv
   new_home dav
   "$program" target add --type dav --title NAS --server 127.0.0.1 --port "$port" --path qv --user "$user" \
     --password-stdin --default <<<"$pass" >/dev/null
@@ -172,35 +157,9 @@ bench_dav() {
 
 bench_ftp() {
   local d=$work/ftp port pasv version
-  rm -rf "$d"; mkdir -p "$d/root/backup" "$d/empty"
-  port=$(free_port); pasv=$(free_port)
-  cat >"$d/vsftpd.conf" <<CONF
-listen=YES
-listen_ipv6=NO
-background=NO
-listen_address=127.0.0.1
-listen_port=$port
-run_as_launching_user=YES
-anonymous_enable=YES
-no_anon_password=YES
-anon_root=$d/root
-local_enable=NO
-write_enable=YES
-anon_upload_enable=YES
-anon_mkdir_write_enable=YES
-anon_other_write_enable=YES
-anon_umask=022
-secure_chroot_dir=$d/empty
-pasv_enable=YES
-pasv_min_port=$pasv
-pasv_max_port=$((pasv + 50))
-pasv_address=127.0.0.1
-seccomp_sandbox=NO
-xferlog_enable=NO
-CONF
-  /usr/sbin/vsftpd "$d/vsftpd.conf" &
-  server_pids+=($!)
-  until curl -q -s -o /dev/null "ftp://127.0.0.1:$port/"; do sleep 0.1; done
+  rm -rf "$d"; mkdir -p "$d/root/backup"
+  port=$(free_port); pasv=$(free_range 50)
+  start_vsftpd "$d" "$port" "$pasv" 50
   new_home ftp
   "$program" target add --type ftp --title Box --server 127.0.0.1 --port "$port" --path backup --default >/dev/null
   version=$(backup_once "$d/root/backup")
