@@ -62,11 +62,13 @@ QVProgram::QVProgram(std::vector<std::string> arguments) : m_arguments(std::move
 int QVProgram::run(const QVCommandOptions& given) {
   std::string error;
   const std::string folder = QVAgentLock::runtimeFolder(error);
-  if (folder.empty()) {
+  // Only the daemon needs the folder (for its socket); another command still finds a daemon through the
+  // lock and takes turns with it.
+  if (folder.empty() && given.command == QVCommand::daemon) {
     std::cerr << kProgram << ": " << error << std::endl;
     return 1;
   }
-  const std::string socketPath = QVAgentLock::socketPath(folder);
+  const std::string socketPath = folder.empty() ? "" : QVAgentLock::socketPath(folder);
   // Who this is, for a command that has to wait for it (arguments never hold a password).
   std::string description = kProgram;
   for (std::size_t i = 1; i < m_arguments.size(); ++i) description += " " + m_arguments[i];
