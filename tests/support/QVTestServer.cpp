@@ -43,8 +43,10 @@ bool portIsFree(int port) { return tryPort(port, false); }
 }  // namespace
 
 int freePort(int count) {
-  // Ports from a range of our own, spread by process so that parallel test programs rarely meet.
-  static int next = 20000 + static_cast<int>(::getpid() % 2000) * 10;
+  // Ports from a range of our own, spread by process so that parallel test programs rarely meet: a
+  // hundred each, since a test may start several servers with passive port ranges, and test programs
+  // started one after another have neighbouring process ids.
+  static int next = 20000 + static_cast<int>(::getpid() % 400) * 100;
   for (int attempt = 0; attempt < 4000; ++attempt) {
     if (next + count > 60000) next = 20000;
     int first = next;
