@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <functional>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -82,6 +84,13 @@ std::string QVAgentLock::runtimeFolder(std::string& error) {
     return "";
   }
   return folder;
+}
+
+std::string QVAgentLock::socketPath(const std::string& folder) {
+  char name[32];
+  std::snprintf(name, sizeof name, "/control-%08zx.sock",
+                std::hash<std::string>{}(QVUserDefaults::configDirectory()) & 0xffffffffu);
+  return folder + name;
 }
 
 std::string QVAgentLock::holder() {

@@ -18,7 +18,9 @@ class QVAgentLock {
   // /tmp/stellwin-backup-<uid>. "" with error when it cannot be made or is not private (another
   // owner, or open to others).
   static std::string runtimeFolder(std::string& error);
-  static std::string socketPath(const std::string& folder) { return folder + "/control.sock"; }
+  // The daemon's socket in folder, named after the preferences it serves, so that daemons of two
+  // configurations sharing a runtime folder never meet: "control-<hash>.sock".
+  static std::string socketPath(const std::string& folder);
 
   // Takes the lock, waiting up to wait for its holder to let go. Every 100 ms of waiting, stopWaiting
   // (when given) may end the wait early. nullptr with error naming the holder otherwise:

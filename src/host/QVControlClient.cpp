@@ -34,7 +34,10 @@ std::unique_ptr<QVControlClient> QVControlClient::connect(const std::string& soc
 QVControlClient::QVControlClient(std::unique_ptr<QVControlConnection> connection)
     : m_connection(std::move(connection)) {
   m_connection->start([this](QVDictionary& message) { m_inbox.push_back(std::move(message)); },
-                      [this](const std::string&) { m_closed = true; });
+                      [this](const std::string& why) {
+                        m_closed = true;
+                        m_closeReason = why;
+                      });
 }
 
 QVControlClient::~QVControlClient() = default;
@@ -49,7 +52,13 @@ QVControlClient::Result QVControlClient::run(const QVCommandOptions& options, st
     err << kProgram << ": the daemon did not answer within " << kAnswerTimeout.count() << " minutes" << std::endl;
     return {Answer::done, 1};
   }
-  if (m_inbox.empty()) return {};  // it went away first (it may be starting anew)
+  if (m_inbox.empty()) {
+    // Closed in order before an answer: the daemon is starting anew, and took nothing. Anything else
+    // is told, never tried again (the command may have been carried out).
+    if (m_closeReason.empty()) return {};
+    err << kProgram << ": lost the connection to the daemon: " << m_closeReason << std::endl;
+    return {Answer::done, 1};
+  }
   const QVDictionary answer = m_inbox.front();
   m_inbox.erase(m_inbox.begin());
   const std::string type = qv::controlString(answer, "type");

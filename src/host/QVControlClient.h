@@ -44,4 +44,5 @@ class QVControlClient {
   std::unique_ptr<QVControlConnection> m_connection;
   std::vector<QVDictionary> m_inbox;
   bool m_closed = false;
+  std::string m_closeReason;  // "" for an orderly end
 };

@@ -17,7 +17,7 @@ constexpr int kConnectTimeoutMs = 2000;
 
 }  // namespace
 
-QVControlConnection::QVControlConnection(int fd) : m_fd(fd) {
+QVControlConnection::QVControlConnection(int fd, std::size_t limit) : m_fd(fd), m_reader(limit) {
   fcntl(m_fd, F_SETFL, fcntl(m_fd, F_GETFL) | O_NONBLOCK);
   struct ucred credentials {};
   socklen_t length = sizeof credentials;
@@ -39,18 +39,18 @@ std::unique_ptr<QVControlConnection> QVControlConnection::connectTo(const std::s
   std::memcpy(address.sun_path, socketPath.c_str(), socketPath.size() + 1);
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) return nullptr;
-  if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-    // A daemon whose queue of new connections is full answers in a moment; one that does not is stuck.
-    pollfd ready{fd, POLLOUT, 0};
-    int error = 0;
-    socklen_t length = sizeof error;
-    if (errno != EAGAIN || poll(&ready, 1, kConnectTimeoutMs) != 1 ||
-        getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
+  // A daemon whose queue of new connections is full answers in a moment; one that does not is stuck.
+  for (int waited = 0; connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0; waited += 50) {
+    if (errno != EAGAIN || waited >= kConnectTimeoutMs) {
       ::close(fd);
       return nullptr;
     }
+    poll(nullptr, 0, 50);
   }
-  return std::make_unique<QVControlConnection>(fd);
+  auto connection = std::make_unique<QVControlConnection>(fd, kQVControlReplyLimit);
+  // Only this user's daemon is told anything (a password may follow).
+  if (connection->peerUser() != geteuid()) return nullptr;
+  return connection;
 }
 
 void QVControlConnection::start(MessageHandler onMessage, CloseHandler onClose) {

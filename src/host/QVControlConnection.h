@@ -19,8 +19,9 @@ class QVControlConnection {
   // What may be queued for a peer that does not read before the connection is dropped.
   static constexpr std::size_t kQueueLimit = 16 << 20;
 
-  // Takes fd, a connected Unix stream socket (made non-blocking here).
-  explicit QVControlConnection(int fd);
+  // Takes fd, a connected Unix stream socket (made non-blocking here); messages larger than limit are
+  // refused.
+  explicit QVControlConnection(int fd, std::size_t limit = kQVControlMessageLimit);
   ~QVControlConnection();
   QVControlConnection(const QVControlConnection&) = delete;
   QVControlConnection& operator=(const QVControlConnection&) = delete;

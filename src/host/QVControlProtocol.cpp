@@ -108,9 +108,8 @@ QVControlMessageReader::Status QVControlMessageReader::next(QVDictionary& messag
   const auto* header = reinterpret_cast<const unsigned char*>(m_buffer.data());
   const std::size_t length = (std::size_t{header[0]} << 24) | (std::size_t{header[1]} << 16) |
                              (std::size_t{header[2]} << 8) | std::size_t{header[3]};
-  if (length > kQVControlMessageLimit)
-    return refuse("message too large (" + std::to_string(length) + " bytes; at most " +
-                  std::to_string(kQVControlMessageLimit) + ")");
+  if (length > m_limit)
+    return refuse("message too large (" + std::to_string(length) + " bytes; at most " + std::to_string(m_limit) + ")");
   if (m_buffer.size() < 4 + length) return Status::incomplete;
   std::string body = m_buffer.substr(4, length);
   m_buffer.erase(0, 4 + length);

@@ -25,11 +25,14 @@ struct QVRunOutcome;
 
 inline constexpr std::int64_t kQVControlProtocol = 1;
 inline constexpr std::size_t kQVControlMessageLimit = 1 << 20;
+// What a command takes from its daemon (the same user's): a whole journal fits.
+inline constexpr std::size_t kQVControlReplyLimit = 64 << 20;
 inline constexpr int kQVControlNestingLimit = 32;
 
 // Takes frames off a stream of received bytes.
 class QVControlMessageReader {
  public:
+  explicit QVControlMessageReader(std::size_t limit = kQVControlMessageLimit) : m_limit(limit) {}
   enum class Status { message, incomplete, refused };
 
   void append(const char* bytes, std::size_t count);
@@ -39,6 +42,7 @@ class QVControlMessageReader {
   bool hasPartialMessage() const { return !m_buffer.empty(); }
 
  private:
+  std::size_t m_limit;
   std::string m_buffer;
   std::string m_refusal;
 };

@@ -75,6 +75,8 @@ std::string QVDaemonCommand::nextRunText(const std::string& groupID) const {
 }
 
 int QVDaemonCommand::run() {
+  // A log reader that went away must not end the daemon.
+  std::signal(SIGPIPE, SIG_IGN);
   m_service = std::make_unique<QVControlService>(m_agent, m_monitor, m_host, m_log);
   std::string error;
   if (!m_service->listen(m_socketPath, error)) {
@@ -85,13 +87,14 @@ int QVDaemonCommand::run() {
   m_service->setChangeHooks(
       [this] {
         checkPreferencesFile();
-        return !m_reloading;
+        return !m_reloading && !m_stopping;
       },
       [this] {
         m_agent.syncUserDefaults();
         rememberPreferencesFile();
       });
   m_monitor.setStartHandler([this](const QVGroup& group) {
+    if (m_stopping) m_agent.cancelBackupGroupWithID(group.identifier);  // started as the daemon stops
     runStarted(group);
     m_service->runStarted(group);
   });
@@ -106,6 +109,7 @@ int QVDaemonCommand::run() {
     if (!m_stopping) m_log << (m_monitor.isIdle() ? "stopping" : "stopping: cancelling the running backups") << std::endl;
     m_stopping = true;
     m_service->stopListening();  // new commands wait for the lock, then run on their own
+    m_agent.stopTimers();        // and no scheduled run starts while the others end
     for (const auto& groupID : m_monitor.runningGroupIDs()) m_agent.cancelBackupGroupWithID(groupID);
     for (const auto& group : m_agent.groups())
       if (m_agent.isBackingUpGroupWithID(group->identifier)) m_agent.cancelBackupGroupWithID(group->identifier);

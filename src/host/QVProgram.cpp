@@ -78,13 +78,15 @@ int QVProgram::run(const QVCommandOptions& given) {
   for (;;) {
     // A running daemon carries the command out.
     std::unique_ptr<QVControlClient> client;
-    if (options.command != QVCommand::daemon)
-      if (const std::string served = daemonSocket(socketPath); !served.empty()) client = QVControlClient::connect(served);
-    if (client) {
+    if (const std::string served = options.command == QVCommand::daemon ? "" : daemonSocket(socketPath); !served.empty()) {
+      // Read before connecting: the daemon waits only so long for a request.
       if (!readPasswordFirst(options)) {
         std::cerr << kProgram << ": could not read the password from standard input" << std::endl;
         return 2;
       }
+      client = QVControlClient::connect(served);
+    }
+    if (client) {
       QVControlClient::Result result = client->run(options, std::cout, std::cerr);
       if (result.answer == QVControlClient::Answer::done) return result.status;
       if (result.answer == QVControlClient::Answer::held) return runHere(options, nullptr, socketPath);

@@ -16,7 +16,15 @@ namespace {
 
 class QVDaemonControlTest : public HostTest {
  protected:
-  std::string socketPath() const { return m_env.root() + "/runtime/stellwin-backup/control.sock"; }
+  // Where the daemon serves, as its lock record names it (read once: another user cannot read it).
+  std::string socketPath() {
+    const std::string record = readFile(m_env.configDirectory() + "/agent.lock");
+    const std::size_t line = record.find('\n');
+    if (m_socket.empty() && line != std::string::npos)
+      m_socket = record.substr(line + 1, record.find('\n', line + 1) - line - 1);
+    return m_socket;
+  }
+  std::string m_socket;
 
   // Starts the daemon and waits until it answers on its socket.
   std::unique_ptr<RunningProgram> startDaemon() {
@@ -147,6 +155,7 @@ TEST_F(QVDaemonControlTest, RunsStartedAnywhereShowEverywhereAndCanBeCancelledFr
 
 TEST_F(QVDaemonControlTest, TurnsAwayBrokenMessagesAndOtherUsersAndGoesOnServing) {
   auto daemon = startDaemon();
+  ASSERT_FALSE(socketPath().empty());
   std::string random(4096, '\0');
   for (std::size_t i = 0; i < random.size(); ++i) random[i] = static_cast<char>((i * 7919 + 13) % 251);
   const std::string truncated = std::string("\0\0\0\x40{\"protocol\":1,", 18);
