@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "host/QVProgramRunner.h"
+#include "support/QVAgentTestSupport.h"
 #include "support/QVFTPTestServer.h"
 #include "support/QVVersionChecks.h"
 
@@ -21,7 +22,7 @@ std::string skipReason(const std::optional<TestCertificates>& certificates) {
   return "";
 }
 
-class QVFTPSIntegrationTest : public FTPAgentTest {
+class QVFTPSIntegrationTest : public RemoteAgentTest {
  protected:
   void SetUp() override {
     if (std::string reason = skipReason(m_certificates); !reason.empty()) GTEST_SKIP() << reason;
