@@ -44,12 +44,6 @@ class QVBackupAgentRunTest : public qvtest::AgentTest {
   bool waitForEnd(const QVGroupRef& group) {
     return qv::runMainLoopUntil([&] { return !agent->isBackingUpGroupWithID(group->identifier); });
   }
-  Lines namesIn(const std::string& folder) const {
-    Lines names;
-    for (const auto& entry : fs::directory_iterator(folder)) names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
 
   const std::string destination = env.root() + "/destination";
 };
@@ -62,7 +56,7 @@ TEST_F(QVBackupAgentRunTest, CopiesEveryItemUnderAUniqueNameAndReportsInOrder) {
   auto versions = agent->backupsForGroupWithID(group->identifier);
   ASSERT_TRUE(versions && versions->size() == 1u);
   const std::string version = destination + "/Docs/" + versions->front();
-  EXPECT_EQ(namesIn(version), (Lines{"a-1.txt", "a-2.txt", "a.txt"}));
+  EXPECT_EQ(qvtest::namesIn(version), (Lines{"a-1.txt", "a-2.txt", "a.txt"}));
   EXPECT_EQ(qvtest::readFile(version + "/a-2.txt"), "contents of y/a.txt");
   EXPECT_EQ(group->statusCode, 0);
   ASSERT_TRUE(group->lastBackupDate);
@@ -97,7 +91,7 @@ TEST_F(QVBackupAgentRunTest, PrunesOnlyVersionsAndKeepsTheNewest) {
     fs::create_directories(folder + "/" + old);
 
   ASSERT_TRUE(runToEnd(group));
-  Lines names = namesIn(folder), expected = strangers;
+  Lines names = qvtest::namesIn(folder), expected = strangers;
   EXPECT_EQ(std::erase_if(names, [](const std::string& name) { return qv::isVersionName(name) && name > "2023"; }), 1u);
   expected.insert(expected.begin(), {"20210101000000.backup", "20220101000000.backup"});
   EXPECT_EQ(names, expected);
@@ -105,7 +99,7 @@ TEST_F(QVBackupAgentRunTest, PrunesOnlyVersionsAndKeepsTheNewest) {
   // No lower bound: with nothing to keep, every version goes, the new one too, and the run succeeds.
   group->versions = 0;
   ASSERT_TRUE(runToEnd(group));
-  EXPECT_EQ(namesIn(folder), strangers);
+  EXPECT_EQ(qvtest::namesIn(folder), strangers);
   EXPECT_EQ(group->statusCode, 0);
 }
 
