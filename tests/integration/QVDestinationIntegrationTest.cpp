@@ -1,7 +1,10 @@
 // Backups to real servers of every remote destination kind on 127.0.0.1, checked on the servers' disks:
 // WebDAV on Apache httpd (mod_dav, with and without Basic authentication) and nginx (dav-ext), FTP on
-// vsftpd (anonymous) and pyftpdlib (a user with a password). Every server answers the same cases, through
-// the agent and through stellwin-backup; what only one protocol does has a suite of its own.
+// vsftpd (anonymous) and pyftpdlib (a user with a password), and FTPS on vsftpd with implicit TLS. Every
+// server answers the same cases, through the agent and through stellwin-backup; what only one protocol
+// does has a suite of its own. The FTPS server is in the table only under scripts/with-test-ca.sh, which
+// makes the test authority trusted for this process alone (ctest runs "*FTPS*" so); the destination
+// sets no TLS option, so what it trusts is exactly the system's store.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -32,18 +35,25 @@ constexpr const char* kEntry = "20240105143007.backup";
 
 // One row of the table of servers: its name in test names, whether it asks for kUser and kPassword, and
 // what must be installed for it.
-enum class Software { Apache, Nginx, Vsftpd, Pyftpdlib };
+enum class Software { Apache, Nginx, Vsftpd, VsftpdOverTLS, Pyftpdlib };
 struct Kind {
   const char* name;
   Software software;
   bool password;
   const char* needs;
-  bool ftp() const { return software == Software::Vsftpd || software == Software::Pyftpdlib; }
+  bool ftp() const { return software >= Software::Vsftpd; }
 };
 const Kind kApache{"Apache", Software::Apache, false, "/usr/sbin/apache2"},
     kApacheAuth{"ApacheWithBasicAuth", Software::Apache, true, "/usr/sbin/apache2"},
     kNginx{"Nginx", Software::Nginx, false, "/usr/sbin/nginx"}, kVsftpd{"Vsftpd", Software::Vsftpd, false, "/usr/sbin/vsftpd"},
+    kFTPS{"FTPSOnVsftpd", Software::VsftpdOverTLS, false, "/usr/sbin/vsftpd"},
     kPyftpdlib{"Pyftpdlib", Software::Pyftpdlib, true, "/usr/lib/python3/dist-packages/pyftpdlib"};
+const std::optional<TestCertificates> kCertificates = TestCertificates::fromEnvironment();
+// The kinds given, and FTPS where the test authority is trusted.
+std::vector<Kind> withFTPS(std::vector<Kind> kinds) {
+  if (kCertificates) kinds.push_back(kFTPS);
+  return kinds;
+}
 std::string kindName(const ::testing::TestParamInfo<Kind>& info) { return info.param.name; }
 void PrintTo(const Kind& kind, std::ostream* os) { *os << kind.name; }
 
@@ -60,10 +70,12 @@ struct Server {
                                               maxBody));
     else if (kind.software == Software::Nginx) serve(std::make_unique<NginxDAVServer>(maxBody));
     else if (kind.software == Software::Vsftpd) serve(std::make_unique<VsftpdServer>());
+    else if (kind.software == Software::VsftpdOverTLS)
+      serve(std::make_unique<VsftpdServer>(std::pair(kCertificates->trustedCertificate, kCertificates->trustedKey)));
     else serve(std::make_unique<PyftpdlibServer>(kUser, kPassword));
     // WebDAV makes no collection above the group's; pyftpdlib is reached from its root.
     if (!kind.ftp()) fs::create_directories(root + "/backup");
-    destination.type = kind.ftp() ? "ftp" : "dav";
+    destination.type = !kind.ftp() ? "dav" : kind.software == Software::VsftpdOverTLS ? "ftps" : "ftp";
     destination.port = process->port();
     if (kind.software == Software::Pyftpdlib) destination.path = "/backup/";
     if (kind.password) destination.user = kUser, destination.pass = kPassword;
@@ -203,7 +215,8 @@ TEST_P(QVDestinationIntegrationTest, AStoppedServerFailsTheRunBeforeItsNextItemA
   auto* ftp = dynamic_cast<QVFTPBackupTarget*>(made.get());
   QVError error;
   if (ftp) {
-    EXPECT_TRUE(contains(logged.lines(), "QVFTPBackupTarget warning: Could not remove directory -" + ftp->path() + "Docs/"));
+    const std::string className = kind().software == Software::VsftpdOverTLS ? "QVFTPSBackupTarget" : "QVFTPBackupTarget";
+    EXPECT_TRUE(contains(logged.lines(), className + " warning: Could not remove directory -" + ftp->path() + "Docs/"));
     ftp->backupWillStart();
     EXPECT_FALSE(ftp->backupItem(a, *group, "a.txt", kEntry, &error));
     EXPECT_TRUE(error.code == 7 && error.filePath == a && !ftp->isAvailable());
@@ -246,8 +259,8 @@ TEST_P(QVPasswordServerTest, RefusesAWrongPasswordAtTheFirstRequest) {
   EXPECT_FALSE(fs::exists(folder("Docs")));
 }
 
-using QVWebDAVServerTest = QVDestinationIntegrationTest;
-TEST_P(QVWebDAVServerTest, ARefusedRunRemovesItsVersionAndTheEmptiedGroupFolder) {
+using QVWebDAVDestinationTest = QVDestinationIntegrationTest;
+TEST_P(QVWebDAVDestinationTest, ARefusedRunRemovesItsVersionAndTheEmptiedGroupFolder) {
   // The collections are made, then every file is refused as too large.
   startServer(4);
   writeFile(sources() + "/a.txt", "more than four bytes");
@@ -259,8 +272,8 @@ TEST_P(QVWebDAVServerTest, ARefusedRunRemovesItsVersionAndTheEmptiedGroupFolder)
   EXPECT_FALSE(fs::exists(folder("Photos"))) << ::testing::PrintToString(namesIn(folder("Photos")));
 }
 
-using QVFTPServerTest = QVDestinationIntegrationTest;
-TEST_P(QVFTPServerTest, KeepsWhatArrivedListsAndRemovesAsTheServerAllows) {
+using QVFTPDestinationTest = QVDestinationIntegrationTest;
+TEST_P(QVFTPDestinationTest, KeepsWhatArrivedListsAndRemovesAsTheServerAllows) {
   writeFile(env.root() + "/Mixed/a.txt", "a");
   writeFile(env.root() + "/Mixed/b.txt", "b");
   QVGroupRef group = makeGroup("Edge", {env.root() + "/Mixed"});
@@ -302,10 +315,28 @@ TEST_P(QVFTPServerTest, KeepsWhatArrivedListsAndRemovesAsTheServerAllows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, QVDestinationIntegrationTest,
-                         ::testing::Values(kApache, kApacheAuth, kNginx, kVsftpd, kPyftpdlib), kindName);
+                         ::testing::ValuesIn(withFTPS({kApache, kApacheAuth, kNginx, kVsftpd, kPyftpdlib})), kindName);
 INSTANTIATE_TEST_SUITE_P(Servers, QVPasswordServerTest, ::testing::Values(kApacheAuth, kPyftpdlib), kindName);
-INSTANTIATE_TEST_SUITE_P(Servers, QVWebDAVServerTest, ::testing::Values(kApache, kApacheAuth, kNginx), kindName);
-INSTANTIATE_TEST_SUITE_P(Servers, QVFTPServerTest, ::testing::Values(kVsftpd, kPyftpdlib), kindName);
+INSTANTIATE_TEST_SUITE_P(Servers, QVWebDAVDestinationTest, ::testing::Values(kApache, kApacheAuth, kNginx), kindName);
+INSTANTIATE_TEST_SUITE_P(Servers, QVFTPDestinationTest, ::testing::Values(kVsftpd, kPyftpdlib), kindName);
+
+TEST(QVFTPSTrustTest, RefusesAServerTheSystemDoesNotTrust) {
+  if (!kCertificates) GTEST_SKIP() << "needs the test CA: run through scripts/with-test-ca.sh as root (ctest does)";
+  IsolatedEnvironment env;
+  VsftpdServer server(std::pair(kCertificates->untrustedCertificate, kCertificates->untrustedKey));
+  writeFile(env.root() + "/secret.txt", "secret");
+  QVTarget options = targetRecord("5B1D0C7E-0000-4000-8000-000000000005", "Untrusted", "ftps", "backup");
+  options.server = "127.0.0.1";
+  options.port = server.port();
+  auto destination = QVBackupTarget::targetWithOptions(options);
+  destination->backupWillStart();
+  QVError error;
+  EXPECT_FALSE(destination->backupItem(env.root() + "/secret.txt", QVGroup::fromDictionary({{"title", "G"}}),
+                                       "secret.txt", kEntry, &error));
+  EXPECT_EQ(error.code, 60);
+  EXPECT_EQ(error.recoverySuggestion, "SSL peer certificate or SSH remote key was not OK");
+  EXPECT_TRUE(fs::is_empty(server.root())) << "nothing was sent, in the clear or otherwise";
+}
 
 // A server that accepts the connection and then says nothing: WebDAV gives up after its idle timeout (two
 // seconds here), FTP's connection check after its 20 seconds.
@@ -418,6 +449,6 @@ TEST_P(QVDestinationProgramTest, SIGINTDuringALargeUploadEndsTheRunAtOnce) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, QVDestinationProgramTest,
-                         ::testing::Values(kApacheAuth, kNginx, kVsftpd, kPyftpdlib), kindName);
+                         ::testing::ValuesIn(withFTPS({kApacheAuth, kNginx, kVsftpd, kPyftpdlib})), kindName);
 
 }  // namespace
