@@ -1,171 +1,158 @@
-// The status menu's backup items through an agent with a recording host: the list, each group's submenu
-// while idle and while running, the cache of items, and where each entry leads.
-#include "menu/QVBackupMenuItemController.h"
-
+// The status menu's rules: what the list holds and when it holds nothing, what each group's submenu
+// offers at rest, while its backup runs and after, how the cache follows renamed and removed groups,
+// and what each entry asks of the agent (and that an entry standing for no group asks nothing).
 #include <gtest/gtest.h>
 
+#include "menu/QVBackupMenuItemController.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVMenu.h"
 #include "platform/QVRunLoop.h"
 #include "support/QVAgentTestSupport.h"
 
-using Lines = std::vector<std::string>;
-
 namespace {
 
-// A group item's submenu as text: a hidden entry in brackets, the separator as "--".
-Lines shown(const QVMenuItem& item) {
-  Lines lines;
-  for (const auto& entry : item.submenu()->itemArray())
-    lines.push_back(entry->isSeparatorItem() ? "--" : entry->isHidden() ? "[" + entry->title() + "]" : entry->title());
-  return lines;
-}
-
-const Lines kIdle = {"Last backup: Never", "--", "Backup Now", "[Cancel backup]", "Remove group"};
+using Items = std::vector<std::shared_ptr<QVMenuItem>>;
 
 class QVBackupMenuItemControllerTest : public qvtest::AgentTest {
  protected:
-  void SetUp() override {
-    start().createTargetWithDictionary(qvtest::targetRecord("S", "Scripted", "scripted", env.root()));
-    menu = agent->menuItemController();
-    ASSERT_TRUE(menu) << "a host with a status item gets a menu";
-  }
-  // A group of one file on the scripted destination, or on none ("nil").
-  QVGroupRef addGroup(const std::string& title, const std::string& target = "S") {
-    agent->addItemsAtPaths({makeFile(title + ".txt")}, title);
-    auto group = std::make_shared<QVGroup>(*groupNamed(title));
-    group->target = target;
-    agent->updateGroup(group);
-    return group;
-  }
-  std::shared_ptr<QVMenuItem> itemTitled(const std::string& title) {
-    const auto items = agent->menuItems().value();
-    for (const auto& item : items)
-      if (item->title() == title) return item;
-    return nullptr;
-  }
-  bool waitForEnd(const QVGroupRef& group) {
-    return qv::runMainLoopUntil([&] { return !agent->isBackingUpGroupWithID(group->identifier); });
-  }
+  void SetUp() override { start(); }
+  QVBackupMenuItemController& controller() { return *agent->menuItemController(); }
 
-  QVBackupMenuItemController* menu = nullptr;
+  // A group of one file; with a destination (the scripted kind, held at its first item) unless told not.
+  QVGroupRef addGroup(const std::string& title, bool withTarget = true) {
+    agent->addItemsAtPaths({makeFile(title + ".txt")}, title);
+    auto group = std::make_shared<QVGroup>(*agent->groups().back());
+    group->target = "nil";
+    if (withTarget) {
+      group->target = qv::stringWithUUID();
+      agent->createTargetWithDictionary(qvtest::targetRecord(*group->target, title, "scripted", env.root()));
+    }
+    agent->updateGroup(group);
+    return agent->groupWithIdentifier(group->identifier);
+  }
+  // The submenu of the group's item in a fresh list: titles, with "(hidden)" after hidden entries.
+  std::vector<std::string> submenu(const std::string& title) {
+    for (const auto& item : agent->menuItems().value_or(Items{})) {
+      if (item->title() != title || !item->submenu()) continue;
+      std::vector<std::string> entries;
+      for (const auto& entry : item->submenu()->itemArray())
+        entries.push_back(entry->isSeparatorItem() ? "----" : entry->title() + (entry->isHidden() ? " (hidden)" : ""));
+      return entries;
+    }
+    return {};
+  }
+  QVMenuItem& entry(const std::string& title, std::size_t index) {
+    for (const auto& item : agent->menuItems().value_or(Items{}))
+      if (item->title() == title) return item->submenu()->itemAtIndex(index);
+    throw std::runtime_error("no item for " + title);
+  }
 };
 
-TEST_F(QVBackupMenuItemControllerTest, ListsAHeadingAndAnItemPerGroupAndNothingWithoutGroups) {
-  EXPECT_EQ(agent->menuItems(), std::nullopt) << "no groups: no backup section, not an empty one";
-  QVGroupRef docs = addGroup("Docs", "nil");
+TEST_F(QVBackupMenuItemControllerTest, ListsAHeadingAndOneItemPerGroupAndNothingWithoutGroups) {
+  EXPECT_FALSE(agent->menuItems().has_value()) << "no groups: no list at all, not an empty one";
   addGroup("Photos");
-  const auto items = agent->menuItems().value();
+  addGroup("Notes", false);
+  const Items items = agent->menuItems().value();
   ASSERT_EQ(items.size(), 4u);
-  EXPECT_TRUE(items[0]->title() == "Backup" && !items[0]->hasAction() && !items[0]->submenu());
+  EXPECT_EQ(items[0]->title(), "Backup");
+  EXPECT_FALSE(items[0]->hasAction() || items[0]->submenu());
   EXPECT_TRUE(items[1]->isSeparatorItem());
-  for (std::size_t i : {2, 3}) {
-    EXPECT_EQ(items[i]->title(), i == 2 ? "Docs" : "Photos");
-    EXPECT_TRUE(items[i]->indentationLevel() == 1 && !items[i]->hasAction() && items[i]->keyEquivalent().empty());
+  EXPECT_EQ(items[2]->title(), "Photos");
+  EXPECT_EQ(items[2]->indentationLevel(), 1);
+  EXPECT_FALSE(items[2]->hasAction());
+  EXPECT_EQ(items[3]->title(), "Notes");
+  EXPECT_EQ(submenu("Photos"),
+            (std::vector<std::string>{"Last backup: Never", "----", "Backup Now", "Cancel backup (hidden)", "Remove group"}));
+  EXPECT_EQ(submenu("Notes")[2], "No destination");
+  EXPECT_EQ(agent->menuItems().value()[2], items[2]) << "the same item between requests";
+  const QVMenu& entries = *items[3]->submenu();
+  EXPECT_FALSE(entries.itemArray()[0]->hasAction()) << "the status line is inert text";
+  for (std::size_t i = 0; i < entries.numberOfItems(); ++i) {
+    EXPECT_EQ(entries.itemArray()[i]->keyEquivalent(), "");
+    EXPECT_EQ(entries.itemArray()[i]->representedObject(), i >= 2 ? agent->groups()[1]->identifier : "") << i;
   }
-  EXPECT_EQ(shown(*items[3]), kIdle);
-  Lines noDestination = kIdle;
-  noDestination[2] = "No destination";
-  EXPECT_EQ(shown(*items[2]), noDestination);
-  QVMenu& entries = *items[2]->submenu();
-  EXPECT_FALSE(entries.itemAtIndex(0).hasAction()) << "the status line is inert text";
-  for (std::size_t i : {2, 3, 4}) EXPECT_EQ(entries.itemAtIndex(i).representedObject(), docs->identifier);
+}
 
-  // "No destination" opens the group in the host and starts nothing.
+TEST_F(QVBackupMenuItemControllerTest, EachEntryAsksTheAgentAndOnlyForTheGroupItStandsFor) {
+  QVGroupRef notes = addGroup("Notes", false);
   host.journal->clear();
-  entries.itemAtIndex(2).performAction();
-  EXPECT_EQ(*host.journal,
-            (Lines{"hostAppProxy:QVBackup|QVBackupAgentDelegate", "host.showGroupsWithIDs:" + docs->identifier}));
-  EXPECT_FALSE(agent->isBackingUpGroupWithID(docs->identifier));
+  entry("Notes", 2).performAction();  // "No destination" shows the group in the host, through its proxy
+  EXPECT_EQ(*host.journal, (qvtest::Journal{"hostAppProxy:QVBackup|QVBackupAgentDelegate",
+                                            "host.showGroupsWithIDs:" + notes->identifier}));
 
-  // A destination set since: the same item now offers "Backup Now", which runs the group.
-  auto changed = std::make_shared<QVGroup>(*docs);
-  changed->target = "S";
+  // A destination given later turns the entry into "Backup Now", which asks for a run without notifying.
+  auto changed = std::make_shared<QVGroup>(*notes);
+  changed->target = qv::stringWithUUID();
+  agent->createTargetWithDictionary(qvtest::targetRecord(*changed->target, "Dest", "scripted", env.root()));
   agent->updateGroup(changed);
-  EXPECT_EQ(itemTitled("Docs"), items[2]);
-  EXPECT_EQ(shown(*items[2]), kIdle);
-  entries.itemAtIndex(2).performAction();
-  EXPECT_TRUE(agent->isBackingUpGroupWithID(docs->identifier));
-  ASSERT_TRUE(waitForEnd(changed));
-}
-
-// The run events, straight from the agent's side, on a group that has no item yet.
-TEST_F(QVBackupMenuItemControllerTest, RunEventsSwitchTheSubmenuBetweenIdleAndRunning) {
-  QVGroupRef group = addGroup("Docs");
-  const Lines running = {"Backing up...", "--", "[Backup Now]", "Cancel backup", "[Remove group]"};
-  menu->agentDidStartBackupGroup(group);
-  const auto item = itemTitled("Docs");
-  ASSERT_TRUE(item) << "an event makes the item, and the next list shows it";
-  EXPECT_EQ(shown(*item), running) << "listing again changes only the entry that starts a backup";
-  menu->agentGroup(group, 42);
-  Lines progress = running;
-  progress[0] = "Backup progress: 42%";
-  EXPECT_EQ(shown(*item), progress);
-  const QVDate date = std::chrono::system_clock::now() - std::chrono::hours(30);
-  group->lastBackupDate = date;
-  menu->agentDidFinishBackupGroup(group);
-  Lines idle = kIdle;
-  idle[0] = "Last backup: " + qv::stringFromDate(date);
-  EXPECT_EQ(shown(*item), idle) << "the date the group carries when the run ends";
-  EXPECT_EQ(itemTitled("Docs"), item);
-}
-
-TEST_F(QVBackupMenuItemControllerTest, EntriesRunCancelAndRemoveTheGroupWithoutNotifyingTheHost) {
-  QVGroupRef group = addGroup("Docs");
   script.blockAtItem = 0;
-  const auto item = itemTitled("Docs");
-  QVMenu& entries = *item->submenu();
-  entries.itemAtIndex(2).performAction();
-  ASSERT_TRUE(script.waitUntilBlocked());
-  EXPECT_EQ(shown(*item)[0], "Backing up...");
-  entries.itemAtIndex(3).performAction();  // "Cancel backup"
-  ASSERT_TRUE(waitForEnd(group));
-  EXPECT_EQ(group->statusCode, -128);
-  EXPECT_EQ(shown(*item), kIdle);
+  EXPECT_EQ(submenu("Notes")[2], "Backup Now");
+  entry("Notes", 2).performAction();
+  ASSERT_TRUE(agent->isBackingUpGroupWithID(notes->identifier));
+  // Asked with notify = false, the agent tells of an empty group itself (asked for the host, it would not).
+  auto empty = std::make_shared<QVGroup>(*addGroup("Empty"));
+  empty->items.clear();
+  agent->updateGroup(empty);
+  entry("Empty", 2).performAction();
+  ASSERT_EQ(host.shownNotifications.size(), 1u);
+  EXPECT_EQ(host.shownNotifications[0].text, "Unable to backup group Empty. The group is empty.");
 
-  // Asked from the menu, an empty group is reported to the user; asked by the host, it would not be.
-  QVGroupRef empty = addGroup("Empty");
-  agent->removeItemWithPath(empty->items.front(), empty->identifier);
-  itemTitled("Empty")->submenu()->itemAtIndex(2).performAction();
-  ASSERT_FALSE(host.shownNotifications.empty());
-  EXPECT_EQ(host.shownNotifications.back().text, "Unable to backup group Empty. The group is empty.");
+  // An entry without a represented object asks nothing.
+  QVMenuItem stray("Cancel backup");
+  host.journal->clear();
+  logged.lines(true);
+  controller().cancelBackup(stray);
+  controller().removeGroup(stray);
+  controller().startBackup(stray);
+  controller().showGroupInHostApp(stray);
+  EXPECT_TRUE(agent->isBackingUpGroupWithID(notes->identifier));
+  EXPECT_EQ(agent->groups().size(), 2u);
+  EXPECT_TRUE(host.journal->empty() && logged.lines().empty()) << qvtest::joined(*host.journal);
 
-  // Removed at once, without a question; the next list leaves it out.
-  entries.itemAtIndex(4).performAction();
-  EXPECT_FALSE(agent->groupWithIdentifier(group->identifier));
-  EXPECT_EQ(agent->menuItems().value().size(), 3u);
+  entry("Notes", 3).performAction();  // "Cancel backup"
+  ASSERT_TRUE(qv::runMainLoopUntil([&] { return !agent->isBackingUpGroupWithID(notes->identifier); }));
+  EXPECT_EQ(changed->statusCode, -128);
+  EXPECT_EQ(submenu("Notes")[3], "Cancel backup (hidden)") << "at rest again";
+  entry("Notes", 4).performAction();  // "Remove group"
+  entry("Empty", 4).performAction();
+  EXPECT_TRUE(agent->groups().empty());
+  EXPECT_FALSE(agent->menuItems().has_value());
+}
+
+TEST_F(QVBackupMenuItemControllerTest, RunEventsSwapTheEntriesAndTheStatusLine) {
+  QVGroupRef photos = addGroup("Photos");
+  controller().agentDidStartBackupGroup(photos);  // before any list: the event makes the item
+  const auto item = agent->menuItems().value()[2];
+  EXPECT_EQ(submenu("Photos"), (std::vector<std::string>{"Backing up...", "----", "Backup Now (hidden)", "Cancel backup",
+                                                         "Remove group (hidden)"}));
+  controller().agentGroup(photos, 42);
+  EXPECT_EQ(submenu("Photos")[0], "Backup progress: 42%");
+  EXPECT_EQ(submenu("Photos")[2], "Backup Now (hidden)") << "a new list leaves the run's flags as they are";
+
+  auto done = std::make_shared<QVGroup>(*photos);
+  done->lastBackupDate = std::chrono::system_clock::now();
+  controller().agentDidFinishBackupGroup(done);
+  EXPECT_EQ(submenu("Photos"), (std::vector<std::string>{"Last backup: " + qv::stringFromDate(*done->lastBackupDate),
+                                                         "----", "Backup Now", "Cancel backup (hidden)", "Remove group"}));
+  EXPECT_EQ(agent->menuItems().value()[2], item) << "updated in place";
 }
 
 TEST_F(QVBackupMenuItemControllerTest, ARenamedGroupGetsANewItemAndTheOldOneLeavesTheCache) {
-  QVGroupRef group = addGroup("Docs");
-  const auto old = itemTitled("Docs");
-  menu->agentDidStartBackupGroup(group);
-  group->title = "Documents";
-  const auto renamed = itemTitled("Documents");
-  ASSERT_TRUE(renamed);
-  EXPECT_NE(renamed, old);
-  EXPECT_EQ(shown(*renamed), kIdle) << "a new item starts idle";
-  EXPECT_FALSE(itemTitled("Docs"));
-  // Had the old item stayed cached, the old title would find it again.
-  group->title = "Docs";
-  EXPECT_NE(itemTitled("Docs"), old);
-}
-
-TEST_F(QVBackupMenuItemControllerTest, ActionsIgnoreASenderWithoutARepresentedObject) {
-  addGroup("Docs");
-  host.journal->clear();
-  logged.lines(true);
-  QVMenuItem stray("Backup Now");
-  for (auto action : {&QVBackupMenuItemController::startBackup, &QVBackupMenuItemController::showGroupInHostApp,
-                      &QVBackupMenuItemController::cancelBackup, &QVBackupMenuItemController::removeGroup})
-    (menu->*action)(stray);
-  EXPECT_TRUE(host.journal->empty()) << qvtest::joined(*host.journal);
-  EXPECT_TRUE(logged.lines().empty());
-  EXPECT_EQ(agent->groups().size(), 1u);
-  EXPECT_EQ(agent->numberOfRunningBackups(), 0u);
-
-  QVBackupMenuItemController alone;  // no agent: nothing to list
-  EXPECT_EQ(alone.menuItems(), std::nullopt);
+  QVGroupRef photos = addGroup("Photos");
+  const auto before = agent->menuItems().value()[2];
+  auto renamed = std::make_shared<QVGroup>(*photos);
+  renamed->title = "Pictures";
+  agent->updateGroup(renamed);
+  const auto after = agent->menuItems().value()[2];
+  EXPECT_NE(after, before);
+  EXPECT_EQ(after->title(), "Pictures");
+  // The old record is gone: an event for the old group makes it afresh, then the next list drops it again.
+  EXPECT_NE(controller().menuItemForGroup(photos), before);
+  agent->menuItems();
+  EXPECT_EQ(controller().menuItemForGroup(renamed), after);
+  EXPECT_TRUE(QVBackupMenuItemController::isGroup(*renamed, *renamed));
+  EXPECT_FALSE(QVBackupMenuItemController::isGroup(*photos, *renamed));
+  EXPECT_FALSE(QVBackupMenuItemController().menuItems()) << "a controller without an agent lists nothing";
 }
 
 }  // namespace
