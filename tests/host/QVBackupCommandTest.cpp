@@ -15,11 +15,7 @@ namespace {
 class QVBackupCommandTest : public HostTest {
  protected:
   json show(const std::string& group) { return runJSON({"group", "show", group, "--json"}); }
-  std::vector<std::string> versionsIn(const std::string& group) const {  // sorted, as on disk
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(backups() + "/" + group)) names.push_back(entry.path().filename());
-    return std::sort(names.begin(), names.end()), names;
-  }
+  std::vector<std::string> versionsIn(const std::string& group) const { return namesIn(backups() + "/" + group); }
 };
 
 TEST_F(QVBackupCommandTest, CopiesAGroupIntoANewVersionAtTheDefaultDestination) {

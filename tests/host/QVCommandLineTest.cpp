@@ -93,13 +93,16 @@ TEST_F(QVCommandLineTest, AddsShowsChangesAndRemovesGroups) {
   EXPECT_EQ(runJSON(split("group list --json")), json::array());
 }
 
+// Each refusal: status 2, one line that says why, no password kept or shown, and the preferences byte for
+// byte as they were.
 TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndLeavesThePreferencesAsTheyWere) {
-  runJSON({"group", "add", "Photos", makeFile("p.jpg")});
-  runJSON({"group", "add", "Twin", makeFile("t1.txt")});
-  runJSON({"group", "add", "Other", makeFile("t2.txt")});
+  const std::string file = makeFile("f.txt");
+  for (const char* title : {"Photos", "Twin", "Other", "A", "B"}) runJSON({"group", "add", title, file});
   editStoredGroup("Other", [](json& group) { group["title"] = "Twin"; });  // as older versions allowed
+  runJSON({"target", "add", "--type", "local", "--title", "USB", "--path", m_env.root()});
   const std::string before = readFile(m_env.preferencesPath());
   const std::string ftp = "target add --type ftp --title X --path /x --server h --user bob --password-stdin --port ";
+  std::vector<std::pair<Arguments, std::string>> cases;
   for (const auto& [command, message] : std::vector<std::pair<std::string, std::string>>{
            {"group show Nope", "unknown group \"Nope\""}, {"group remove Nope", "unknown group"},
            {"versions Nope", "unknown group"}, {"backup Photos Nope", "unknown group"},
@@ -115,14 +118,33 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndLeavesThePreferencesAsThe
            {"target add --type dav --title X --path /x", "--server is required"},
            {"group set Twin --versions 2", "2 groups are titled \"Twin\""},
            {"group set Photos --schedule fortnightly", "invalid schedule"},
-           {"group remove-items Photos /not/an/item", "not an item"}, {"no-such-command", "unknown command"}}) {
-    ProgramResult result = runProgram(split(command), "hunter2\n");  // a password none may keep or show
-    EXPECT_EQ(result.status, 2) << command;
+           {"group remove-items Photos /not/an/item", "not an item"}, {"no-such-command", "unknown command"},
+           {"group set B --title A", "a group titled \"A\" exists already"},
+           {"group set B --title .", "cannot be \".\" or \"..\""},
+           {"group set B --versions 0", "give --yes"},
+           {"group set B --versions 100001", "from 1 to 100000"},
+           {"group set B --versions 18446744073709551615", "from 1 to 100000"},
+           {"group set B --versions 18446744073709551616", "from 1 to 100000"},
+           {"target add --type local --title USB --path /x", "titled \"USB\" exists already"}})
+    cases.emplace_back(split(command), message);
+  // Titles that could not name a folder of their own, or no file at all.
+  const std::string tooLong(256, 'x'), wide = [] { std::string s; for (int i = 0; i < 128; ++i) s += "ä"; return s; }();
+  for (const auto& [title, message] : std::vector<std::pair<std::string, std::string>>{
+           {"", "must not be empty"}, {"..", "cannot be \".\" or \"..\""}, {"x/y", "cannot hold \"/\""},
+           {"tab\there", "control characters"}, {"line\nfeed", "control characters"},
+           {"c1\xC2\x85", "control characters"}, {"bad\xFF", "valid UTF-8"}, {tooLong, "at most 255 bytes"},
+           {wide, "at most 255 bytes"}})  // 256 bytes, 128 characters
+    cases.push_back({title.empty() ? Arguments{"group", "set", "B", "--title", ""} : Arguments{"group", "add", title, file},
+                     message});
+  cases.push_back({{"target", "set", "USB", "--title", "My Mac"}, "titled \"My Mac\" exists already"});
+  for (const auto& [arguments, message] : cases) {
+    ProgramResult result = runProgram(arguments, "hunter2\n");  // a password none may keep or show
+    EXPECT_EQ(result.status, 2) << message;
     EXPECT_TRUE(result.err.starts_with("stellwin-backup: ") && result.err.find('\n') == result.err.size() - 1 &&
                 result.err.find(message) != std::string::npos)
-        << command << "\n" << result.err;
+        << message << "\n" << result.err;
     EXPECT_EQ((result.out + result.err + keychain()).find("hunter2"), std::string::npos);
-    EXPECT_EQ(readFile(m_env.preferencesPath()), before) << command;
+    EXPECT_EQ(readFile(m_env.preferencesPath()), before) << message;
   }
   // The ambiguous title names the candidates.
   const std::string twin = runProgram({"group", "show", "Twin"}).err;
@@ -130,45 +152,13 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndLeavesThePreferencesAsThe
     EXPECT_EQ(twin.find(group["id"].get<std::string>()) != std::string::npos, group["title"] == "Twin") << twin;
 }
 
-// Each refusal: status 2, one line that says why, and the preferences byte for byte as they were.
-TEST_F(QVCommandLineTest, GuardsTitlesAndVersionsThatWouldLoseBackups) {
-  const std::string file = makeFile("f.txt");
-  runJSON({"group", "add", "A", file});
+TEST_F(QVCommandLineTest, AcceptsTheEdgesOfTitlesAndVersions) {
+  runJSON({"group", "add", "A", makeFile("f.txt")});
   runJSON({"group", "add", "B", makeFile("g.txt")});
   runJSON({"target", "add", "--type", "local", "--title", "USB", "--path", m_env.root()});
-  const std::string before = readFile(m_env.preferencesPath());
-  const auto repeat = [](const std::string& text, std::size_t times) {
-    std::string repeated;
-    while (times--) repeated += text;
-    return repeated;
-  };
-  const std::string longest = repeat("ä", 127) + "x", tooLong(256, 'x');
-  for (const auto& [arguments, message] : std::vector<std::pair<Arguments, std::string>>{
-           {{"group", "set", "B", "--title", "A"}, "a group titled \"A\" exists already"},
-           {{"group", "set", "B", "--title", ""}, "must not be empty"},
-           {{"group", "set", "B", "--title", "."}, "cannot be \".\" or \"..\""},
-           {{"group", "add", "..", file}, "cannot be \".\" or \"..\""},
-           {{"group", "add", "x/y", file}, "cannot hold \"/\""},
-           {{"group", "add", "tab\there", file}, "control characters"},
-           {{"group", "add", "line\nfeed", file}, "control characters"},
-           {{"group", "add", "c1\xC2\x85", file}, "control characters"},
-           {{"group", "add", "bad\xFF", file}, "valid UTF-8"},
-           {{"group", "add", tooLong, file}, "at most 255 bytes"},
-           {{"group", "add", repeat("ä", 128), file}, "at most 255 bytes"},  // 256 bytes, 128 characters
-           {{"group", "set", "B", "--versions", "0"}, "give --yes"},
-           {{"group", "set", "B", "--versions", "100001"}, "from 1 to 100000"},
-           {{"group", "set", "B", "--versions", "18446744073709551615"}, "from 1 to 100000"},
-           {{"group", "set", "B", "--versions", "18446744073709551616"}, "from 1 to 100000"},
-           {{"target", "add", "--type", "local", "--title", "USB", "--path", "/x"}, "titled \"USB\" exists already"},
-           {{"target", "set", "USB", "--title", "My Mac"}, "titled \"My Mac\" exists already"}}) {
-    ProgramResult result = runProgram(arguments);
-    EXPECT_EQ(result.status, 2) << arguments[1] << " " << arguments[2] << "\n" << result.err;
-    EXPECT_TRUE(result.err.starts_with("stellwin-backup: ") && result.err.find('\n') == result.err.size() - 1 &&
-                result.err.find(message) != std::string::npos)
-        << message << "\n" << result.err;
-    EXPECT_EQ(readFile(m_env.preferencesPath()), before) << message;
-  }
-
+  std::string longest;
+  for (int i = 0; i < 127; ++i) longest += "ä";
+  longest += "x";
   // The edges that pass: 1 and 100000 versions, 0 with --yes and its warning, 255 bytes, a case that
   // differs, dots inside a title, and a title kept as it is.
   for (const auto& [arguments, warning] : std::vector<std::pair<Arguments, std::string>>{

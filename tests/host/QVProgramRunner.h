@@ -112,10 +112,7 @@ class HostTest : public ::testing::Test {
   // Scheduled, and last attempted long ago: due the moment a daemon starts.
   void makeDue(const std::string& title, const std::string& schedule = "daily@03:00") {
     runJSON({"group", "set", title, "--schedule", schedule});
-    nlohmann::json preferences = nlohmann::json::parse(readFile(m_env.preferencesPath()));
-    for (auto& group : preferences["QVBackupAgent"]["groups"])
-      if (group["title"] == title) group["lastBackupAttemptDate"] = {{"$date", "2020-01-01T00:00:00.000Z"}};
-    writeFile(m_env.preferencesPath(), preferences.dump(2));
+    editStoredGroup(title, [](nlohmann::json& g) { g["lastBackupAttemptDate"] = {{"$date", "2020-01-01T00:00:00.000Z"}}; });
   }
   // Changes the stored record of the group titled title, as a hand edit or an older version would.
   void editStoredGroup(const std::string& title, const std::function<void(nlohmann::json& group)>& change) {

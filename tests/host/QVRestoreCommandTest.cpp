@@ -20,15 +20,11 @@ class QVRestoreCommandTest : public qvtest::HostTest {
     ASSERT_EQ(qvtest::runProgram({"group", "add", "Photos", tree()}).status, 0);
   }
   std::string tree() const { return m_env.home() + "/Tree"; }
-  std::string onlyVersion() const {
-    fs::directory_iterator versions(backups() + "/Photos");
-    return versions->path().string();
-  }
 };
 
 TEST_F(QVRestoreCommandTest, RestoresAndVerifiesKeepingModesTimesAndLinks) {
   ASSERT_EQ(qvtest::runProgram({"backup", "Photos"}).status, 0);
-  const std::string version = onlyVersion();
+  const std::string version = backups() + "/Photos/" + qvtest::namesIn(backups() + "/Photos").at(0);
   qvtest::TemporaryDirectory scratch;
   ASSERT_EQ(qvtest::runProgram({"restore", "Photos", "--to", scratch / "kept"}).status, 0);
   const std::string restored = scratch / "kept/Tree";

@@ -65,13 +65,20 @@ TEST_F(QVBackupMenuItemControllerTest, ListsAHeadingAndOneItemPerGroupAndNothing
             (std::vector<std::string>{"Last backup: Never", "----", "Backup Now", "Cancel backup (hidden)", "Remove group"}));
   EXPECT_EQ(submenu("Notes")[2], "No destination");
   EXPECT_EQ(agent->menuItems().value()[2], items[2]) << "the same item between requests";
+  const QVMenu& entries = *items[3]->submenu();
+  EXPECT_FALSE(entries.itemArray()[0]->hasAction()) << "the status line is inert text";
+  for (std::size_t i = 0; i < entries.numberOfItems(); ++i) {
+    EXPECT_EQ(entries.itemArray()[i]->keyEquivalent(), "");
+    EXPECT_EQ(entries.itemArray()[i]->representedObject(), i >= 2 ? agent->groups()[1]->identifier : "") << i;
+  }
 }
 
 TEST_F(QVBackupMenuItemControllerTest, EachEntryAsksTheAgentAndOnlyForTheGroupItStandsFor) {
   QVGroupRef notes = addGroup("Notes", false);
   host.journal->clear();
-  entry("Notes", 2).performAction();  // "No destination" shows the group in the host
-  EXPECT_EQ(host.linesStartingWith("host.showGroupsWithIDs:"), qvtest::Journal{"host.showGroupsWithIDs:" + notes->identifier});
+  entry("Notes", 2).performAction();  // "No destination" shows the group in the host, through its proxy
+  EXPECT_EQ(*host.journal, (qvtest::Journal{"hostAppProxy:QVBackup|QVBackupAgentDelegate",
+                                            "host.showGroupsWithIDs:" + notes->identifier}));
 
   // A destination given later turns the entry into "Backup Now", which asks for a run without notifying.
   auto changed = std::make_shared<QVGroup>(*notes);
@@ -92,15 +99,20 @@ TEST_F(QVBackupMenuItemControllerTest, EachEntryAsksTheAgentAndOnlyForTheGroupIt
 
   // An entry without a represented object asks nothing.
   QVMenuItem stray("Cancel backup");
+  host.journal->clear();
+  logged.lines(true);
   controller().cancelBackup(stray);
   controller().removeGroup(stray);
   controller().startBackup(stray);
   controller().showGroupInHostApp(stray);
   EXPECT_TRUE(agent->isBackingUpGroupWithID(notes->identifier));
   EXPECT_EQ(agent->groups().size(), 2u);
+  EXPECT_TRUE(host.journal->empty() && logged.lines().empty()) << qvtest::joined(*host.journal);
 
   entry("Notes", 3).performAction();  // "Cancel backup"
   ASSERT_TRUE(qv::runMainLoopUntil([&] { return !agent->isBackingUpGroupWithID(notes->identifier); }));
+  EXPECT_EQ(changed->statusCode, -128);
+  EXPECT_EQ(submenu("Notes")[3], "Cancel backup (hidden)") << "at rest again";
   entry("Notes", 4).performAction();  // "Remove group"
   entry("Empty", 4).performAction();
   EXPECT_TRUE(agent->groups().empty());
@@ -109,8 +121,8 @@ TEST_F(QVBackupMenuItemControllerTest, EachEntryAsksTheAgentAndOnlyForTheGroupIt
 
 TEST_F(QVBackupMenuItemControllerTest, RunEventsSwapTheEntriesAndTheStatusLine) {
   QVGroupRef photos = addGroup("Photos");
+  controller().agentDidStartBackupGroup(photos);  // before any list: the event makes the item
   const auto item = agent->menuItems().value()[2];
-  controller().agentDidStartBackupGroup(photos);
   EXPECT_EQ(submenu("Photos"), (std::vector<std::string>{"Backing up...", "----", "Backup Now (hidden)", "Cancel backup",
                                                          "Remove group (hidden)"}));
   controller().agentGroup(photos, 42);
@@ -140,6 +152,7 @@ TEST_F(QVBackupMenuItemControllerTest, ARenamedGroupGetsANewItemAndTheOldOneLeav
   EXPECT_EQ(controller().menuItemForGroup(renamed), after);
   EXPECT_TRUE(QVBackupMenuItemController::isGroup(*renamed, *renamed));
   EXPECT_FALSE(QVBackupMenuItemController::isGroup(*photos, *renamed));
+  EXPECT_FALSE(QVBackupMenuItemController().menuItems()) << "a controller without an agent lists nothing";
 }
 
 }  // namespace

@@ -3,12 +3,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <mutex>
 #include <thread>
 #include <tuple>
 #include <vector>
 
-#include "platform/QVLog.h"
 #include "support/QVTestSupport.h"
 
 // The file backend, with debug logging on: no log line may hold a password (each holds "P4ss").
@@ -16,20 +14,14 @@ class QVKeychainTest : public ::testing::Test {
  protected:
   void SetUp() override { ::setenv("STELLWIN_DEBUG", "all", 1); }
   void TearDown() override {
-    qv::setLogSink(m_previousSink);
-    EXPECT_EQ(m_log.find("P4ss"), std::string::npos) << m_log;
+    for (const auto& line : m_log.lines()) EXPECT_EQ(line.find("P4ss"), std::string::npos) << line;
   }
   std::unique_ptr<QVKeychain> open() { return QVKeychain::makeFileKeychain(m_path); }
   static auto fields(const QVKeychainItem& item) { return std::tie(item.username(), item.password(), item.label()); }
 
   qvtest::IsolatedEnvironment m_env;
   std::string m_path = m_env.configDirectory() + "/keychain.json";
-  std::mutex m_logMutex;
-  std::string m_log;  // guarded by m_logMutex
-  qv::QVLogSink m_previousSink = qv::setLogSink([this](const std::string& line) {
-    std::lock_guard<std::mutex> lock(m_logMutex);
-    m_log += line + "\n";
-  });
+  qvtest::LogCapture m_log;
 };
 
 TEST_F(QVKeychainTest, AddsLooksUpUpdatesAndDeletesAndItemSettersWriteThrough) {

@@ -8,7 +8,6 @@
 #include <limits>
 #include <set>
 
-#include "platform/QVLog.h"
 #include "support/QVTestSupport.h"
 
 namespace fs = std::filesystem;
@@ -16,12 +15,9 @@ namespace fs = std::filesystem;
 // The preferences file: typed values, no needless rewrite, atomic replacement, damaged files set aside.
 class QVUserDefaultsTest : public ::testing::Test {
  protected:
-  void TearDown() override { qv::setLogSink(m_previousSink); }
-
   qvtest::IsolatedEnvironment m_env;
   std::string m_path = m_env.preferencesPath();
-  std::vector<std::string> m_log;
-  qv::QVLogSink m_previousSink = qv::setLogSink([this](const std::string& line) { m_log.push_back(line); });
+  qvtest::LogCapture m_log;
 };
 
 TEST_F(QVUserDefaultsTest, RoundTripsEveryValueType) {
@@ -70,8 +66,9 @@ TEST_F(QVUserDefaultsTest, KeepsTheOldFileWhenTheDiskRefusesTheNewOne) {
   EXPECT_FALSE(written);
   EXPECT_EQ(qvtest::readFile(m_path), old);
   EXPECT_EQ(std::distance(fs::directory_iterator(m_env.configDirectory()), {}), 1) << "a temporary file was left";
-  ASSERT_EQ(m_log.size(), 1u);
-  EXPECT_NE(m_log[0].find(m_path), std::string::npos) << m_log[0];
+  const auto logged = m_log.lines();
+  ASSERT_EQ(logged.size(), 1u);
+  EXPECT_NE(logged[0].find(m_path), std::string::npos) << logged[0];
   EXPECT_TRUE(store.synchronize()) << "still pending: it goes out once the disk takes it";
 }
 
@@ -80,11 +77,12 @@ TEST_F(QVUserDefaultsTest, MovesDamagedFilesAsideWithOneLogLineAndStartsEmpty) {
   const std::set<std::string> damaged = {"garbage \x01\xff", "{\"k\": [1, 2", "[1, 2]", "", "{\"k\": 1} trailing"};
   for (const std::string& bytes : damaged) {
     qvtest::writeFile(m_path, bytes);
-    m_log.clear();
+    m_log.lines(true);
     QVUserDefaults store(m_path);
     EXPECT_EQ(store.objectForKey("k"), nullptr) << bytes;
-    ASSERT_EQ(m_log.size(), 1u) << bytes;
-    EXPECT_NE(m_log[0].find(m_path + ".damaged-"), std::string::npos) << m_log[0];
+    const auto logged = m_log.lines();
+    ASSERT_EQ(logged.size(), 1u) << bytes;
+    EXPECT_NE(logged[0].find(m_path + ".damaged-"), std::string::npos) << logged[0];
     EXPECT_FALSE(fs::exists(m_path));
   }
   std::set<std::string> asides;

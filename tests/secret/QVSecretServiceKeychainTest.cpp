@@ -1,22 +1,29 @@
+// The Secret Service backend, inside scripts/with-secret-service.sh (a private session bus with an unlocked
+// keyring): on its own, and shared by the agent and a destination.
 #include "platform/QVKeychain.h"
 
 #include <glib.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <tuple>
 
-#include "platform/QVLog.h"
+#include "platform/QVFoundation.h"
+#include "support/QVAgentTestSupport.h"
 
-// The Secret Service backend, inside scripts/with-secret-service.sh (a private session bus with an unlocked
-// keyring), with debug logging on: no log line may hold a password (each holds "P4ss").
+namespace {
+
+// Read before any fixture unsets it.
+const std::string kBusAddress = std::getenv("DBUS_SESSION_BUS_ADDRESS") ? std::getenv("DBUS_SESSION_BUS_ADDRESS") : "";
+
+// With debug logging on: no log line may hold a password (each holds "P4ss").
 class QVSecretServiceKeychainTest : public ::testing::Test {
  protected:
   void SetUp() override { ::setenv("STELLWIN_DEBUG", "all", 1); }
   void TearDown() override {
-    qv::setLogSink(m_previousSink);
-    EXPECT_EQ(m_log.find("P4ss"), std::string::npos) << m_log;
+    for (const auto& line : m_log.lines()) EXPECT_EQ(line.find("P4ss"), std::string::npos) << line;
   }
   static auto fields(const QVKeychainItem& item) { return std::tie(item.username(), item.password(), item.label()); }
   // What another client sees: the number of items of a service in the default collection.
@@ -30,8 +37,7 @@ class QVSecretServiceKeychainTest : public ::testing::Test {
     return n;
   }
 
-  std::string m_log;
-  qv::QVLogSink m_previousSink = qv::setLogSink([this](const std::string& line) { m_log += line + "\n"; });
+  qvtest::LogCapture m_log;
 };
 
 TEST_F(QVSecretServiceKeychainTest, SharedProxyPicksItAndItemsRoundTripInTheDefaultCollection) {
@@ -58,3 +64,26 @@ TEST_F(QVSecretServiceKeychainTest, SharedProxyPicksItAndItemsRoundTripInTheDefa
   EXPECT_FALSE(keychain.deleteItem(a));
   EXPECT_EQ(itemsInDefaultCollection(a), 0);
 }
+
+// Isolated like every other test, except that the session bus stays.
+class QVBackupAgentSecretServiceTest : public qvtest::AgentTest {
+ protected:
+  void SetUp() override {
+    if (kBusAddress.empty()) GTEST_SKIP() << "no session bus; run through scripts/with-secret-service.sh";
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", kBusAddress.c_str(), 1);
+    QVKeychain::setSharedProxy(nullptr);
+  }
+  // The keyring outlives the test program: leave no item behind.
+  void TearDown() override {
+    if (agent) QVKeychain::sharedProxy().deleteItem(agent->serviceIdForTargetId(m_targetID));
+  }
+
+  const std::string m_targetID = qv::stringWithUUID();
+};
+
+TEST_F(QVBackupAgentSecretServiceTest, ThePasswordSavedByTheAgentIsWhatTheDestinationReads) {
+  ASSERT_EQ(QVKeychain::sharedProxy().backendName(), "secret-service");
+  expectDavCredentialsFollowTheKeychain(m_targetID, "pä ss:wörd \"quoted\" 🔑");
+}
+
+}  // namespace

@@ -1,22 +1,11 @@
 #include "support/QVAgentTestSupport.h"
 
+#include "platform/QVFoundation.h"
 #include "platform/QVKeychain.h"
+#include "platform/QVRunLoop.h"
 #include "platform/QVUserDefaults.h"
 
 namespace qvtest {
-
-LogCapture::LogCapture()
-    : m_previous(qv::setLogSink([this](const std::string& line) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_lines.push_back(line);
-      })) {}
-
-std::vector<std::string> LogCapture::lines(bool clear) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  std::vector<std::string> lines = m_lines;
-  if (clear) m_lines.clear();
-  return lines;
-}
 
 void writeAgentPreferences(const IsolatedEnvironment& env, const QVDictionary& agentPreferences,
                            const QVDictionary& otherTopLevelKeys) {
@@ -126,6 +115,35 @@ void AgentTest::expectDavCredentialsFollowTheKeychain(const std::string& identif
   EXPECT_EQ(item->label(), label);
   EXPECT_EQ(destination->username(), "bob");
   EXPECT_EQ(destination->password(), "n3w");
+}
+
+QVGroupRef RemoteAgentTest::makeGroup(const std::string& title, const std::vector<std::string>& items,
+                                      const RemoteDestination& destination, std::uint64_t versions) {
+  agent->addItemsAtPaths(items, title);
+  QVTarget target = targetRecord(qv::stringWithUUID(), "Server " + title, destination.type, destination.path);
+  target.server = "127.0.0.1";
+  target.port = destination.port;
+  target.user = destination.user;
+  target.pass = destination.pass;
+  agent->createTargetWithDictionary(target);
+  auto group = std::make_shared<QVGroup>(*groupNamed(title));
+  group->target = target.identifier;
+  group->versions = versions;
+  agent->updateGroup(group);
+  return group;
+}
+
+bool RemoteAgentTest::runToEnd(const QVGroupRef& group, std::chrono::seconds timeout) {
+  agent->backupGroupWithID(group->identifier, true);
+  return qv::runMainLoopUntil([&] { return !agent->isBackingUpGroupWithID(group->identifier); }, timeout);
+}
+
+std::string RemoteAgentTest::shownFailure(const QVGroupRef& group) const {
+  std::string shown;
+  for (const auto& line : host.linesStartingWith("template0.push:"))
+    if (line.ends_with("|" + group->identifier))
+      shown = line.substr(15, line.size() - 15 - group->identifier.size() - 1);
+  return shown;
 }
 
 }  // namespace qvtest

@@ -1,32 +1,19 @@
-// Helpers for the agent's tests: captured log lines, the agent's preferences as written beforehand, as
-// saved (in memory) and as synchronised (on disk), and AgentTest, an agent with a recording host.
+// Helpers for the agent's tests: the agent's preferences as written beforehand, as saved (in memory) and
+// as synchronised (on disk), AgentTest, an agent with a recording host, and RemoteAgentTest, one whose
+// groups back up to servers on 127.0.0.1.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
-#include <mutex>
 
 #include "agent/QVBackupAgent.h"
-#include "platform/QVLog.h"
 #include "support/QVRecordingHost.h"
 #include "support/QVScriptedTarget.h"
 #include "support/QVTestSupport.h"
 
 namespace qvtest {
-
-// Collects the log lines written, from any thread, while it lives.
-class LogCapture {
- public:
-  LogCapture();
-  ~LogCapture() { qv::setLogSink(m_previous); }
-  std::vector<std::string> lines(bool clear = false);
-
- private:
-  std::mutex m_mutex;
-  std::vector<std::string> m_lines;
-  qv::QVLogSink m_previous;
-};
 
 // Writes preferences.json (before the store reads it): agentPreferences under "QVBackupAgent", and more keys.
 void writeAgentPreferences(const IsolatedEnvironment& env, const QVDictionary& agentPreferences,
@@ -68,6 +55,25 @@ class AgentTest : public ::testing::Test {
   RecordingHost host;
   std::shared_ptr<RecordingDelegate> delegate;
   std::unique_ptr<QVBackupAgent> agent;
+};
+
+// A destination on a server at 127.0.0.1: its type, port, base path and credentials.
+struct RemoteDestination {
+  std::string type = "ftp";
+  int port = 0;
+  std::string path = "backup";
+  std::optional<std::string> user, pass;
+};
+
+class RemoteAgentTest : public AgentTest {
+ protected:
+  // A group of the items, keeping `versions`, on a new destination.
+  QVGroupRef makeGroup(const std::string& title, const std::vector<std::string>& items,
+                       const RemoteDestination& destination, std::uint64_t versions = 3);
+  // Runs the group's backup as the host asks for it and waits for its outcome.
+  bool runToEnd(const QVGroupRef& group, std::chrono::seconds timeout = std::chrono::seconds(120));
+  // The failure shown to the user for the group's last run: "<title> - <message>", or "".
+  std::string shownFailure(const QVGroupRef& group) const;
 };
 
 }  // namespace qvtest

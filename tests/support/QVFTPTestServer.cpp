@@ -7,8 +7,6 @@
 #include <filesystem>
 #include <vector>
 
-#include "platform/QVFoundation.h"
-#include "platform/QVRunLoop.h"
 
 namespace fs = std::filesystem;
 
@@ -81,36 +79,6 @@ PyftpdlibServer::PyftpdlibServer(const std::string& user, const std::string& pas
   start({"/usr/bin/python3", dir + "/server.py", std::to_string(port), std::to_string(passive),
          std::to_string(passive + 9), root(), user, dir + "/secret", std::to_string(bytesPerSecond)},
         port, dir + "/pyftpdlib.log");
-}
-
-QVGroupRef FTPAgentTest::makeGroup(const std::string& title, const std::vector<std::string>& items,
-                                   const Destination& destination, std::uint64_t versions) {
-  agent->addItemsAtPaths(items, title);
-  QVTarget target = targetRecord(qv::stringWithUUID(), "FTP " + title, destination.type, destination.path);
-  target.server = "127.0.0.1";
-  target.port = destination.port;
-  target.user = destination.user;
-  target.pass = destination.pass;
-  agent->createTargetWithDictionary(target);
-  auto group = std::make_shared<QVGroup>(*agent->groups().back());
-  group->target = target.identifier;
-  group->versions = versions;
-  agent->updateGroup(group);
-  return agent->groupWithIdentifier(group->identifier);
-}
-
-bool FTPAgentTest::runToEnd(const QVGroupRef& group) {
-  agent->backupGroupWithID(group->identifier, true);
-  return qv::runMainLoopUntil([&] { return !agent->isBackingUpGroupWithID(group->identifier); },
-                              std::chrono::seconds(60));
-}
-
-std::string FTPAgentTest::shownFailure(const QVGroupRef& group) const {
-  std::string shown;
-  for (const auto& line : host.linesStartingWith("template0.push:"))
-    if (line.ends_with("|" + group->identifier))
-      shown = line.substr(15, line.size() - 15 - group->identifier.size() - 1);
-  return shown;
 }
 
 }  // namespace qvtest

@@ -8,7 +8,6 @@
 #include <optional>
 #include <string>
 
-#include "support/QVAgentTestSupport.h"
 #include "support/QVTestServer.h"
 
 namespace qvtest {
@@ -37,23 +36,5 @@ class PyftpdlibServer : public TestServer {
   std::string root() const { return directory() + "/root"; }
 };
 
-
-// An agent whose groups back up to FTP servers on 127.0.0.1.
-class FTPAgentTest : public AgentTest {
- protected:
-  struct Destination {
-    std::string type = "ftp";
-    int port = 0;
-    std::string path = "backup";
-    std::optional<std::string> user, pass;
-  };
-  // A group of the items, keeping `versions`, on a new destination.
-  QVGroupRef makeGroup(const std::string& title, const std::vector<std::string>& items, const Destination& destination,
-                       std::uint64_t versions = 3);
-  // Runs the group's backup and waits for its outcome (at most a minute).
-  bool runToEnd(const QVGroupRef& group);
-  // The failure shown to the user for the group's last run: "<title> - <message>", or "".
-  std::string shownFailure(const QVGroupRef& group) const;
-};
 
 }  // namespace qvtest

@@ -1,5 +1,6 @@
 #include "support/QVTestSupport.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -56,6 +57,19 @@ IsolatedEnvironment::~IsolatedEnvironment() {
   }
 }
 
+LogCapture::LogCapture()
+    : m_previous(qv::setLogSink([this](const std::string& line) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_lines.push_back(line);
+      })) {}
+
+std::vector<std::string> LogCapture::lines(bool clear) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::vector<std::string> lines = m_lines;
+  if (clear) m_lines.clear();
+  return lines;
+}
+
 void writeFile(const std::string& path, const std::string& text) {
   fs::create_directories(fs::path(path).parent_path());
   std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
@@ -65,6 +79,14 @@ std::string readFile(const std::string& path) {
   std::stringstream ss;
   ss << std::ifstream(path, std::ios::binary).rdbuf();
   return ss.str();
+}
+
+std::vector<std::string> namesIn(const std::string& folder) {
+  std::vector<std::string> names;
+  std::error_code ec;
+  for (const auto& entry : fs::directory_iterator(folder, ec)) names.push_back(entry.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 }  // namespace qvtest

@@ -1,11 +1,15 @@
-// Shared test helpers: a temporary folder that removes itself, and an environment whose HOME and XDG
-// folders live in one, so that no test touches the real user's preferences, secrets or documents.
+// Shared test helpers: a temporary folder that removes itself, an environment whose HOME and XDG folders
+// live in one, so that no test touches the real user's preferences, secrets or documents, and the log
+// lines written meanwhile.
 #pragma once
 
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "platform/QVLog.h"
 
 namespace qvtest {
 
@@ -40,8 +44,23 @@ class IsolatedEnvironment {
   std::vector<std::pair<std::string, std::optional<std::string>>> m_saved;
 };
 
+// Collects the log lines written, from any thread, while it lives.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture() { qv::setLogSink(m_previous); }
+  std::vector<std::string> lines(bool clear = false);
+
+ private:
+  std::mutex m_mutex;
+  std::vector<std::string> m_lines;
+  qv::QVLogSink m_previous;
+};
+
 // Writes text to a file (creating parent folders); reads a whole file ("" when missing).
 void writeFile(const std::string& path, const std::string& text);
 std::string readFile(const std::string& path);
+// The names in a folder, sorted (none when it cannot be read).
+std::vector<std::string> namesIn(const std::string& folder);
 
 }  // namespace qvtest

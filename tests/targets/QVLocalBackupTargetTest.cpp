@@ -1,13 +1,9 @@
 #include "targets/QVLocalBackupTarget.h"
 
 #include <gtest/gtest.h>
-#include <sys/mount.h>
-#include <unistd.h>
 
-#include <algorithm>
 #include <filesystem>
 
-#include "support/QVAgentTestSupport.h"
 #include "support/QVTestSupport.h"
 
 namespace fs = std::filesystem;
@@ -17,16 +13,6 @@ constexpr const char* kEntry = "20240105143007.backup";
 QVTarget localOptions(const std::string& path) {
   return QVTarget::fromDictionary({{"id", "L1"}, {"title", "My Mac"}, {"type", "local"}, {"path", path}});
 }
-
-struct RecordingProgress : QVTargetProgressDelegate {
-  std::vector<double> events;  // the totals as -files, then the fractions
-  QVBackupTarget* cancelAtTotals = nullptr;
-  void backupProgress(double fraction) override { events.push_back(fraction); }
-  void backupCalculatedFiles(std::uint64_t files, std::uint64_t) override {
-    events.push_back(-static_cast<double>(files));
-    if (cancelAtTotals) cancelAtTotals->cancel();
-  }
-};
 
 // A local destination <tmp>/dest with the group "Photos"; sources live in <tmp>/src.
 class QVLocalBackupTargetTest : public ::testing::Test {
@@ -113,36 +99,4 @@ TEST_F(QVLocalBackupTargetTest, ListsNothingBeforeTheFirstBackupAndRemovesOnlyTh
   EXPECT_EQ(log.lines(), std::vector<std::string>{"QVLocalBackupTarget warning: Could not remove directory -" + m_dest +
                                                   "/Photos"})
       << "a folder that is not there cannot be removed";
-}
-
-TEST_F(QVLocalBackupTargetTest, FailsWithTheDiskFullErrorOnAFullVolume) {
-  if (::geteuid() != 0 || ::mount("tmpfs", m_dest.c_str(), "tmpfs", 0, "size=4m") != 0)
-    GTEST_SKIP() << "needs root to mount a small tmpfs";
-  // Leave about half a megabyte free, then copy a megabyte of real data.
-  qvtest::writeFile(m_dest + "/filler", std::string(3584 * 1024, 'f'));
-  qvtest::writeFile(m_src + "/Movie.mov", std::string(1024 * 1024, 'm'));
-  EXPECT_FALSE(backup("Movie.mov"));
-  expectError(-1429, "There is not enough disk space to perform the requested operation", "Movie.mov");
-  ::umount2(m_dest.c_str(), MNT_DETACH);
-}
-
-TEST_F(QVLocalBackupTargetTest, ReportsTheCopysProgressAndStopsWhenCancelled) {
-  qvtest::writeFile(m_src + "/Album/one.jpg", std::string(1000, '1'));
-  qvtest::writeFile(m_src + "/Album/sub/two.jpg", std::string(2000, '2'));
-  qvtest::writeFile(m_src + "/Album/sub/empty", "");
-  RecordingProgress progress;
-  m_target.setDelegate(&progress);
-  ASSERT_TRUE(backup("Album"));
-  ASSERT_GE(progress.events.size(), 2u);
-  EXPECT_EQ(progress.events.front(), -3.0) << "the totals come first, once";
-  EXPECT_TRUE(std::is_sorted(progress.events.begin(), progress.events.end()));
-  EXPECT_GT(progress.events[1], 0.0);
-  EXPECT_EQ(progress.events.back(), 1.0);
-
-  // Cancelled while the copy is under way: the copy routine notices at its next question.
-  progress.cancelAtTotals = &m_target;
-  EXPECT_FALSE(backup("Album", "Again"));
-  EXPECT_EQ(m_error.code, -128);
-  const std::string again = m_entry + "/Again";
-  EXPECT_FALSE(fs::exists(again + "/one.jpg") && fs::exists(again + "/sub/two.jpg") && fs::exists(again + "/sub/empty"));
 }
