@@ -203,20 +203,34 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
     QVError error;
     if (target.backupItem(path, group, name, version, &error)) {
       anySucceeded = true;
-    } else if (!error.domain.empty()) {
+      continue;
+    }
+    if (!error.domain.empty()) {
       // Every error a destination stores has its domain; an item failed without one leaves the run without
       // an error, so the run records 1.
       lastError = error;
       if (error.code == -43) {
         anyMissing = true;
         report.missingItems.push_back(path);
+        continue;
       }
     }
+    // Named for the report: a run that completes does not say so in its status. A cancel is told as such.
+    if (!target.isCancelled())
+      report.failedItems.push_back(error.recoverySuggestion && !error.recoverySuggestion->empty()
+                                       ? path + " (" + *error.recoverySuggestion + ")"
+                                       : path);
   }
   target.backupDidEnd();
   report.files = target.filesWritten();
   report.bytes = target.bytesWritten();
   report.leftOut = target.leftOutPaths();
+  // A file the destination named as left out has been told already.
+  std::erase_if(report.failedItems, [&](const std::string& item) {
+    return std::any_of(report.leftOut.begin(), report.leftOut.end(), [&](const std::string& path) {
+      return item == path || item.starts_with(path + " (");
+    });
+  });
 
   if (target.isCancelled()) {
     // The partial version stays at the destination.

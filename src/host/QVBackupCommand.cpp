@@ -48,6 +48,7 @@ std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes) {
       object["bytes"] = report->bytes;
       object["leftOut"] = report->leftOut;
       object["missingItems"] = report->missingItems;
+      object["failedItems"] = report->failedItems;
       object["versionsUnreadable"] = report->versionsUnreadable;
     }
     array.push_back(std::move(object));

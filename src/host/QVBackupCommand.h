@@ -52,7 +52,8 @@ namespace qv {
 void waitForANewVersionName(const QVGroup& group);
 
 // The outcomes as a JSON array of {"id", "title", "outcome", "statusCode", "message"}, with, for a group
-// that ran, "version", "files", "bytes", "leftOut" (every path), "missingItems" and "versionsUnreadable".
+// that ran, "version", "files", "bytes", "leftOut" (every path), "missingItems", "failedItems" ("path
+// (reason)") and "versionsUnreadable".
 std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes);
 
 }  // namespace qv

@@ -221,6 +221,7 @@ QVDictionary dictionaryFromOutcome(const QVRunOutcome& outcome) {
                                         {"bytes", report->bytes},
                                         {"leftOut", stringArray(report->leftOut)},
                                         {"missingItems", stringArray(report->missingItems)},
+                                        {"failedItems", stringArray(report->failedItems)},
                                         {"versionsUnreadable", report->versionsUnreadable}};
   }
   return dictionary;
@@ -249,6 +250,7 @@ QVRunOutcome outcomeFromDictionary(const QVDictionary& dictionary) {
     report.bytes = static_cast<std::uint64_t>(integer(fields, "bytes"));
     report.leftOut = strings(fields, "leftOut");
     report.missingItems = strings(fields, "missingItems");
+    report.failedItems = strings(fields, "failedItems");
     report.versionsUnreadable = integer(fields, "versionsUnreadable") != 0;
     outcome.report = std::move(report);
   }

@@ -59,6 +59,7 @@ json entryObject(const QVJournalEntry& entry) {
   object["leftOutCount"] = entry.leftOutCount;
   object["leftOut"] = entry.leftOut;
   object["missingItems"] = entry.missingItems;
+  object["failedItems"] = entry.failedItems;
   object["versionsUnreadable"] = entry.versionsUnreadable;
   return object;
 }
@@ -96,6 +97,7 @@ std::optional<QVJournalEntry> journalEntryFromLine(const std::string& line) {
   read(object, "leftOutCount", entry.leftOutCount);
   read(object, "leftOut", entry.leftOut);
   read(object, "missingItems", entry.missingItems);
+  read(object, "failedItems", entry.failedItems);
   read(object, "versionsUnreadable", entry.versionsUnreadable);
   return entry;
 }

@@ -26,6 +26,7 @@ struct QVJournalEntry {
   std::uint64_t leftOutCount = 0;
   std::vector<std::string> leftOut;  // at most kQVJournalLeftOutPaths of them
   std::vector<std::string> missingItems;
+  std::vector<std::string> failedItems;  // "path (reason)"
   bool versionsUnreadable = false;
 
   // A run that stopped half-way: its version, if it stayed, lacks items.

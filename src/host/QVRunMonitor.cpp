@@ -31,6 +31,7 @@ std::vector<std::string> QVRunOutcome::detailLines() const {
   std::vector<std::string> lines;
   if (!report) return lines;
   for (const auto& item : report->missingItems) lines.push_back("missing item: " + item);
+  for (const auto& item : report->failedItems) lines.push_back("not backed up: " + item);
   const std::size_t leftOut = report->leftOut.size();
   if (leftOut > 0) {
     lines.push_back(std::to_string(leftOut) + (leftOut == 1 ? " file could not be read and was left out"
@@ -62,6 +63,7 @@ QVJournalEntry QVRunOutcome::journalEntry() const {
     for (std::size_t i = 0; i < report->leftOut.size() && i < kQVJournalLeftOutPaths; ++i)
       entry.leftOut.push_back(report->leftOut[i]);
     entry.missingItems = report->missingItems;
+    entry.failedItems = report->failedItems;
     entry.versionsUnreadable = report->versionsUnreadable;
   } else {
     entry.started = entry.ended = qv::iso8601(std::chrono::system_clock::now());

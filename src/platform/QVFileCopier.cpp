@@ -30,6 +30,8 @@ constexpr std::uint64_t kAskInterval = 8u << 20;
 constexpr std::size_t kCopyRangeChunk = 8u << 20;
 constexpr std::size_t kBufferSize = 1u << 20;
 constexpr auto kProgressInterval = std::chrono::milliseconds(200);
+// How many times in all a file that changes while it is copied is copied.
+constexpr int kCopyAttempts = 3;
 
 template <typename Call>
 auto retryOnInterrupt(Call call) {
@@ -81,6 +83,13 @@ unsigned char entryType(mode_t mode) {
   if (S_ISREG(mode)) return DT_REG;
   if (S_ISLNK(mode)) return DT_LNK;
   return DT_UNKNOWN;
+}
+
+// Whether the open file now differs in size or modification time from what st says of it.
+bool changedSince(int fd, const struct stat& st) {
+  struct stat now;
+  return ::fstat(fd, &now) == 0 && (now.st_size != st.st_size || now.st_mtim.tv_sec != st.st_mtim.tv_sec ||
+                                    now.st_mtim.tv_nsec != st.st_mtim.tv_nsec);
 }
 
 // Errors of our own process rather than of the item: passing over the item would silently lose data.
@@ -386,6 +395,28 @@ bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const st
 
   std::uint64_t copied = 0;
   Transfer result = copyContents(in.get(), out.get(), st, srcPath, dstPath, copied);
+  // A file written to while it was copied (cut short, grown, rewritten) would be stored torn: it is
+  // copied again from its start, as it is then, and passed over when it keeps changing.
+  for (int attempt = 1; result == Transfer::Done && changedSince(in.get(), st); ++attempt) {
+    if (attempt == kCopyAttempts) {
+      fail(Side::Source, EAGAIN, "copy a stable state of", srcPath);
+      result = Transfer::SourceFailed;
+      break;
+    }
+    qv::debugLog("platform", "QVFileCopier copies " + srcPath + " again: it changed during the copy");
+    copied = 0;
+    if (::fstat(in.get(), &st) != 0 || ::lseek(in.get(), 0, SEEK_SET) != 0) {
+      result = failTransfer(Side::Source, errno, "read", srcPath);
+    } else if (::ftruncate(out.get(), 0) != 0 || ::lseek(out.get(), 0, SEEK_SET) != 0) {
+      result = failTransfer(Side::Destination, errno, "write", dstPath);
+    } else {
+      result = copyContents(in.get(), out.get(), st, srcPath, dstPath, copied);
+    }
+  }
+  // A copy whose folder was removed meanwhile (the folder deleted, a volume gone) went nowhere.
+  if (struct stat written; result == Transfer::Done && ::fstat(out.get(), &written) == 0 && written.st_nlink == 0) {
+    result = failTransfer(Side::Destination, ENOENT, "write", dstPath);
+  }
   if (result == Transfer::Done && !applyAttributes(out.get(), st, dstPath)) result = Transfer::Failed;
   if (result == Transfer::Done && !out.close()) {
     result = failTransfer(Side::Destination, errno, "write", dstPath);

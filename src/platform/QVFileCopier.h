@@ -8,9 +8,15 @@
 // files and at least every 8 MiB inside a file. Errors carry status codes: a full volume -1429, no
 // permission -54, a vanished source -43, anything else the system's own error number.
 //
+// A file whose size or modification time changes while it is copied is copied again from its start, so
+// that no copy holds part of one state and part of another; one still changing on the third copy is
+// passed over (or, as the item itself, fails with EAGAIN). A copy whose folder was removed while it was
+// written fails (ENOENT): it would look copied and be nowhere.
+//
 // Each copy also counts what it did: the regular files and symbolic links it wrote with the bytes of
 // the files, and the source paths it passed over (unreadable files and folders, special files such as
-// sockets and pipes, files that vanished or changed kind during the copy), in the order met.
+// sockets and pipes, files that vanished, changed kind or kept changing during the copy), in the order
+// met.
 //
 // One copier serves one copy at a time, on the calling thread; the delegate is called on that thread.
 #pragma once

@@ -110,7 +110,11 @@ struct QVURLSession::Impl {
   static size_t readBody(char* buffer, size_t size, size_t count, void* context) {
     auto* self = static_cast<Impl*>(context);
     if (!self->upload) return 0;
-    long n = self->upload->read(buffer, size * count);
+    // The request announced the file's length: a file that grew meanwhile sends no more than that (the
+    // rest would reach the server as the start of another request).
+    const auto left = self->upload->length() - static_cast<std::uint64_t>(self->sent);
+    if (left == 0) return 0;
+    long n = self->upload->read(buffer, static_cast<std::size_t>(std::min<std::uint64_t>(size * count, left)));
     if (n < 0) return CURL_READFUNC_ABORT;
     // The file shrank while it was sent: the request announced more than will come, and the server would
     // wait for the rest until the idle timeout. Ended at once instead, as a failed upload.
