@@ -31,7 +31,9 @@ std::vector<std::string> QVRunOutcome::detailLines() const {
   std::vector<std::string> lines;
   if (!report) return lines;
   for (const auto& item : report->missingItems) lines.push_back("missing item: " + item);
-  for (const auto& item : report->failedItems) lines.push_back("not backed up: " + item);
+  // A failed run backed up nothing: its message says why.
+  if (kind == Kind::complete || kind == Kind::completeWithMissingItems)
+    for (const auto& item : report->failedItems) lines.push_back("not backed up: " + item);
   const std::size_t leftOut = report->leftOut.size();
   if (leftOut > 0) {
     lines.push_back(std::to_string(leftOut) + (leftOut == 1 ? " file could not be read and was left out"
@@ -198,7 +200,10 @@ void QVRunMonitor::finishRun(const std::string& groupID) {
       outcome.message = qv::statusCommentString(static_cast<std::int32_t>(code));
     outcome.message = qv::redactedString(outcome.message);  // a server's address may carry a password
   }
-  if (const QVRunReport* report = m_agent.runReportForGroupWithID(groupID)) outcome.report = *report;
+  if (const QVRunReport* report = m_agent.runReportForGroupWithID(groupID)) {
+    outcome.report = *report;
+    for (auto& item : outcome.report->failedItems) item = qv::redactedString(item);  // the reasons name servers
+  }
   if (std::string error; !m_journal.append(outcome.journalEntry(), &error))
     m_host.writeMessage("warning: the run was not recorded in the journal: " + error);
   if (m_onOutcome) m_onOutcome(outcome);

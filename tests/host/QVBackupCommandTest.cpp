@@ -63,7 +63,7 @@ TEST_F(QVBackupCommandTest, ReportsMissingItemsEmptyGroupsAndDestinationsThatAre
   outcomes[0].erase("version");
   EXPECT_EQ(outcomes, json::parse(R"([
       {"title": "Mixed", "outcome": "complete with missing items", "statusCode": 0, "message": null,
-       "files": 1, "bytes": 4, "leftOut": [], "missingItems": [")" + lost + R"("], "versionsUnreadable": false},
+       "files": 1, "bytes": 4, "leftOut": [], "missingItems": [")" + lost + R"("], "failedItems": [], "versionsUnreadable": false},
       {"title": "Hollow", "outcome": "empty", "statusCode": null,
        "message": "the group is empty; nothing to back up"}])"));
   EXPECT_NE(result.err.find("group \"Hollow\" is empty; nothing to back up"), std::string::npos) << result.err;
@@ -148,7 +148,8 @@ TEST_F(QVBackupCommandTest, NamesTheFilesItCouldNotReadAndLeftOut) {
   for (std::istringstream lines(result.out); std::getline(lines, shown.emplace_back());) continue;
   ASSERT_EQ(shown.size(), 15u) << result.out << result.err;  // the last one empty
   EXPECT_EQ(std::vector(shown.begin(), shown.begin() + 3),
-            (std::vector<std::string>{"Docs: complete", "  not backed up: " + alone + " (Permission denied)",
+            (std::vector<std::string>{"Docs: complete",
+                                      "  not backed up: " + alone + " (You don't have enough permissions to access file Alone.txt)",
                                       "  14 files could not be read and were left out"}));
   for (std::size_t i = 3; i < 13; ++i) EXPECT_TRUE(leftOut.count(shown[i].substr(4)) && shown[i].starts_with("    ")) << shown[i];
   EXPECT_EQ(shown[13], "    and 4 more (see --json)");
