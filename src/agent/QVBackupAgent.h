@@ -17,6 +17,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -98,6 +99,11 @@ class QVBackupAgent : public QVNCTemplateDelegate {
   std::size_t numberOfRunningBackups() const { return m_activeBackupTargets.size(); }
   // What the group's last run did, from the moment its outcome is handled; nullptr before any run.
   const QVRunReport* runReportForGroupWithID(const std::string& groupID) const;
+  // The host's say over runs, beside the plug-in's interface: once set, a requested run (by the host, a
+  // timer, a wake or the menu) starts only when gate answers true for its group. A refused request ends
+  // as one refused while the group runs: nothing is logged and the group's timer stays dropped, so the
+  // host, which refused it, starts or re-arms the group later. Main thread.
+  void setRunGate(std::function<bool(const QVGroup&)> gate) { m_runGate = std::move(gate); }
 
   // Any thread: progress of item `item` of a running group.
   void backupProgress(double progress, const QVGroupRef& forGroup, std::size_t item);
@@ -160,6 +166,7 @@ class QVBackupAgent : public QVNCTemplateDelegate {
   std::map<std::string, std::vector<std::string>> m_directoriesInGroup;
   std::map<std::string, std::shared_ptr<Run>> m_activeBackupTargets;
   std::map<std::string, QVRunReport> m_runReports;  // by group identifier
+  std::function<bool(const QVGroup&)> m_runGate;
   std::unique_ptr<QVNCTemplate> m_ncTemplate;
   std::unique_ptr<QVNCTemplate> m_ncWarningTemplate;
   std::unique_ptr<QVWakeMonitor> m_wakeMonitor;

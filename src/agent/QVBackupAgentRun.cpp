@@ -100,6 +100,7 @@ void QVBackupAgent::backupGroup(const QVGroupRef& group, bool notifyHostApp) {
     QVLog(qv::stringWithFormat("%@ warning : Current group is backing up now.", {"QVBackupAgent"}));
     return;
   }
+  if (m_runGate && !m_runGate(*group)) return;
 
   if (!group->items.empty()) {
     if (m_host) m_host->startStatusIconAnimation();

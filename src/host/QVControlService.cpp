@@ -51,9 +51,22 @@ bool contains(const std::vector<std::string>& list, const std::string& value) {
 }  // namespace
 
 QVControlService::QVControlService(QVBackupAgent& agent, QVRunMonitor& monitor, QVHostApp& host, std::ostream& log)
-    : m_agent(agent), m_monitor(monitor), m_host(host), m_log(log) {}
+    : m_agent(agent), m_monitor(monitor), m_host(host), m_log(log) {
+  // A run of a group that a restore or verify reads waits until it has finished: its timer, a wake or
+  // the menu may ask meanwhile.
+  m_agent.setRunGate([this](const QVGroup& group) {
+    if (!isHeld(group.identifier)) return true;
+    if (!contains(m_waitingRuns, group.identifier)) {
+      m_log << qv::quoted(group.title) << ": the run waits until the restore or verify reading the group has finished"
+            << std::endl;
+      m_waitingRuns.push_back(group.identifier);
+    }
+    return false;
+  });
+}
 
 QVControlService::~QVControlService() {
+  m_agent.setRunGate(nullptr);
   stopListening();
   m_clients.clear();
 }
@@ -106,7 +119,16 @@ bool QVControlService::acceptConnections() {
     const int fd = accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
-      return true;  // EAGAIN, or out of descriptors for now: the next connection tries again
+      if (errno != EMFILE && errno != ENFILE) return true;  // EAGAIN: all taken
+      // Out of descriptors: the waiting connection keeps the socket readable, so watching on would spin.
+      // Listening pauses a moment, until some descriptor may be free again.
+      m_log << "cannot accept a connection: " << std::strerror(errno) << "; trying again shortly" << std::endl;
+      m_listenWatch = 0;
+      m_acceptPause = std::make_unique<QVTimer>(std::chrono::system_clock::now() + kAcceptPause, [this](QVTimer&) {
+        if (m_listener >= 0)
+          m_listenWatch = qv::addFileDescriptorWatch(m_listener, true, false, [this] { return acceptConnections(); });
+      });
+      return false;
     }
     const std::uint64_t id = m_nextClientID++;
     Client& client = m_clients[id];
@@ -133,6 +155,13 @@ void QVControlService::sweepSoon() {
     if (alive.expired()) return;
     m_sweepPosted = false;
     std::erase_if(m_clients, [](const auto& entry) { return !entry.second.connection->isOpen(); });
+    // Runs that waited for a restore or verify start now, as their request would have started them.
+    const std::vector<std::string> waiting = m_waitingRuns;
+    for (const std::string& id : waiting) {
+      if (isHeld(id)) continue;
+      std::erase(m_waitingRuns, id);
+      m_agent.backupGroupWithID(id, false);
+    }
   });
 }
 
@@ -279,12 +308,6 @@ bool QVControlService::hasHolds() const {
 }
 
 void QVControlService::runStarted(const QVGroup& group) {
-  if (isHeld(group.identifier)) {
-    // Its timer fired while a restore or verify reads the group: that one finishes undisturbed.
-    m_log << qv::quoted(group.title) << ": the scheduled run is cancelled: a restore or verify is reading the group"
-          << std::endl;
-    m_agent.cancelBackupGroupWithID(group.identifier);
-  }
   QVDictionary started = qv::controlMessage("started");
   started["group"] = group.identifier;
   started["title"] = group.title;

@@ -4,10 +4,11 @@
 //   - the registry commands, status, cancel and menu at once: their output and exit status go back whole;
 //   - backup: it starts the runs and tells the command their progress and outcomes as they come; a
 //     "cancel" from that command cancels them;
-//   - restore and verify: it holds the group, so that no backup of it starts (a group's timer included)
-//     until the command that reads it has gone.
+//   - restore and verify: it holds the group, so that no backup of it starts until the command that reads
+//     it has gone; a run that its timer, a wake or the menu asks for meanwhile starts then.
 // A connection that sends no whole request within kRequestTimeout is dropped; one that breaks the
-// protocol gets an error and is dropped. Neither disturbs the others or a running backup.
+// protocol gets an error and is dropped. Neither disturbs the others or a running backup. Out of file
+// descriptors, it stops accepting for kAcceptPause rather than spin.
 // Owned by the daemon command; uses the agent, the monitor and the host without owning them. Main thread.
 #pragma once
 
@@ -34,6 +35,7 @@ struct QVRunOutcome;
 class QVControlService {
  public:
   static constexpr std::chrono::seconds kRequestTimeout{10};
+  static constexpr std::chrono::milliseconds kAcceptPause{200};
 
   QVControlService(QVBackupAgent& agent, QVRunMonitor& monitor, QVHostApp& host, std::ostream& log);
   ~QVControlService();
@@ -84,6 +86,8 @@ class QVControlService {
   int m_listener = -1;
   unsigned m_listenWatch = 0;
   std::map<std::uint64_t, Client> m_clients;
+  std::vector<std::string> m_waitingRuns;  // groups whose run was asked for while they were held
+  std::unique_ptr<QVTimer> m_acceptPause;
   std::uint64_t m_nextClientID = 1;
   bool m_sweepPosted = false;
   std::function<bool()> m_mayChange;

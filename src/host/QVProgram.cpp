@@ -126,6 +126,12 @@ int QVProgram::runHere(const QVCommandOptions& options, QVAgentLock* lock, const
     agent.setDelegate(monitor);
     // The default destination that the agent made in memory; written only with the command's changes.
     if (!readOnly && !hasStoredTargets(agent) && !agent.targets().empty()) agent.savePrefs();
+    // Reading beside the daemon, which holds the lock: the daemon runs the schedules, never this process
+    // (not even after a wake during a long restore).
+    if (readOnly) {
+      agent.stopTimers();
+      agent.setRunGate([](const QVGroup&) { return false; });
+    }
 
     switch (options.command) {
       case QVCommand::backup:

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include "host/QVCommandLine.h"
+#include "host/QVControlClient.h"
 #include "host/QVProgramRunner.h"
 
 using nlohmann::json;
@@ -138,6 +140,25 @@ TEST_F(QVDaemonControlTest, RunsStartedAnywhereShowEverywhereAndCanBeCancelledFr
   EXPECT_TRUE(daemon->waitFor([&] { return daemon->err.find("\"Small\" complete") != std::string::npos; }, seconds(30)))
       << daemon->err;
   EXPECT_EQ(runJSON({"versions", "Small", "--json"}).size(), 1u);
+
+  // Asked for while a verify holds the group, a run waits, and starts once the verify has gone.
+  const auto completions = [&] {
+    std::size_t count = 0;
+    for (std::size_t at = 0; (at = daemon->err.find("\"Small\" complete", at)) != std::string::npos; ++at) ++count;
+    return count;
+  };
+  {
+    QVCommandOptions verify;
+    verify.command = QVCommand::verify, verify.group = "Small";
+    std::ostringstream out, err;
+    auto holder = QVControlClient::connect(socketPath());
+    ASSERT_TRUE(holder && holder->run(verify, out, err).answer == QVControlClient::Answer::held) << err.str();
+    EXPECT_EQ(runProgram({"menu", "Small", "Backup Now"}).status, 0);
+    EXPECT_TRUE(daemon->waitFor([&] { return daemon->err.find("\"Small\": the run waits") != std::string::npos; },
+                                seconds(10)));
+    EXPECT_EQ(completions(), 1u);
+  }
+  EXPECT_TRUE(daemon->waitFor([&] { return completions() == 2; }, seconds(30))) << daemon->err;
 
   // Killed during a run: started again, it has the preferences and runs the group.
   RunningProgram orphan({"backup", "Big"});
