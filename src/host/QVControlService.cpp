@@ -227,11 +227,26 @@ void QVControlService::handleRequest(Client& client, const QVDictionary& message
       sendResult(client, 1, "", std::string(kProgram) + ": a daemon is already running for this user\n");
       break;
     default: {
+      std::vector<std::string> idle;
+      for (const auto& group : m_agent.groups())
+        if (!m_agent.isBackingUpGroupWithID(group->identifier)) idle.push_back(group->identifier);
       std::ostringstream out, err;
       m_host.setOutput(out);
       const int status = QVRegistryCommands(m_agent, out, err).run(*options);
       m_host.setOutput(m_log);
-      sendResult(client, status, out.str(), err.str());
+      // A menu entry that started a run: the command follows it, as it would at home.
+      QVArray started;
+      for (const auto& id : idle)
+        if (options->command == QVCommand::menu && m_agent.isBackingUpGroupWithID(id)) started.push_back(id);
+      if (status != 0 || started.empty()) {
+        sendResult(client, status, out.str(), err.str());
+        break;
+      }
+      for (const auto& id : started) client.following.push_back(*id.string());
+      QVDictionary accepted = qv::controlMessage("accepted");
+      accepted["groups"] = started;
+      accepted["err"] = out.str() + err.str();
+      client.connection->send(accepted);
       break;
     }
   }
