@@ -79,6 +79,9 @@ int QVProgram::run(const QVCommandOptions& given) {
     // A running daemon carries the command out.
     std::unique_ptr<QVControlClient> client;
     if (const std::string served = options.command == QVCommand::daemon ? "" : daemonSocket(socketPath); !served.empty()) {
+      // A listing may wait on a server for a minute: read here, beside the daemon, so that the daemon
+      // never keeps its other commands waiting for it.
+      if (options.command == QVCommand::versions) return runHere(options, nullptr, socketPath);
       // Read before connecting: the daemon waits only so long for a request.
       if (!readPasswordFirst(options)) {
         std::cerr << kProgram << ": could not read the password from standard input" << std::endl;

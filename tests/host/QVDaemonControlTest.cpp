@@ -6,9 +6,12 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <thread>
+
 #include "host/QVCommandLine.h"
 #include "host/QVControlClient.h"
 #include "host/QVProgramRunner.h"
+#include "support/QVTestServer.h"
 
 using nlohmann::json;
 using namespace qvtest;
@@ -195,6 +198,19 @@ TEST_F(QVDaemonControlTest, TurnsAwayBrokenMessagesAndOtherUsersAndGoesOnServing
   char byte;
   EXPECT_EQ(recv(stalled, &byte, 1, 0), 0) << "dropped after its request timeout";
   close(stalled);
+  // Nor does a listing of a server that never answers: it is read in the command's own process.
+  SilentServer silent;
+  runJSON({"target", "add", "--type", "dav", "--title", "Mute", "--server", "127.0.0.1", "--port",
+           std::to_string(silent.port()), "--path", "b"});
+  runJSON({"group", "add", "Mute", makeFile("m.txt")});
+  runJSON({"group", "set", "Mute", "--target", "Mute"});
+  RunningProgram listing({"versions", "Mute"});
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  const auto asked = std::chrono::steady_clock::now();
+  EXPECT_EQ(runProgram({"status"}).status, 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, seconds(5)) << "the daemon waited on the listing";
+  kill(listing.pid, SIGKILL);
+  listing.finish();
 
   // Private by mode, and by the peer's credentials even where the modes are opened up.
   struct stat info {};
