@@ -48,6 +48,23 @@ QVControlClient::Result QVControlClient::run(const QVCommandOptions& options, st
   request["folder"] = workingFolder();
   if (!m_connection->send(request)) return {};
 
+  // Ctrl-C before the daemon has taken a backup (or a menu entry that may start one) cancels the runs it
+  // then starts, rather than leaving them running with nobody following.
+  m_interrupted = false;
+  unsigned handlers[2] = {0, 0};
+  if (options.command == QVCommand::backup || options.command == QVCommand::menu) {
+    m_onInterrupt = [this] { m_interrupted = true; };
+    handlers[0] = qv::addSignalHandler(SIGINT, [this] { m_onInterrupt(); });
+    handlers[1] = qv::addSignalHandler(SIGTERM, [this] { m_onInterrupt(); });
+  }
+  struct RemoveHandlers {
+    unsigned* ids;
+    ~RemoveHandlers() {
+      for (int i = 0; i < 2; ++i)
+        if (ids[i] != 0) qv::removeSignalHandler(ids[i]);
+    }
+  } removeHandlers{handlers};
+
   if (!qv::runMainLoopUntil([this] { return !m_inbox.empty() || m_closed; }, kAnswerTimeout)) {
     err << kProgram << ": the daemon did not answer within " << kAnswerTimeout.count() << " minutes" << std::endl;
     return {Answer::done, 1};
@@ -95,8 +112,8 @@ QVControlClient::Result QVControlClient::followBackup(const QVDictionary& accept
     presenter.setNote("cancelling...");
     m_connection->send(qv::controlMessage("cancel"));
   };
-  const unsigned sigint = qv::addSignalHandler(SIGINT, cancel);
-  const unsigned sigterm = qv::addSignalHandler(SIGTERM, cancel);
+  m_onInterrupt = cancel;
+  if (m_interrupted) cancel();
 
   auto handle = [&](const QVDictionary& message) {
     const std::string type = qv::controlString(message, "type");
@@ -129,8 +146,7 @@ QVControlClient::Result QVControlClient::followBackup(const QVDictionary& accept
     if (presenter.isDone() || m_closed) break;
     qv::runMainLoopUntil([this] { return !m_inbox.empty() || m_closed; }, std::chrono::hours(1));
   }
-  qv::removeSignalHandler(sigint);
-  qv::removeSignalHandler(sigterm);
+  m_onInterrupt = [this] { m_interrupted = true; };
   const bool lost = !presenter.isDone();
   if (lost) presenter.say("the daemon stopped before the backups ended; see \"stellwin-backup log\"");
   const int status = presenter.finish(interrupted);

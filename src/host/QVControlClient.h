@@ -6,6 +6,7 @@
 // Made by the program for one command; main thread.
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -45,4 +46,6 @@ class QVControlClient {
   std::vector<QVDictionary> m_inbox;
   bool m_closed = false;
   std::string m_closeReason;  // "" for an orderly end
+  std::function<void()> m_onInterrupt;  // what Ctrl-C or SIGTERM does now
+  bool m_interrupted = false;           // before the daemon's answer
 };
