@@ -36,6 +36,8 @@ class QVControlClient {
   };
   // Requires: options.suppliedPassword holds the password that the command would read itself.
   Result run(const QVCommandOptions& options, std::ostream& out, std::ostream& err);
+  // Whether the daemon's side has ended the connection (a held group is then held no longer).
+  bool isClosed() const { return m_closed; }
 
  private:
   explicit QVControlClient(std::unique_ptr<QVControlConnection> connection);

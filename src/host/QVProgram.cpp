@@ -14,6 +14,7 @@
 #include "host/QVRegistryCommands.h"
 #include "host/QVRestoreCommand.h"
 #include "host/QVRunMonitor.h"
+#include "platform/QVRunLoop.h"
 
 namespace {
 
@@ -92,7 +93,15 @@ int QVProgram::run(const QVCommandOptions& given) {
     if (client) {
       QVControlClient::Result result = client->run(options, std::cout, std::cerr);
       if (result.answer == QVControlClient::Answer::done) return result.status;
-      if (result.answer == QVControlClient::Answer::held) return runHere(options, nullptr, socketPath);
+      if (result.answer == QVControlClient::Answer::held) {
+        const int status = runHere(options, nullptr, socketPath);
+        // A closed connection shows once the loop has looked at it.
+        if (qv::runMainLoopUntil([&] { return client->isClosed(); }, std::chrono::milliseconds(50)))
+          std::cerr << kProgram << ": warning: the daemon stopped while this command read the group, so its hold "
+                    << "on the group's backups ended early; check what was read with \"stellwin-backup verify\""
+                    << std::endl;
+        return status;
+      }
       if (std::chrono::steady_clock::now() >= deadline) {
         std::cerr << kProgram << ": the daemon is busy reading changed preferences; try again in a moment" << std::endl;
         return 1;
