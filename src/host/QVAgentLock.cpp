@@ -50,8 +50,11 @@ int inheritedLock() {
   if (!value) return -1;
   const int fd = std::atoi(value);
   unsetenv(kInheritedLockVariable);
-  struct stat st {};
-  if (fd <= 2 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+  // Only the lock file of these preferences itself: a number handed down from elsewhere is not a lock.
+  struct stat st {}, file {};
+  if (fd <= 2 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || stat(lockPath().c_str(), &file) != 0 ||
+      st.st_dev != file.st_dev || st.st_ino != file.st_ino)
+    return -1;
   if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
     close(fd);
     return -1;
