@@ -93,26 +93,35 @@ std::int64_t integer(const QVDictionary& dictionary, const std::string& key) {
 }  // namespace
 
 void QVControlMessageReader::append(const char* bytes, std::size_t count) {
-  if (m_refusal.empty()) m_buffer.append(bytes, count);
+  if (!m_refusal.empty()) return;
+  // Messages taken are dropped from the front only now and then, never once per message.
+  if (m_offset > 0 && m_offset >= m_buffer.size() / 2) {
+    m_buffer.erase(0, m_offset);
+    m_offset = 0;
+  }
+  m_buffer.append(bytes, count);
 }
 
 QVControlMessageReader::Status QVControlMessageReader::next(QVDictionary& message, std::string& error) {
   auto refuse = [&](const std::string& why) {
     m_refusal = why;
     m_buffer.clear();
+    m_offset = 0;
     error = why;
     return Status::refused;
   };
   if (!m_refusal.empty()) return refuse(m_refusal);
-  if (m_buffer.size() < 4) return Status::incomplete;
-  const auto* header = reinterpret_cast<const unsigned char*>(m_buffer.data());
+  const std::size_t available = m_buffer.size() - m_offset;
+  if (available < 4) return Status::incomplete;
+  const auto* header = reinterpret_cast<const unsigned char*>(m_buffer.data() + m_offset);
   const std::size_t length = (std::size_t{header[0]} << 24) | (std::size_t{header[1]} << 16) |
                              (std::size_t{header[2]} << 8) | std::size_t{header[3]};
   if (length > m_limit)
     return refuse("message too large (" + std::to_string(length) + " bytes; at most " + std::to_string(m_limit) + ")");
-  if (m_buffer.size() < 4 + length) return Status::incomplete;
-  std::string body = m_buffer.substr(4, length);
-  m_buffer.erase(0, 4 + length);
+  if (available < 4 + length) return Status::incomplete;
+  std::string body = m_buffer.substr(m_offset + 4, length);
+  m_offset += 4 + length;
+  if (m_offset == m_buffer.size()) m_buffer.clear(), m_offset = 0;
 
   if (nestsTooDeep(body)) return refuse("malformed message: nested too deep");
   std::string parseError;

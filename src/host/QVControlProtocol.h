@@ -39,11 +39,12 @@ class QVControlMessageReader {
   // The next whole message. refused: error says why, and every later call is refused too.
   Status next(QVDictionary& message, std::string& error);
   // Bytes of a message that has not wholly arrived.
-  bool hasPartialMessage() const { return !m_buffer.empty(); }
+  bool hasPartialMessage() const { return m_buffer.size() > m_offset; }
 
  private:
   std::size_t m_limit;
   std::string m_buffer;
+  std::size_t m_offset = 0;  // where the next message begins in m_buffer
   std::string m_refusal;
 };
 
