@@ -53,7 +53,11 @@ QVControlClient::Result QVControlClient::run(const QVCommandOptions& options, st
   m_interrupted = false;
   unsigned handlers[2] = {0, 0};
   if (options.command == QVCommand::backup || options.command == QVCommand::menu) {
-    m_onInterrupt = [this] { m_interrupted = true; };
+    m_onInterrupt = [this] {
+      // A second one while the daemon has not answered ends the wait at once.
+      if (m_interrupted) _exit(130);
+      m_interrupted = true;
+    };
     handlers[0] = qv::addSignalHandler(SIGINT, [this] { m_onInterrupt(); });
     handlers[1] = qv::addSignalHandler(SIGTERM, [this] { m_onInterrupt(); });
   }
@@ -72,7 +76,7 @@ QVControlClient::Result QVControlClient::run(const QVCommandOptions& options, st
   if (m_inbox.empty()) {
     // Closed in order before an answer: the daemon is starting anew, and took nothing. Anything else
     // is told, never tried again (the command may have been carried out).
-    if (m_closeReason.empty()) return {};
+    if (m_closeReason.empty()) return m_interrupted ? Result{Answer::done, 130} : Result{};
     err << kProgram << ": lost the connection to the daemon: " << m_closeReason << std::endl;
     return {Answer::done, 1};
   }
@@ -88,7 +92,7 @@ QVControlClient::Result QVControlClient::run(const QVCommandOptions& options, st
     return {Answer::done, static_cast<int>(status ? status->integerValue().value_or(1) : 1)};
   }
   if (type == "held") return {Answer::held, 0};
-  if (type == "busy") return {};
+  if (type == "busy") return m_interrupted ? Result{Answer::done, 130} : Result{};
   if (type == "accepted") return followBackup(answer, options, out, err);
   err << kProgram << ": the daemon refused the command: "
       << (type == "error" ? qv::controlString(answer, "message") : "unexpected answer \"" + type + "\"") << std::endl;
@@ -97,6 +101,8 @@ QVControlClient::Result QVControlClient::run(const QVCommandOptions& options, st
 
 QVControlClient::Result QVControlClient::followBackup(const QVDictionary& accepted, const QVCommandOptions& options,
                                                       std::ostream& out, std::ostream& err) {
+  out << qv::controlString(accepted, "out");
+  out.flush();
   err << qv::controlString(accepted, "err");
   err.flush();
   std::vector<std::string> requested;
@@ -104,7 +110,8 @@ QVControlClient::Result QVControlClient::followBackup(const QVDictionary& accept
     for (const auto& id : *groups->array())
       if (id.string()) requested.push_back(*id.string());
 
-  QVRunPresenter presenter(requested, options.json, out);
+  // A menu entry's run is shown as the menu command shows it at home: as text.
+  QVRunPresenter presenter(requested, options.json && options.command == QVCommand::backup, out);
   bool interrupted = false;
   auto cancel = [&] {
     if (!interrupted) presenter.say("cancelling the running backups...");
@@ -146,7 +153,7 @@ QVControlClient::Result QVControlClient::followBackup(const QVDictionary& accept
     if (presenter.isDone() || m_closed) break;
     qv::runMainLoopUntil([this] { return !m_inbox.empty() || m_closed; }, std::chrono::hours(1));
   }
-  m_onInterrupt = [this] { m_interrupted = true; };
+  m_onInterrupt = [] {};
   const bool lost = !presenter.isDone();
   if (lost) presenter.say("the daemon stopped before the backups ended; see \"stellwin-backup log\"");
   const int status = presenter.finish(interrupted);

@@ -101,6 +101,7 @@ bool QVControlService::listen(const std::string& socketPath, std::string& error)
 }
 
 void QVControlService::stopListening() {
+  m_acceptPause.reset();
   if (m_listener < 0) return;
   qv::removeFileDescriptorWatch(m_listenWatch);
   m_listenWatch = 0;
@@ -160,7 +161,8 @@ void QVControlService::sweepSoon() {
     for (const std::string& id : waiting) {
       if (isHeld(id)) continue;
       std::erase(m_waitingRuns, id);
-      m_agent.backupGroupWithID(id, false);
+      // A daemon that is stopping (it no longer listens) starts no more runs.
+      if (m_listener >= 0) m_agent.backupGroupWithID(id, false);
     }
   });
 }
@@ -245,7 +247,8 @@ void QVControlService::handleRequest(Client& client, const QVDictionary& message
       for (const auto& id : started) client.following.push_back(*id.string());
       QVDictionary accepted = qv::controlMessage("accepted");
       accepted["groups"] = started;
-      accepted["err"] = out.str() + err.str();
+      accepted["out"] = out.str();
+      accepted["err"] = err.str();
       client.connection->send(accepted);
       break;
     }

@@ -58,6 +58,8 @@ class QVControlService {
 
   // A restore or verify holds some group.
   bool hasHolds() const;
+  // Some run waits for a hold to end (it starts on the main loop once the holder has gone).
+  bool hasWaitingRuns() const { return !m_waitingRuns.empty(); }
 
  private:
   struct Client {

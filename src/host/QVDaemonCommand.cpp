@@ -150,7 +150,7 @@ int QVDaemonCommand::run() {
 
   for (;;) {
     auto done = [this] {
-      return m_monitor.isIdle() && (m_stopping || (m_reloading && !m_service->hasHolds()));
+      return m_monitor.isIdle() && (m_stopping || (m_reloading && !m_service->hasHolds() && !m_service->hasWaitingRuns()));
     };
     while (!done()) qv::runMainLoopUntil(done, std::chrono::hours(1));
     if (m_stopping) break;

@@ -185,6 +185,7 @@ class CopyOperation {
   std::uint64_t m_totalBytes = 0;
   std::uint64_t m_filesDone = 0;
   std::uint64_t m_bytesDone = 0;
+  bool m_lastCopyCloned = false;  // the last file's contents were cloned
   std::uint64_t m_bytesSinceAsk = 0;
   std::uint64_t m_filesCopied = 0;
   std::uint64_t m_bytesCopied = 0;
@@ -396,14 +397,16 @@ bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const st
   std::uint64_t copied = 0;
   Transfer result = copyContents(in.get(), out.get(), st, srcPath, dstPath, copied);
   // A file written to while it was copied (cut short, grown, rewritten) would be stored torn: it is
-  // copied again from its start, as it is then, and passed over when it keeps changing.
-  for (int attempt = 1; result == Transfer::Done && changedSince(in.get(), st); ++attempt) {
+  // copied again from its start, as it is then, and passed over when it keeps changing. A clone is
+  // taken at one moment and needs no second look.
+  for (int attempt = 1; result == Transfer::Done && !m_lastCopyCloned && changedSince(in.get(), st); ++attempt) {
     if (attempt == kCopyAttempts) {
       fail(Side::Source, EAGAIN, "copy a stable state of", srcPath);
       result = Transfer::SourceFailed;
       break;
     }
     qv::debugLog("platform", "QVFileCopier copies " + srcPath + " again: it changed during the copy");
+    m_bytesDone -= std::min(m_bytesDone, copied);  // progress counts the copy that is kept
     copied = 0;
     if (::fstat(in.get(), &st) != 0 || ::lseek(in.get(), 0, SEEK_SET) != 0) {
       result = failTransfer(Side::Source, errno, "read", srcPath);
@@ -413,8 +416,12 @@ bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const st
       result = copyContents(in.get(), out.get(), st, srcPath, dstPath, copied);
     }
   }
-  // A copy whose folder was removed meanwhile (the folder deleted, a volume gone) went nowhere.
-  if (struct stat written; result == Transfer::Done && ::fstat(out.get(), &written) == 0 && written.st_nlink == 0) {
+  // A copy whose folder was removed meanwhile (the folder deleted, a volume gone) went nowhere. Some
+  // file systems report no links for every file: the name is looked up to be sure.
+  if (struct stat written, named; result == Transfer::Done && ::fstat(out.get(), &written) == 0 &&
+                                  written.st_nlink == 0 &&
+                                  ::fstatat(dstParent, dstName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 &&
+                                  errno == ENOENT) {
     result = failTransfer(Side::Destination, ENOENT, "write", dstPath);
   }
   if (result == Transfer::Done && !applyAttributes(out.get(), st, dstPath)) result = Transfer::Failed;
@@ -477,11 +484,13 @@ CopyOperation::Transfer CopyOperation::copyContents(int in, int out, const struc
                                                     const std::string& srcPath, const std::string& dstPath,
                                                     std::uint64_t& copied) {
   const auto size = static_cast<std::uint64_t>(st.st_size);
+  m_lastCopyCloned = false;
   if (size == 0) return Transfer::Done;
 
   // A clone shares the blocks (Btrfs, XFS): no data moves, whatever the size.
   if (!contains(m_noCloneDevices, st.st_dev)) {
     if (retryOnInterrupt([&] { return ::ioctl(out, FICLONE, in); }) == 0) {
+      m_lastCopyCloned = true;
       copied = size;
       addBytes(size);
       return Transfer::Done;

@@ -111,11 +111,16 @@ struct QVURLSession::Impl {
     auto* self = static_cast<Impl*>(context);
     if (!self->upload) return 0;
     // The request announced the file's length: a file that grew meanwhile sends no more than that (the
-    // rest would reach the server as the start of another request).
+    // rest would reach the server as the start of another request), and fails rather than arrive cut
+    // short.
     const auto left = self->upload->length() - static_cast<std::uint64_t>(self->sent);
     if (left == 0) return 0;
     long n = self->upload->read(buffer, static_cast<std::size_t>(std::min<std::uint64_t>(size * count, left)));
     if (n < 0) return CURL_READFUNC_ABORT;
+    if (char more; n > 0 && static_cast<std::uint64_t>(n) == left && self->upload->read(&more, 1) > 0) {
+      qv::debugLog("platform", "upload " + self->url + ": the file grew beyond its announced length");
+      return CURL_READFUNC_ABORT;
+    }
     // The file shrank while it was sent: the request announced more than will come, and the server would
     // wait for the rest until the idle timeout. Ended at once instead, as a failed upload.
     if (n == 0 && self->sent < static_cast<std::int64_t>(self->upload->length())) {

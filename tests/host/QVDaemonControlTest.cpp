@@ -140,7 +140,8 @@ TEST_F(QVDaemonControlTest, RunsStartedAnywhereShowEverywhereAndCanBeCancelledFr
   EXPECT_EQ(runProgram({"menu", "Small", "Cancel backup"}).status, 1) << "hidden while idle";
   EXPECT_EQ(runProgram({"menu", "Small", "Format"}).status, 2);
   const ProgramResult clicked = runProgram({"menu", "Small", "Backup Now"});
-  EXPECT_EQ(std::pair(clicked.status, clicked.out), std::pair(0, std::string("Small: complete\n"))) << "waited for";
+  EXPECT_EQ(std::pair(clicked.status, clicked.out), std::pair(0, std::string("chose \"Backup Now\" for group \"Small\"\nSmall: complete\n")))
+      << "waited for, as without a daemon";
   EXPECT_EQ(runJSON({"versions", "Small", "--json"}).size(), 1u);
 
   // Asked for while a verify holds the group, a run waits, and starts once the verify has gone.
