@@ -114,16 +114,35 @@ TEST_P(QVFaultTest, TheSourceChangingUnderARunLeavesEveryVersionReadable) {
   const std::string big = m_env.home() + "/Docs/big/big.bin";
   writeFile(m_env.home() + "/Docs/big/gone.txt", "gone");
   writeFile(m_env.home() + "/Docs/big/grows.txt", "grows");
-  const ProgramResult run = backupWhile("Docs", [&] {
-    fs::resize_file(big, 1 << 20);  // truncated while it is read
-    fs::remove(m_env.home() + "/Docs/big/gone.txt");
-    writeFile(m_env.home() + "/Docs/big/grows.txt", std::string(1 << 20, 'g'));
-  });
-  EXPECT_TRUE(run.status == 0 || run.status == 1) << run.err;
-  EXPECT_EQ(treeListing(versions("Docs").front()), first);
-  if (GetParam() == "local") {  // copied again as it was after the change, never torn
-    EXPECT_EQ(std::pair(run.status, fs::file_size(versions("Docs").back() + "/big/big.bin")), std::pair(0, 1ul << 20));
+  runJSON({"group", "set", "Docs", "--versions", "5"});
+  // Truncated while it is read (with one file deleted and one grown beside it), then grown while it is read.
+  for (const std::uintmax_t size : {std::uintmax_t{1} << 20, 2 * kBig + (1 << 20)}) {
+    fs::resize_file(big, size < kBig ? kBig : 2 * kBig);
+    const std::size_t before = versions("Docs").size();
+    bool midway = false;  // the change came while the file was on its way
+    const ProgramResult run = backupWhile("Docs", [&] {
+      for (const auto& arriving : bigFiles()) {
+        std::error_code ec;
+        midway = midway || (fs::file_size(arriving, ec) < fs::file_size(big) && !ec);
+      }
+      fs::resize_file(big, size);
+      if (size < kBig) {
+        fs::remove(m_env.home() + "/Docs/big/gone.txt");
+        writeFile(m_env.home() + "/Docs/big/grows.txt", std::string(1 << 20, 'g'));
+      }
+    });
+    EXPECT_TRUE(run.status == 0 || run.status == 1) << run.err;
+    EXPECT_EQ(treeListing(versions("Docs").front()), first);
+    // Stored as it was when it ended, or not at all: never torn (FTP keeps what arrived, as its rule says).
+    const std::string stored = versions("Docs").back() + "/big/big.bin";
+    if (midway && GetParam() != "ftp" && versions("Docs").size() > before && fs::exists(stored)) {
+      EXPECT_EQ(fs::file_size(stored), size);
+    }
+    if (midway && GetParam() == "local") {
+      EXPECT_EQ(run.status, 0) << "copied again as it was after the change";
+    }
   }
+  fs::resize_file(big, 1 << 20);
   // Whatever the run made of it, the next one is whole.
   EXPECT_EQ(runProgram({"backup", "Docs"}).status, 0);
   EXPECT_EQ(readFile(versions("Docs").back() + "/big/grows.txt").size(), 1u << 20);
