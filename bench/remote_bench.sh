@@ -40,25 +40,14 @@ here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
 # shellcheck source=bench/servers.sh
 source "$here/servers.sh"
-program=${QV_PROGRAM:-$root/build/stellwin-backup}
-files=${QV_BENCH_FILES:-5000}
-large_mb=${QV_BENCH_LARGE_MB:-512}
 limit=${QV_BENCH_TIMEOUT:-1800}
 mode=${1:-all}
 case $mode in dav|ftp|all) ;; *) echo "usage: $0 [dav|ftp|all] [work folder]" >&2; exit 2 ;; esac
 [[ -x $program ]] || { echo "stellwin-backup not found at $program: build it or set QV_PROGRAM" >&2; exit 2; }
 # GNU time measures the peak memory; bc does the arithmetic. Neither is on a minimal Debian.
-for tool in /usr/bin/time:time bc:bc curl:curl rclone:rclone ss:iproute2; do
-  command -v "${tool%%:*}" >/dev/null || DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${tool##*:}" >/dev/null
-done
-if [[ $mode != ftp ]]; then
-  for tool in /usr/sbin/apache2:apache2 htpasswd:apache2-utils; do
-    command -v "${tool%%:*}" >/dev/null || DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${tool##*:}" >/dev/null
-  done
-fi
-if [[ $mode != dav ]]; then
-  command -v /usr/sbin/vsftpd >/dev/null || DEBIAN_FRONTEND=noninteractive apt-get install -y -qq vsftpd >/dev/null
-fi
+ensure_tools /usr/bin/time:time bc:bc curl:curl rclone:rclone ss:iproute2
+if [[ $mode != ftp ]]; then ensure_tools /usr/sbin/apache2:apache2 htpasswd:apache2-utils; fi
+if [[ $mode != dav ]]; then ensure_tools /usr/sbin/vsftpd:vsftpd; fi
 
 temporary=""
 if [[ $# -ge 2 ]]; then work=$(mkdir -p "$2" && cd "$2" && pwd); else

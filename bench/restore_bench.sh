@@ -20,16 +20,11 @@ here=$(cd "$(dirname "$0")" && pwd)
 root=$(dirname "$here")
 # shellcheck source=bench/servers.sh
 source "$here/servers.sh"
-program=${QV_PROGRAM:-$root/build/stellwin-backup}
-files=${QV_BENCH_FILES:-5000}
-large_mb=${QV_BENCH_LARGE_MB:-512}
 mode=${1:-all}
 case $mode in local|dav|ftp|all) ;; *) echo "usage: $0 [local|dav|ftp|all] [work folder]" >&2; exit 2 ;; esac
 [[ -x $program ]] || { echo "stellwin-backup not found at $program: build it or set QV_PROGRAM" >&2; exit 2; }
-for tool in /usr/bin/time:time bc:bc curl:curl rclone:rclone ss:iproute2 /usr/sbin/apache2:apache2 \
-            htpasswd:apache2-utils /usr/sbin/vsftpd:vsftpd; do
-  command -v "${tool%%:*}" >/dev/null || DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${tool##*:}" >/dev/null
-done
+ensure_tools /usr/bin/time:time bc:bc curl:curl rclone:rclone ss:iproute2 /usr/sbin/apache2:apache2 \
+  htpasswd:apache2-utils /usr/sbin/vsftpd:vsftpd
 
 temporary=""
 if [[ $# -ge 2 ]]; then work=$(mkdir -p "$2" && cd "$2" && pwd); else

@@ -2,6 +2,19 @@
 # of the caller's: Apache httpd + mod_dav behind HTTP Basic authentication, and vsftpd serving anonymous
 # writes. Sourced by the benchmark scripts, which keep the array server_pids and stop what it names.
 
+# The settings that the benchmarks of servers read from the environment. Requires: root, the repository.
+program=${QV_PROGRAM:-$root/build/stellwin-backup}
+files=${QV_BENCH_FILES:-5000}
+large_mb=${QV_BENCH_LARGE_MB:-512}
+
+# ensure_tools COMMAND:PACKAGE...: installs the Debian package of each command that is missing.
+ensure_tools() {
+  local tool
+  for tool in "$@"; do
+    command -v "${tool%%:*}" >/dev/null || DEBIAN_FRONTEND=noninteractive apt-get install -y -qq "${tool##*:}" >/dev/null
+  done
+}
+
 # Free ports of 127.0.0.1, picked at random.
 port_is_free() { [[ -z $(ss -Htan "( sport = :$1 )") ]]; }
 free_port() {  # prints a port of 127.0.0.1 that nothing uses

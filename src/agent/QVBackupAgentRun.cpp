@@ -216,8 +216,10 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
         continue;
       }
     }
-    // Named for the report: a run that completes does not say so in its status. A cancel is told as such.
-    if (!target.isCancelled())
+    // Named for the report: a run that completes does not say so in its status. A cancel is told as such,
+    // and a file the destination named as left out has been told already.
+    const auto& leftOut = target.leftOutPaths();
+    if (!target.isCancelled() && std::find(leftOut.begin(), leftOut.end(), path) == leftOut.end())
       report.failedItems.push_back(error.recoverySuggestion && !error.recoverySuggestion->empty()
                                        ? path + " (" + *error.recoverySuggestion + ")"
                                        : path);
@@ -226,12 +228,6 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
   report.files = target.filesWritten();
   report.bytes = target.bytesWritten();
   report.leftOut = target.leftOutPaths();
-  // A file the destination named as left out has been told already.
-  std::erase_if(report.failedItems, [&](const std::string& item) {
-    return std::any_of(report.leftOut.begin(), report.leftOut.end(), [&](const std::string& path) {
-      return item == path || item.starts_with(path + " (");
-    });
-  });
 
   if (target.isCancelled()) {
     // The partial version stays at the destination.

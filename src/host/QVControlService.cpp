@@ -232,10 +232,15 @@ void QVControlService::handleRequest(Client& client, const QVDictionary& message
       std::vector<std::string> idle;
       for (const auto& group : m_agent.groups())
         if (!m_agent.isBackingUpGroupWithID(group->identifier)) idle.push_back(group->identifier);
+      const std::size_t waiting = m_waitingRuns.size();
       std::ostringstream out, err;
       m_host.setOutput(out);
       const int status = QVRegistryCommands(m_agent, out, err).run(*options);
       m_host.setOutput(m_log);
+      for (std::size_t i = waiting; i < m_waitingRuns.size(); ++i)
+        if (const QVGroupRef group = m_agent.groupWithIdentifier(m_waitingRuns[i]))
+          err << kProgram << ": the backup of " << qv::quoted(group->title)
+              << " waits until the restore or verify reading it has finished\n";
       // A menu entry that started a run: the command follows it, as it would at home.
       QVArray started;
       for (const auto& id : idle)

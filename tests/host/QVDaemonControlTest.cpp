@@ -156,7 +156,9 @@ TEST_F(QVDaemonControlTest, RunsStartedAnywhereShowEverywhereAndCanBeCancelledFr
     std::ostringstream out, err;
     auto holder = QVControlClient::connect(socketPath());
     ASSERT_TRUE(holder && holder->run(verify, out, err).answer == QVControlClient::Answer::held) << err.str();
-    EXPECT_EQ(runProgram({"menu", "Small", "Backup Now"}).status, 0);
+    const ProgramResult waits = runProgram({"menu", "Small", "Backup Now"});
+    EXPECT_EQ(waits.status, 0);
+    EXPECT_NE(waits.err.find("\"Small\" waits until the restore or verify"), std::string::npos) << waits.err;
     EXPECT_TRUE(daemon->waitFor([&] { return daemon->err.find("\"Small\": the run waits") != std::string::npos; },
                                 seconds(10)));
     EXPECT_EQ(completions(), 1u);
