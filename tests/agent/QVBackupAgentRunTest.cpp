@@ -200,24 +200,6 @@ TEST_F(QVBackupAgentRunTest, ProgressReachesTheMenuAsAWholePercentage) {
   for (const auto& [info, percent] : totals) EXPECT_EQ(QVBackupAgent::totalProgressForGroup(info), percent);
 }
 
-TEST_F(QVBackupAgentRunTest, ANewDelegateHearsTheProgressOfRunsUnderWay) {
-  QVGroupRef group = makeGroup("Replay", {"a", "b", "c"}, "scripted");
-  script.progress = {{1.0}, {0.0, 1.0}, {0.5}};
-  script.blockAtItem = 2;
-  agent->backupGroupWithID(group->identifier);
-  ASSERT_TRUE(script.waitUntilBlocked());
-  ASSERT_TRUE(qv::runMainLoopUntil([&] { return group->progressInfo && (*group->progressInfo)[2] == 0.5; }));
-
-  auto late = std::make_shared<qvtest::RecordingDelegate>(std::make_shared<qvtest::Journal>());
-  agent->setDelegate(late);
-  const std::string id = "|" + group->identifier + "|", p = "delegate.backupProgress:";
-  EXPECT_EQ(*late->journal, (Lines{"delegate.setLastBackupDate:none", "delegate.groupsAndTargets:1|2", p + "0.00" + id + "0",
-                                   p + "1.00" + id + "0", p + "1.00" + id + "1", p + "0.50" + id + "2"}));
-  script.release();
-  ASSERT_TRUE(waitForEnd(group));
-  EXPECT_TRUE(host.linesStartingWith("delegate.backupDidEnd").empty()) << "the old delegate is told nothing more";
-}
-
 TEST(QVBackupAgentRunNames, VersionAndItemNames) {
   EXPECT_TRUE(qv::isVersionName("20240105143007.backup"));
   EXPECT_TRUE(qv::isVersionName(qv::versionNameForDate(std::chrono::system_clock::now())));

@@ -179,16 +179,4 @@ TEST_F(QVCommandLineTest, AcceptsTheEdgesOfTitlesAndVersions) {
   EXPECT_EQ(runJSON({"group", "show", "...Ünïcode v1.2", "--json"})["versions"], 0);
 }
 
-TEST_F(QVCommandLineTest, AnswersHelpOnEveryCommandAndWritesNothing) {
-  for (const std::string command : {"", "group", "group add", "group list", "group show", "group set", "group remove",
-                                    "group remove-items", "target", "target add", "target list", "target set",
-                                    "target remove", "versions", "backup", "daemon", "menu", "log"}) {
-    ProgramResult result = runProgram(split(command + " --help"));
-    const bool usage = result.out.find("Usage: stellwin-backup " + command) != std::string::npos;
-    EXPECT_TRUE(result.status == 0 && usage && result.err.empty()) << command << "\n" << result.out << result.err;
-  }
-  EXPECT_NE(runProgram({"daemon", "--help"}).out.find("SIGUSR1"), std::string::npos);
-  EXPECT_FALSE(std::filesystem::exists(m_env.preferencesPath()));
-}
-
 }  // namespace

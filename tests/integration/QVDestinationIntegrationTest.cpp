@@ -168,27 +168,6 @@ TEST_P(QVDestinationIntegrationTest, CopiesATreeByteForByteAndPrunesOldVersionsC
   EXPECT_FALSE(host.linesStartingWith("delegate.backupProgress:").empty());
 }
 
-TEST_P(QVDestinationIntegrationTest, SendsALargeFileWhole) {
-  // Sparse: quick to make. An FTP transfer must end within the 20 s that its connection check sets.
-  const std::uintmax_t size = kind().ftp() ? 256ull << 20 : 1ull << 30;
-  const std::string large = makeFile("large.bin");
-  fs::resize_file(large, size);
-  { std::fstream(large, std::ios::in | std::ios::out | std::ios::binary).seekp(size - 3).write("end", 3); }
-  QVGroupRef group = makeGroup("Large", {large});
-  ASSERT_TRUE(runToEnd(group, 300s));
-  EXPECT_EQ(group->statusCode, 0) << masked(shownFailure(group));
-  const Lines versions = versionsOf(group);
-  ASSERT_EQ(versions.size(), 1u) << ::testing::PrintToString(versions);
-  const std::string arrived = folder("Large/" + versions[0] + "/large.bin");
-  ASSERT_EQ(fs::file_size(arrived), size);
-  // Compared in pieces: a gigabyte is not held in memory twice.
-  std::ifstream a(large, std::ios::binary), b(arrived, std::ios::binary);
-  std::string chunkA(1 << 20, '\0'), chunkB(1 << 20, '\0');
-  bool equal = true;
-  while (equal && a.read(chunkA.data(), chunkA.size()) && b.read(chunkB.data(), chunkB.size())) equal = chunkA == chunkB;
-  EXPECT_TRUE(equal);
-}
-
 TEST_P(QVDestinationIntegrationTest, AStoppedServerFailsTheRunBeforeItsNextItemAndKeepsEarlierVersions) {
   const std::string a = makeFile("a.txt");
   QVGroupRef group = makeGroup("Docs", {a, makeFile("b.txt")});
