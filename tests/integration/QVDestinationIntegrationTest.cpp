@@ -208,23 +208,6 @@ TEST_P(QVDestinationIntegrationTest, AStoppedServerFailsTheRunBeforeItsNextItemA
   }
 }
 
-TEST_P(QVDestinationIntegrationTest, AServerStoppedDuringAnUploadFailsTheRun) {
-  const std::string large = makeFile("large.bin");
-  fs::resize_file(large, 4ull << 30);
-  QVGroupRef group = makeGroup("Large", {large, makeFile("b.txt")});
-  agent->backupGroupWithID(group->identifier, true);
-  const std::string serverFolder = m_server->process->directory();
-  ASSERT_TRUE(qv::runMainLoopUntil([&] { return largestFileBelow(serverFolder) > (64u << 20); }, 60s));
-  m_server->process->stop();
-  ASSERT_TRUE(qv::runMainLoopUntil([&] { return !agent->isBackingUpGroupWithID(group->identifier); }));
-  // WebDAV loses the connection; FTP ends with whichever libcurl code the interrupted transfer or the
-  // next connection check gave.
-  const std::string shown = masked(shownFailure(group));
-  const std::int64_t code = group->statusCode.value_or(0);
-  if (kind().ftp()) EXPECT_TRUE(code > 0 && shown.starts_with("Large - ")) << code << shown;
-  else EXPECT_TRUE(code == -27 && shown.starts_with("Large - Could not connect to server http://")) << shown;
-}
-
 // A wrong password is refused at the first request, and nothing is made.
 using QVPasswordServerTest = QVDestinationIntegrationTest;
 TEST_P(QVPasswordServerTest, RefusesAWrongPasswordAtTheFirstRequest) {

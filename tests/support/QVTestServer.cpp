@@ -183,21 +183,11 @@ PythonServer::PythonServer(const std::string& script) {
   start({"/usr/bin/python3", directory() + "/server.py", std::to_string(port)}, port, directory() + "/server.log");
 }
 
-SilentServer::SilentServer() {
-  const int port = freePort();
-  const std::string script =
-      "import socket, time\n"
-      "s = socket.socket()\n"
-      "s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)\n"
-      "s.bind(('127.0.0.1', " + std::to_string(port) + "))\n"
-      "s.listen(16)\n"
-      "held = []\n"
-      "while True:\n"
-      "    c, _ = s.accept()\n"
-      "    held.append(c)\n";
-  writeFile(directory() + "/silent.py", script);
-  writeFile(directory() + "/silent.log", "");
-  start({"/usr/bin/python3", directory() + "/silent.py"}, port, directory() + "/silent.log");
-}
+SilentServer::SilentServer()
+    : PythonServer("import socket, sys\n"
+                   "listener = socket.create_server(('127.0.0.1', int(sys.argv[1])))\n"
+                   "held = []\n"
+                   "while True:\n"
+                   "    held.append(listener.accept())\n") {}
 
 }  // namespace qvtest

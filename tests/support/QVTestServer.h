@@ -67,17 +67,17 @@ class NginxDAVServer : public TestServer {
   std::string root() const { return directory() + "/www"; }
 };
 
-// Accepts connections and never reads or writes: a server that stopped answering.
-class SilentServer : public TestServer {
- public:
-  SilentServer();
-};
-
 // A server of a few lines of Python, for replies no real server gives: script reads its port from
 // sys.argv[1].
 class PythonServer : public TestServer {
  public:
   explicit PythonServer(const std::string& script);
+};
+
+// Accepts connections and never reads or writes: a server that stopped answering.
+class SilentServer : public PythonServer {
+ public:
+  SilentServer();
 };
 
 // Whether the server programs of the integration tests are installed (scripts/setup.sh --tests).
