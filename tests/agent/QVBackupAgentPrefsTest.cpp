@@ -148,13 +148,3 @@ TEST_F(QVBackupAgentPrefsTest, LoadsOlderAndDamagedRecordsKeepingWhatItCan) {
   EXPECT_EQ(agent->groups().front()->items, (std::vector<std::string>{"/x", "/y"}));
   EXPECT_TRUE(agent->targetWithIdentifier(givenID));
 }
-
-TEST_F(QVBackupAgentPrefsTest, KeepsTheKeychainItemOfADavDestinationInStepWithItsUser) {
-  expectDavCredentialsFollowTheKeychain("D1", "s3cret pass");
-  // Credentials of a local destination never reach the keychain.
-  QVTarget local = qvtest::targetRecord("L2", "Second disk", "local", "/Volumes/Second");
-  local.user = "carol";
-  local.pass = "pw";
-  agent->createTargetWithDictionary(local);
-  EXPECT_FALSE(QVKeychain::sharedProxy().keychainItemWithService(agent->serviceIdForTargetId("L2")));
-}

@@ -60,30 +60,6 @@ TEST_F(QVBackupAgentSchedulingTest, ArmsOneTimerPerScheduledGroupWithOrWithoutTh
   EXPECT_LT(fireDate("past").value(), start);
 }
 
-TEST_F(QVBackupAgentSchedulingTest, AGroupDueWhileAsleepRunsAtOnceAfterLoad) {
-  const QVDate longAgo = std::chrono::floor<std::chrono::seconds>(now() - 72h);  // survives being stored
-  start({{"overdue", daily(), longAgo}});
-  QVGroupRef g = agent->groupWithIdentifier("overdue");
-  ASSERT_TRUE(qv::runMainLoopUntil(
-      [&] { return g->lastBackupAttemptDate != longAgo && !agent->isBackingUpGroupWithID("overdue"); }, 10s));
-  EXPECT_EQ(g->statusCode, 0);
-  // After a complete run the next date comes from the schedule: tomorrow at the latest.
-  EXPECT_GT(fireDate("overdue").value(), now());
-  EXPECT_LE(fireDate("overdue").value() - now(), 25h);
-}
-
-TEST_F(QVBackupAgentSchedulingTest, AFailedRunIsRetriedWithinTheHourUnlessItIsManual) {
-  start({{"daily", daily(), now()}, {"manual", manual(), now()}});
-  script.failures = {-36, -36};
-  for (const char* id : {"daily", "manual"}) {
-    agent->backupGroupWithID(id);
-    ASSERT_TRUE(runUntilIdle(id));
-  }
-  EXPECT_EQ(agent->groupWithIdentifier("daily")->statusCode, -36);
-  EXPECT_LE(fireDate("daily").value() - now(), 3600s);
-  EXPECT_FALSE(fireDate("manual"));
-}
-
 TEST_F(QVBackupAgentSchedulingTest, ATimerFiringDuringARunIsRefusedAndTheRunsEndRearms) {
   start({{"g", daily(), now() - 72h}});
   script.blockAtItem = 0;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <csignal>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -64,19 +63,6 @@ TEST(QVTimerTest, FiresOnceWhenDueUnlessInvalidatedOrDestroyedAndItsActionMayDes
   EXPECT_EQ(fired, 1);
   EXPECT_FALSE(past.isValid());
   EXPECT_EQ(seen, "still here");
-}
-
-TEST(QVSignalHandlerTest, ARaisedSignalRunsItsHandlerOnTheMainLoopUntilRemoved) {
-  int calls = 0;
-  unsigned id = qv::addSignalHandler(SIGUSR1, [&] { calls += onMainThread(); });
-  ASSERT_NE(id, 0u);
-  raise(SIGUSR1);
-  EXPECT_EQ(calls, 0) << "the handler runs from the loop, not inside the signal";
-  EXPECT_TRUE(qv::runMainLoopUntil([&] { return calls == 1; }, 5s));
-  raise(SIGUSR1);
-  EXPECT_TRUE(qv::runMainLoopUntil([&] { return calls == 2; }, 5s));
-  qv::removeSignalHandler(id);
-  EXPECT_EQ(qv::addSignalHandler(SIGSEGV, [] {}), 0u) << "a signal that cannot be handled is refused";
 }
 
 }  // namespace
