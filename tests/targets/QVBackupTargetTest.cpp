@@ -51,15 +51,6 @@ TEST_F(QVBackupTargetTest, BuildsItsErrorObjects) {
   EXPECT_FALSE(m_target.errorWithStatusCode(-54, std::nullopt, std::string()).filePath) << "an empty path is none";
 }
 
-TEST_F(QVBackupTargetTest, EscapesPathPiecesForURLs) {
-  const std::string legal = "AZaz09-_.!~*'();/:@&=+$,";
-  const std::vector<std::pair<std::string, std::string>> cases = {
-      {"My Group/2024 01/a b.txt", "My%20Group/2024%2001/a%20b.txt"}, {"why?/really??", "why%3F/really%3F%3F"},
-      {"100% sure", "100%25%20sure"}, {"#1 a#b", "%231%20a%23b"}, {"Grüße/日本", "Gr%C3%BC%C3%9Fe/%E6%97%A5%E6%9C%AC"},
-      {"\"<>\\^`{|}\t\n", "%22%3C%3E%5C%5E%60%7B%7C%7D%09%0A"}, {legal, legal}, {"", ""}};
-  for (const auto& [raw, escaped] : cases) EXPECT_EQ(T::pathWithReplacingInvalidCharactersInPath(raw), escaped);
-}
-
 TEST_F(QVBackupTargetTest, PicksTheKindByItsExactType) {
   EXPECT_TRUE(dynamic_cast<QVLocalBackupTarget*>(T::targetWithOptions(optionsOfType("local")).get()));
   auto ftp = T::targetWithOptions(optionsOfType("ftp"));

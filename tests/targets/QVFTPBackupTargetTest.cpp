@@ -2,26 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include "support/QVAgentTestSupport.h"
-
 using Entry = QVFTPListingEntry;
 
 namespace {
 
-QVTarget ftpOptions(const std::string& path) {
-  QVTarget options = qvtest::targetRecord("F7E0B6C2-0000-4000-8000-000000000002", "NAS", "ftp", path);
-  options.server = "nas.local";
-  options.port = 2121;
-  return options;
-}
-
-class QVFTPBackupTargetTest : public ::testing::Test {
- protected:
-  qvtest::IsolatedEnvironment m_env;
-  qvtest::LogCapture m_log;
-};
-
-TEST_F(QVFTPBackupTargetTest, ReadsDirectoriesAndFilesFromLongListings) {
+TEST(QVFTPBackupTargetTest, ReadsDirectoriesAndFilesFromLongListings) {
   const std::vector<std::pair<std::string, std::vector<Entry>>> cases = {
       // As vsftpd sends them.
       {"drwxr-xr-x    2 0        0            4096 Nov 23 00:59 My Folder", {{"My Folder", true}}},
@@ -47,21 +32,6 @@ TEST_F(QVFTPBackupTargetTest, ReadsDirectoriesAndFilesFromLongListings) {
     expectedAll.insert(expectedAll.end(), expected.begin(), expected.end());
   }
   EXPECT_EQ(QVFTPBackupTarget::parseDirectoryListing(all), expectedAll) << "in listing order";
-}
-
-TEST_F(QVFTPBackupTargetTest, BuildsServerURLsFromItsBasePath) {
-  // Base path, path(), curlUrlPrefix().
-  const std::vector<std::tuple<std::string, std::string, std::string>> cases = {
-      {"backup", "backup/", "ftp://nas.local/backup/"},
-      {"/backup/", "/backup/", "ftp://nas.local//backup/"},  // from the server's root
-      {"", "/", "ftp://nas.local//"},
-      {"a b/Grüße", "a b/Grüße/", "ftp://nas.local/a b/Grüße/"}};  // escaped only where a request is made
-  for (const auto& [base, path, prefix] : cases) {
-    QVFTPBackupTarget target(ftpOptions(base));
-    EXPECT_EQ(target.path(), path);
-    EXPECT_EQ(target.curlUrlPrefix(), prefix);
-    EXPECT_EQ(target.curlUrlPrefixWithoutPath(), "ftp://nas.local/") << "no port, user or password";
-  }
 }
 
 }  // namespace
