@@ -99,15 +99,6 @@ TEST_F(QVBackupAgentRunTest, PrunesOnlyVersionsAndKeepsTheNewest) {
   EXPECT_EQ(group->statusCode, 0);
 }
 
-TEST_F(QVBackupAgentRunTest, AMissingItemCompletesWithAWarning) {
-  QVGroupRef group = makeGroup("Mixed", {"here.txt", "gone.txt"});
-  fs::remove(env.root() + "/sources/gone.txt");
-  ASSERT_TRUE(runToEnd(group));
-  EXPECT_EQ(group->statusCode, 0);
-  EXPECT_TRUE(group->lastBackupDate);
-  EXPECT_EQ(host.linesStartingWith("template"), Lines{"template1.push:Mixed|" + group->identifier});
-}
-
 TEST_F(QVBackupAgentRunTest, ARunWhereEveryItemFailsUndoesItsVersionAndTellsTheUser) {
   QVGroupRef group = makeGroup("Locked", {"a", "b"}, "scripted");
   script.failures = {-54, -54};

@@ -20,7 +20,6 @@
 #include <gtest/gtest.h>
 
 #include "platform/QVError.h"
-#include "platform/QVStatusTexts.h"
 #include "support/QVTestSupport.h"
 
 namespace fs = std::filesystem;
@@ -232,19 +231,6 @@ TEST_F(QVFileCopierTest, NeverStoresAFileTornByAChangeOrWrittenIntoAFolderThatWe
   qvtest::writeFile(src, std::string(20 * kMiB, 'a'));
   EXPECT_FALSE(copy(m_dir / "src", dst, true));
   EXPECT_NE(m_error.code, 0);
-}
-
-TEST_F(QVFileCopierTest, RefusesAnExistingDestinationWithoutTouchingIt) {
-  qvtest::writeFile(m_dir / "src/new.txt", "new");
-  qvtest::writeFile(m_dir / "old.txt", "precious");
-  qvtest::writeFile(m_dir / "old/kept.txt", "kept");
-  for (const auto& [from, to] : {std::pair{"src/new.txt", "old.txt"}, std::pair{"src", "old"}}) {
-    EXPECT_FALSE(copy(m_dir / from, m_dir / to)) << to;
-    EXPECT_EQ(m_error.code, qv::statusCodeForErrno(EEXIST)) << to;
-  }
-  EXPECT_EQ(qvtest::readFile(m_dir / "old.txt"), "precious");
-  EXPECT_FALSE(fs::exists(m_dir / "old/new.txt"));
-  EXPECT_EQ(qvtest::readFile(m_dir / "old/kept.txt"), "kept");
 }
 
 TEST_F(QVFileCopierTest, DoesNotCopyItselfIntoADestinationInsideTheSource) {

@@ -5,7 +5,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <limits>
 #include <set>
 
 #include "support/QVTestSupport.h"
@@ -19,21 +18,6 @@ class QVUserDefaultsTest : public ::testing::Test {
   std::string m_path = m_env.preferencesPath();
   qvtest::LogCapture m_log;
 };
-
-TEST_F(QVUserDefaultsTest, RoundTripsEveryValueType) {
-  auto ms = [](std::int64_t n) { return QVDate(std::chrono::milliseconds(n)); };
-  // Equal values are of equal type too: 0 is no 0.0, a date no text.
-  const QVDictionary all{{"null", QVValue()}, {"yes", true}, {"zero", 0}, {"real", 0.1}, {"date", ms(1704465007999)},
-                         {"max", std::numeric_limits<std::int64_t>::max()}, {"text", "Zürich \"q\" \\ \n\t 日本"},
-                         {"nested", QVDictionary{{"when", ms(-1)}, {"mixed", QVArray{QVValue(), 2.5, "x", 0.0}}}}};
-  QVUserDefaults store(m_path);
-  for (const auto& [key, value] : all) store.setObject(value, key);
-  ASSERT_TRUE(store.synchronize());
-
-  QVUserDefaults reloaded(m_path);
-  for (const auto& [key, value] : all)
-    EXPECT_TRUE(reloaded.objectForKey(key) && *reloaded.objectForKey(key) == value) << key;
-}
 
 TEST_F(QVUserDefaultsTest, LeavesTheFileByteIdenticalWhenNothingChanged) {
   // A layout the store would never write: any rewrite would show.

@@ -5,13 +5,8 @@
 
 #include <filesystem>
 
-#include "platform/QVConstants.h"
 #include "platform/QVKeychain.h"
 #include "support/QVAgentTestSupport.h"
-#include "targets/QVDAVBackupTarget.h"
-#include "targets/QVFTPBackupTarget.h"
-#include "targets/QVFTPSBackupTarget.h"
-#include "targets/QVLocalBackupTarget.h"
 
 namespace fs = std::filesystem;
 using T = QVBackupTarget;
@@ -27,42 +22,6 @@ class QVBackupTargetTest : public ::testing::Test {
   qvtest::LogCapture m_log;
   T m_target{optionsOfType("local")};
 };
-
-TEST_F(QVBackupTargetTest, BuildsItsErrorObjects) {
-  const std::string path = "/Users/ann/My Reports/Report.txt", given = "The server refused the folder";
-  // Status, message given, the recovery suggestion expected ("" for no text at all).
-  const std::vector<std::tuple<std::int64_t, std::optional<std::string>, std::string>> cases = {
-      {-54, std::nullopt, "You don't have enough permissions to access file Report.txt"},
-      {-43, std::nullopt, "Group item is missing for backup"},
-      {-120, std::nullopt, "Backup destination directory not found. Check your Backup Preferences."},
-      {-1429, std::nullopt, "There is not enough disk space to perform the requested operation"},
-      {-36, std::nullopt, "I/O error"},  // passed through: the platform's text for the status
-      {-9999, std::nullopt, ""}, {4095, std::string(), ""},  // an empty message counts as none
-      {-54, given, given}, {-9999, given, given}};
-  for (const auto& [status, message, suggestion] : cases) {
-    SCOPED_TRACE(status);
-    const QVError error = m_target.errorWithStatusCode(status, message, path);
-    EXPECT_EQ(error.domain, kQVErrorDomain);
-    EXPECT_EQ(error.code, status);
-    EXPECT_EQ(error.localizedDescription, suggestion.empty() ? std::nullopt : std::optional("Error occured"));
-    EXPECT_EQ(error.recoverySuggestion, suggestion.empty() ? std::nullopt : std::optional(suggestion));
-    EXPECT_EQ(error.filePath, path);
-  }
-  EXPECT_FALSE(m_target.errorWithStatusCode(-54, std::nullopt, std::string()).filePath) << "an empty path is none";
-}
-
-TEST_F(QVBackupTargetTest, PicksTheKindByItsExactType) {
-  EXPECT_TRUE(dynamic_cast<QVLocalBackupTarget*>(T::targetWithOptions(optionsOfType("local")).get()));
-  auto ftp = T::targetWithOptions(optionsOfType("ftp"));
-  EXPECT_TRUE(dynamic_cast<QVFTPBackupTarget*>(ftp.get()) && !dynamic_cast<QVFTPSBackupTarget*>(ftp.get()));
-  EXPECT_TRUE(dynamic_cast<QVFTPSBackupTarget*>(T::targetWithOptions(optionsOfType("ftps")).get()));
-  EXPECT_TRUE(dynamic_cast<QVDAVBackupTarget*>(T::targetWithOptions(optionsOfType("dav")).get()));
-  m_log.lines(true);  // a WebDAV destination looks up its password, and says when there is none
-  for (const std::string type : {"FTP", "Dav", "LOCAL", "Ftps", "", " local", "local ", "webdav", "sftp"})
-    EXPECT_EQ(T::targetWithOptions(optionsOfType(type)), nullptr) << "type \"" << type << "\"";
-  EXPECT_EQ(T::targetWithOptions(QVTarget::fromDictionary({{"id", "A"}, {"title", "Old"}, {"path", "/x"}})), nullptr);
-  EXPECT_TRUE(m_log.lines().empty()) << "an unknown type is not worth a log line";
-}
 
 TEST_F(QVBackupTargetTest, TellsWhichItemsAreWorthUploading) {
   const std::string root = m_env.root() + "/items/";

@@ -46,18 +46,6 @@ class QVDAVBackupTargetTest : public ::testing::Test {
   qvtest::LogCapture m_log;
 };
 
-TEST_F(QVDAVBackupTargetTest, BuildsItsBaseURLWithCredentialsOnlyWhenBothAreGiven) {
-  const std::vector<std::tuple<std::optional<std::string>, std::optional<std::string>, std::string, std::string>>
-      cases = {
-          {std::nullopt, std::nullopt, "backups/My Mac", "http://nas.local:8080/backups/My%20Mac"},
-          {"ann", "", "backups", "http://nas.local:8080/backups"},
-          {"", "secret", "backups", "http://nas.local:8080/backups"},
-          {"ann", "p@ss:w/rd 1", "a#b?", "http://ann:p@ss:w/rd 1@nas.local:8080/a%23b%3F"},  // as written
-          {"ann", "pw", "", "http://ann:pw@nas.local:8080/"},  // an empty path still adds its "/"
-      };
-  for (const auto& [user, pass, path, url] : cases) EXPECT_EQ(make(user, pass, path)->urlString(), url);
-}
-
 TEST_F(QVDAVBackupTargetTest, PassesOnly2xxAndAnExistingCollectionWhereAllowed) {
   QVDAVBackupTarget& target = *make("ann", "pw").release();
   std::unique_ptr<QVDAVBackupTarget> owner(&target);
