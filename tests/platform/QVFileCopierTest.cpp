@@ -1,12 +1,10 @@
 #include "platform/QVFileCopier.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -118,40 +116,6 @@ TEST_F(QVFileCopierTest, FailsOnAFullVolumeAndRemovesThePartialFile) {
   EXPECT_EQ(m_error.code, -1429);
   EXPECT_TRUE(fs::exists(m_volume + "/dst"));
   EXPECT_FALSE(fs::exists(m_volume + "/dst/photo.raw"));
-}
-
-// Root reads everything, so the copy runs in a forked child that has become "nobody"; it exits with
-// 0 on success, else minus the status code, 255 when it cannot give up root.
-TEST_F(QVFileCopierTest, PassesOverUnreadableItemsOnlyWhenIgnoringSourceErrors) {
-  qvtest::writeFile(m_dir / "src/visible.txt", "v");
-  qvtest::writeFile(m_dir / "src/secret.txt", "s");
-  fs::create_directories(m_dir / "out");
-  chmod(m_dir.path().c_str(), 0755);
-  chmod((m_dir / "out").c_str(), 0777);
-  chmod((m_dir / "src/secret.txt").c_str(), 0);
-  const auto copyAsNobody = [&](const std::string& to, bool ignoring) {
-    if (geteuid() != 0) return copy(m_dir / "src", to, ignoring) ? 0 : int(-m_error.code);
-    const pid_t child = fork();
-    if (child == 0) {
-      const bool dropped = setgroups(0, nullptr) == 0 && setresgid(65534, 65534, 65534) == 0 &&
-                           setresuid(65534, 65534, 65534) == 0;
-      if (!dropped) _exit(255);
-      const bool copied = copy(m_dir / "src", to, ignoring);
-      const bool named = m_copier.passedOverPaths() == std::vector<std::string>(ignoring, m_dir / "src/secret.txt");
-      _exit(copied ? (named ? 0 : 253) : std::clamp(int(-m_error.code), 1, 254));
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 255;
-  };
-  const int ignoring = copyAsNobody(m_dir / "out/ignoring", true);
-  const int failing = copyAsNobody(m_dir / "out/failing", false);
-  if (ignoring == 255) GTEST_SKIP() << "cannot become nobody here";
-  EXPECT_EQ(ignoring, 0);
-  EXPECT_EQ(qvtest::readFile(m_dir / "out/ignoring/visible.txt"), "v");
-  EXPECT_FALSE(fs::exists(m_dir / "out/ignoring/secret.txt"));
-  EXPECT_EQ(failing, 54);
-  EXPECT_FALSE(fs::exists(m_dir / "out/failing/secret.txt"));
 }
 
 TEST_F(QVFileCopierTest, StopsABigFileWithinEightMebibytesOfACancel) {
