@@ -19,8 +19,8 @@ class QVUserDefaultsTest : public ::testing::Test {
   qvtest::LogCapture m_log;
 };
 
-TEST_F(QVUserDefaultsTest, LeavesTheFileByteIdenticalWhenNothingChanged) {
-  // A layout the store would never write: any rewrite would show.
+TEST_F(QVUserDefaultsTest, RewritesTheFileOnlyForAChangeAndKeepsTheOldOneWhenTheDiskRefusesTheNew) {
+  // A layout the store would never write: any needless rewrite would show.
   const std::string handWritten = "{\"b\":[1,2],  \"a\": {\"$date\": \"2024-01-05T14:30:07.000Z\"}}";
   qvtest::writeFile(m_path, handWritten);
   QVUserDefaults store(m_path);
@@ -29,26 +29,18 @@ TEST_F(QVUserDefaultsTest, LeavesTheFileByteIdenticalWhenNothingChanged) {
   store.removeObjectForKey("never there");
   EXPECT_TRUE(store.synchronize());
   EXPECT_EQ(qvtest::readFile(m_path), handWritten);
-}
-
-TEST_F(QVUserDefaultsTest, KeepsTheOldFileWhenTheDiskRefusesTheNewOne) {
-  QVUserDefaults store(m_path);
-  store.setObject("old", "k");
-  ASSERT_TRUE(store.synchronize());
-  const std::string old = qvtest::readFile(m_path);
-  store.setObject(std::string(64 * 1024, 'n'), "k");
   // A file-size limit makes the write fail half-way for real, as a full disk would, even for root.
+  store.setObject(std::string(64 * 1024, 'n'), "k");
   struct rlimit saved {};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
   const struct rlimit small {4096, saved.rlim_max};
   auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
-  bool written = store.synchronize();
+  const bool written = store.synchronize();
   ::setrlimit(RLIMIT_FSIZE, &saved);
   std::signal(SIGXFSZ, previousHandler);
-
   EXPECT_FALSE(written);
-  EXPECT_EQ(qvtest::readFile(m_path), old);
+  EXPECT_EQ(qvtest::readFile(m_path), handWritten);
   EXPECT_EQ(std::distance(fs::directory_iterator(m_env.configDirectory()), {}), 1) << "a temporary file was left";
   const auto logged = m_log.lines();
   ASSERT_EQ(logged.size(), 1u);
