@@ -257,10 +257,11 @@ TEST_F(QVDaemonControlTest, APasswordHandedToTheDaemonIsKeptOnlyInTheKeychain) {
   runJSON({"group", "add", "Docs", makeFile("d.txt")});
   const ProgramResult run = runProgram({"backup", "Docs"});
   EXPECT_EQ(run.status, 1) << run.err;
-  const ProgramResult listed = runProgram({"target", "list", "--json"});
+  std::string everything = add.out + add.err + run.out + run.err + daemon->err;
+  for (const auto& shown : {runProgram({"target", "list", "--json"}), runProgram({"target", "list"}), runProgram({})})
+    everything += shown.out + shown.err;
   stop(*daemon);
 
-  std::string everything = add.out + add.err + run.out + run.err + listed.out + daemon->err;
   for (const auto& entry : std::filesystem::recursive_directory_iterator(m_env.root()))
     if (entry.is_regular_file() && entry.path().filename() != "keychain.json") everything += readFile(entry.path());
   EXPECT_EQ(everything.find(password), std::string::npos) << "the password was written outside the keychain";
@@ -272,6 +273,13 @@ TEST_F(QVDaemonControlTest, APasswordHandedToTheDaemonIsKeptOnlyInTheKeychain) {
     ASSERT_EQ(stat(path.c_str(), &info), 0) << path;
     EXPECT_EQ(info.st_mode & 077, 0u) << path;
   }
+
+  // Without the daemon: other changes keep it; a new one from stdin replaces it, without its line ending.
+  runJSON({"target", "set", "NAS", "--type", "ftp", "--port", "2121"});
+  EXPECT_NE(readFile(m_env.configDirectory() + "/keychain.json").find(password), std::string::npos);
+  ASSERT_EQ(runProgram({"target", "set", "NAS", "--password-stdin"}, "other-secret\r\n").status, 0);
+  const std::string renewed = readFile(m_env.configDirectory() + "/keychain.json");
+  EXPECT_TRUE(renewed.find(password) == std::string::npos && renewed.find("\"other-secret\"") != std::string::npos);
 }
 
 }  // namespace

@@ -10,42 +10,41 @@
 #include "support/QVVersionChecks.h"
 
 namespace fs = std::filesystem;
+using namespace qvtest;
 
-class QVRestoreCommandTest : public qvtest::HostTest {
+class QVRestoreCommandTest : public HostTest {
  protected:
   void SetUp() override {
-    qvtest::makeTree(tree());
+    makeTree(tree());
     fs::create_symlink("a.txt", tree() + "/link to a");
     fs::permissions(tree() + "/with space/b c.txt", fs::perms::owner_read | fs::perms::group_read);
-    ASSERT_EQ(qvtest::runProgram({"group", "add", "Photos", tree()}).status, 0);
+    ASSERT_EQ(runProgram({"group", "add", "Photos", tree()}).status, 0);
   }
   std::string tree() const { return m_env.home() + "/Tree"; }
 };
 
 TEST_F(QVRestoreCommandTest, RestoresAndVerifiesKeepingModesTimesAndLinks) {
-  ASSERT_EQ(qvtest::runProgram({"backup", "Photos"}).status, 0);
-  const std::string version = backups() + "/Photos/" + qvtest::namesIn(backups() + "/Photos").at(0);
-  qvtest::TemporaryDirectory scratch;
-  ASSERT_EQ(qvtest::runProgram({"restore", "Photos", "--to", scratch / "kept"}).status, 0);
-  const std::string restored = scratch / "kept/Tree";
+  ASSERT_EQ(runProgram({"backup", "Photos"}).status, 0);
+  const std::string version = backups() + "/Photos/" + namesIn(backups() + "/Photos").at(0);
+  TemporaryDirectory scratch;
+  expectRestoreAndVerify(tree(), version, scratch / "trip");
+  const std::string restored = scratch / "trip/all/Tree";  // the whole version, as the check restored it
   EXPECT_EQ(fs::read_symlink(restored + "/link to a"), "a.txt");
   EXPECT_EQ(fs::status(restored + "/with space/b c.txt").permissions(), fs::perms::owner_read | fs::perms::group_read);
   EXPECT_EQ(fs::last_write_time(restored + "/deep/er/est/x 100%.bin"),
             fs::last_write_time(tree() + "/deep/er/est/x 100%.bin"));
 
-  qvtest::expectRestoreAndVerify(tree(), version, scratch / "trip");
-
-  qvtest::ProgramResult result = qvtest::runProgram({"restore", "Photos", "--version", "yesterday", "--to", scratch / "x"});
+  ProgramResult result = runProgram({"restore", "Photos", "--version", "yesterday", "--to", scratch / "x"});
   EXPECT_EQ(result.status, 2) << result.err;
-  result = qvtest::runProgram({"restore", "Photos", "--version", "20200101000000.backup", "--to", scratch / "x"});
+  result = runProgram({"restore", "Photos", "--version", "20200101000000.backup", "--to", scratch / "x"});
   EXPECT_EQ(result.status, 1) << "a version that is not there";
 }
 
 TEST_F(QVRestoreCommandTest, CtrlCEndsARestoreAndKeepsWhatWasRestored) {
   makeFile("Tree/zz large.bin", "large", 1ull << 30);
-  ASSERT_EQ(qvtest::runProgram({"backup", "Photos"}).status, 0);
-  qvtest::TemporaryDirectory scratch;
-  qvtest::RunningProgram restore({"restore", "Photos", "--to", scratch / "out"});
+  ASSERT_EQ(runProgram({"backup", "Photos"}).status, 0);
+  TemporaryDirectory scratch;
+  RunningProgram restore({"restore", "Photos", "--to", scratch / "out"});
   const std::string large = scratch / "out/Tree/zz large.bin";
   auto restoring = [&] {
     std::error_code ec;
@@ -63,7 +62,7 @@ TEST_F(QVRestoreCommandTest, CtrlCEndsARestoreAndKeepsWhatWasRestored) {
 // A WebDAV server that lists names leading out of the folder they stand in: they are refused, the
 // rest is restored, and nothing is written outside the restore folder.
 TEST_F(QVRestoreCommandTest, RefusesNamesThatLeadOutOfTheRestoreFolder) {
-  qvtest::PythonServer server(R"(import sys
+  PythonServer server(R"(import sys
 from http.server import BaseHTTPRequestHandler, HTTPServer
 def response(href, collection):
     kind = '<D:collection/>' if collection else ''
@@ -86,19 +85,18 @@ class Handler(BaseHTTPRequestHandler):
         pass
 HTTPServer(('127.0.0.1', int(sys.argv[1])), Handler).serve_forever()
 )");
-  ASSERT_EQ(qvtest::runProgram({"target", "add", "--type", "dav", "--title", "Odd", "--server", "127.0.0.1", "--port",
-                                std::to_string(server.port()), "--path", "backups"}).status, 0);
-  ASSERT_EQ(qvtest::runProgram({"group", "set", "Photos", "--target", "Odd"}).status, 0);
-  qvtest::TemporaryDirectory scratch;
+  ASSERT_EQ(runProgram({"target", "add", "--type", "dav", "--title", "Odd", "--server", "127.0.0.1", "--port",
+                        std::to_string(server.port()), "--path", "backups"}).status, 0);
+  ASSERT_EQ(runProgram({"group", "set", "Photos", "--target", "Odd"}).status, 0);
+  TemporaryDirectory scratch;
   const std::string into = scratch / "a/b/out";
-  qvtest::ProgramResult result =
-      qvtest::runProgram({"restore", "Photos", "--version", "20240101120000.backup", "--to", into});
+  ProgramResult result = runProgram({"restore", "Photos", "--version", "20240101120000.backup", "--to", into});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(qvtest::readFile(into + "/ok.txt"), "data");
+  EXPECT_EQ(readFile(into + "/ok.txt"), "data");
   EXPECT_FALSE(fs::exists(scratch / "a/escaped.txt") || fs::exists(scratch / "escaped.txt"));
   EXPECT_NE(result.err.find("../../escaped.txt: a name the destination gave that is not a plain file name"),
             std::string::npos) << result.err;
-  result = qvtest::runProgram({"restore", "Photos", "--version", "20240101120000.backup", "--to", scratch / "x", "../etc"});
+  result = runProgram({"restore", "Photos", "--version", "20240101120000.backup", "--to", scratch / "x", "../etc"});
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("../etc: not in the version"), std::string::npos) << "nor a path given: " << result.err;
 }
