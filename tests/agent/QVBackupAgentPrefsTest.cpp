@@ -1,14 +1,10 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
-#include <tuple>
 
-#include "platform/QVKeychain.h"
 #include "platform/QVUserDefaults.h"
 #include "support/QVAgentTestSupport.h"
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using qvtest::storedRecord;
 using qvtest::valueIn;
@@ -21,7 +17,8 @@ QVDictionary groupRecord(const std::string& identifier) {
   return {{"id", identifier}, {"title", identifier}, {"items", QVArray{}}, {"target", "T1"}, {"versions", 3}};
 }
 
-// The agent's preferences with the file keychain; preferences are written before the agent starts.
+// The agent's preferences with the file keychain; preferences are written before the agent starts. The
+// default destination made on a first or damaged start: QVCommandLineTest and QVBadInputTest.
 using QVBackupAgentPrefsTest = qvtest::AgentTest;
 
 TEST_F(QVBackupAgentPrefsTest, NeverSavesCredentialsOrProgress) {
@@ -30,42 +27,12 @@ TEST_F(QVBackupAgentPrefsTest, NeverSavesCredentialsOrProgress) {
   agent->groups().front()->progressInfo = std::vector<double>{0.5, 1.0};
   agent->savePrefs();
   ASSERT_TRUE(agent->syncUserDefaults());
-  for (const QVDictionary& stored : {qvtest::agentPreferencesInMemory(), qvtest::agentPreferencesOnDisk(env)}) {
-    ASSERT_TRUE(storedRecord(stored, "targets", "D1") && storedRecord(stored, "groups", agent->groups()[0]->identifier));
-    for (const char* key : {"\"user\"", "\"pass\"", "\"progressInfo\""})
-      EXPECT_EQ(qv::toJSON(QVValue(stored)).find(key), std::string::npos) << key;
-  }
-  EXPECT_EQ(qvtest::readFile(env.preferencesPath()).find("s3cret-pass"), std::string::npos);
-  // Memory keeps what a run and the host need.
-  EXPECT_EQ(agent->targetWithIdentifier("D1")->pass, "s3cret-pass");
+  const QVDictionary stored = qvtest::agentPreferencesOnDisk(env);  // as synchronised from memory
+  ASSERT_TRUE(storedRecord(stored, "targets", "D1") && storedRecord(stored, "groups", agent->groups()[0]->identifier));
+  for (const char* key : {"\"user\"", "\"pass\"", "\"progressInfo\""})
+    EXPECT_EQ(qv::toJSON(QVValue(stored)).find(key), std::string::npos) << key;
+  // Memory keeps the progress (and the password: QVDestinationIntegrationTest runs after saves).
   EXPECT_EQ(agent->groups().front()->progressInfo, (std::vector<double>{0.5, 1.0}));
-}
-
-TEST_F(QVBackupAgentPrefsTest, KeepsKeysThatItDoesNotOwn) {
-  QVDictionary group = groupRecord("G1");
-  group["labelColor"] = "blue";
-  group["schedule"] = QVDictionary{{"period", "manual"}, {"timeZone", "Europe/Berlin"}};
-  QVDictionary target = localTargetRecord("T1", "USB Disk");
-  target["volumeUUID"] = "8C1F-22AA";
-  qvtest::writeAgentPreferences(
-      env, {{"groups", QVArray{group}}, {"targets", QVArray{target}}, {"windowFrame", "{{10, 10}, {480, 320}}"}},
-      {{"QVOtherPlugin", QVDictionary{{"enabled", true}}}});
-  start();
-  // The host may write into the same dictionary while the agent lives.
-  QVDictionary current = qvtest::agentPreferencesInMemory();
-  current["showInMenu"] = false;
-  QVUserDefaults::standardUserDefaults().setObject(current, "QVBackupAgent");
-
-  agent->savePrefs();
-  ASSERT_TRUE(agent->syncUserDefaults());
-  const QVDictionary stored = qvtest::agentPreferencesOnDisk(env);
-  EXPECT_EQ(valueIn(&stored, "windowFrame"), QVValue("{{10, 10}, {480, 320}}"));
-  EXPECT_EQ(valueIn(&stored, "showInMenu"), QVValue(false));
-  const QVDictionary* storedGroup = storedRecord(stored, "groups", "G1");
-  EXPECT_EQ(valueIn(storedGroup, "labelColor"), QVValue("blue"));
-  EXPECT_EQ(valueIn(valueIn(storedGroup, "schedule").dictionary(), "timeZone"), QVValue("Europe/Berlin"));
-  EXPECT_EQ(valueIn(storedRecord(stored, "targets", "T1"), "volumeUUID"), QVValue("8C1F-22AA"));
-  EXPECT_NE(qvtest::readFile(env.preferencesPath()).find("QVOtherPlugin"), std::string::npos) << "other owners' keys stay";
 }
 
 TEST_F(QVBackupAgentPrefsTest, ADefaultMarkCountsByItsPresenceAlone) {
@@ -82,44 +49,30 @@ TEST_F(QVBackupAgentPrefsTest, ADefaultMarkCountsByItsPresenceAlone) {
     EXPECT_EQ(agent->defaultTarget(), marked ? nullptr : agent->targets()[0]);
     agent->savePrefs();
     EXPECT_EQ(qvtest::storedValue(qvtest::agentPreferencesInMemory(), "targets", "T1", "isDefault").isNull(), marked);
-    EXPECT_EQ(agent->numberOfArmedTimers(), 0u);
-    EXPECT_TRUE(host.linesStartingWith("setBackupGroupsCount").empty()) << "no groups: no timer and no count";
+    EXPECT_TRUE(host.linesStartingWith("setBackupGroupsCount").empty()) << "no groups: no count";
   }
 }
 
-TEST_F(QVBackupAgentPrefsTest, StartsWithTheDefaultDestinationWhenNothingOrSomethingDamagedIsStored) {
-  const std::string garbage = "{\"QVBackupAgent\": {\"groups\": [{\"id\": \"G1\", \"items\": [";
-  qvtest::writeFile(env.preferencesPath(), garbage);
-  start();
-  ASSERT_EQ(agent->targets().size(), 1u);
-  const QVTarget& target = *agent->targets().front();
-  EXPECT_EQ(std::tie(target.title, target.type, target.isDefault, target.path),
-            std::make_tuple("My Mac", "local", true, env.home() + "/Documents/Stellwin Backups"));
-  EXPECT_TRUE(fs::is_directory(target.path));
-  EXPECT_TRUE(agent->groups().empty());
-  // How the damaged file is set aside: QVUserDefaultsTest.
-  // A local destination stores neither server nor port, and owns no keychain item.
-  agent->addItemsAtPaths({makeFile("a.txt")}, "Docs");
-  const QVDictionary onDisk = qvtest::agentPreferencesOnDisk(env);
-  const QVDictionary* stored = storedRecord(onDisk, "targets", target.identifier);
-  EXPECT_TRUE(valueIn(stored, "server").isNull() && valueIn(stored, "port").isNull());
-  EXPECT_EQ(valueIn(stored, "path"), QVValue(target.path));
-  EXPECT_FALSE(QVKeychain::sharedProxy().keychainItemWithService(agent->serviceIdForTargetId(target.identifier)));
-}
-
-TEST_F(QVBackupAgentPrefsTest, LoadsOlderAndDamagedRecordsKeepingWhatItCan) {
+// Unreadable records and fields stay as they were stored, and so do keys of the host and of other owners.
+TEST_F(QVBackupAgentPrefsTest, LoadsOlderAndDamagedRecordsAndKeepsWhatItDoesNotOwn) {
   const QVDate now = std::chrono::floor<std::chrono::seconds>(std::chrono::system_clock::now());
   const QVDate older = now - 72h, newer = now - 2h, attempt = now - 1h;
-  QVDictionary damaged = groupRecord("G1"), current = groupRecord("G2");
+  QVDictionary damaged = groupRecord("G1"), current = groupRecord("G2"), target = localTargetRecord("T1", "Disk");
   damaged["items"] = QVArray{"/x", 5, "/y"};
   damaged["schedule"] = "daily";
   damaged["versions"] = "three";
   damaged["lastBackupDate"] = older;  // stored before there was an attempt date
   current["lastBackupDate"] = newer;
   current["lastBackupAttemptDate"] = attempt;
+  current["labelColor"] = "blue";
+  current["schedule"] = QVDictionary{{"period", "manual"}, {"timeZone", "Europe/Berlin"}};
+  target["volumeUUID"] = "8C1F-22AA";
   const QVDictionary targetWithoutID = {{"title", "No id"}, {"type", "local"}};
-  qvtest::writeAgentPreferences(env, {{"groups", QVArray{"just a string", damaged, current, groupRecord("G3")}},
-                                      {"targets", QVArray{targetWithoutID, localTargetRecord("T1", "Disk")}}});
+  qvtest::writeAgentPreferences(env,
+                                {{"groups", QVArray{"just a string", damaged, current, groupRecord("G3")}},
+                                 {"targets", QVArray{targetWithoutID, target}},
+                                 {"windowFrame", "{{10, 10}, {480, 320}}"}},
+                                {{"QVOtherPlugin", QVDictionary{{"enabled", true}}}});
   start();
   ASSERT_EQ(agent->groups().size(), 3u);
   const QVGroup& group = *agent->groups().front();
@@ -135,9 +88,21 @@ TEST_F(QVBackupAgentPrefsTest, LoadsOlderAndDamagedRecordsKeepingWhatItCan) {
   const std::string givenID = agent->targets()[0]->identifier;
   EXPECT_EQ(agent->numberOfArmedTimers(), 0u);
 
+  // The host may write into the same dictionary while the agent lives.
+  QVDictionary hosts = qvtest::agentPreferencesInMemory();
+  hosts["showInMenu"] = false;
+  QVUserDefaults::standardUserDefaults().setObject(hosts, "QVBackupAgent");
+
   agent->savePrefs();
   ASSERT_TRUE(agent->syncUserDefaults());
   const QVDictionary stored = qvtest::agentPreferencesOnDisk(env);
+  EXPECT_EQ(valueIn(&stored, "windowFrame"), QVValue("{{10, 10}, {480, 320}}"));
+  EXPECT_EQ(valueIn(&stored, "showInMenu"), QVValue(false));
+  const QVDictionary* storedGroup = storedRecord(stored, "groups", "G2");
+  EXPECT_EQ(valueIn(storedGroup, "labelColor"), QVValue("blue"));
+  EXPECT_EQ(valueIn(valueIn(storedGroup, "schedule").dictionary(), "timeZone"), QVValue("Europe/Berlin"));
+  EXPECT_EQ(valueIn(storedRecord(stored, "targets", "T1"), "volumeUUID"), QVValue("8C1F-22AA"));
+  EXPECT_NE(qvtest::readFile(env.preferencesPath()).find("QVOtherPlugin"), std::string::npos) << "other owners' keys stay";
   EXPECT_EQ(valueIn(storedRecord(stored, "groups", "G1"), "versions"), QVValue("three"));
   EXPECT_EQ(valueIn(storedRecord(stored, "groups", "G1"), "schedule"), QVValue("daily"));
   EXPECT_TRUE(storedRecord(stored, "targets", givenID)) << "the identifier given on load is kept";
