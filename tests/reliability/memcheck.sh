@@ -19,6 +19,6 @@ run() {  # program filter
   fi
   rm -f "$log"
 }
-run "$1" '*CopiesEveryItem*:*PrunesOnlyVersions*:*Cancel*'
+run "$1" '*CopiesEveryItem*:*PrunesOnlyVersions*:*AFailedRun*:*Progress*'
 run "$2" '*CopiesATree*:*ARefused*/Apache*'
 exit $status
