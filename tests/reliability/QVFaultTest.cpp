@@ -161,10 +161,19 @@ TEST_P(QVFaultTest, CancelBeforeTheFirstItemInsideAFileAndDuringPruningEndsWithM
   EXPECT_EQ(runProgram({"cancel", "Docs"}).status, 0);
   EXPECT_EQ(early.finish().status, 1);
   EXPECT_EQ(status("Docs")["statusCode"], -128);
-  // Inside the large file, after a whole run: that run's version stays as it was.
+  // Inside the large file, after a whole run: that run's version stays as it was. A local copy may end
+  // before the cancel comes (a loaded machine, a slow cancel); that run must then be whole, and the next
+  // one is cancelled instead.
   EXPECT_EQ(backupWhile("Docs", [] {}).status, 0) << "runs to its end when left alone";
-  const std::string whole = versions("Docs").back(), wholeListing = treeListing(whole);
-  const ProgramResult inside = backupWhile("Docs", [] { EXPECT_EQ(runProgram({"cancel", "Docs"}).status, 0); });
+  std::string whole, wholeListing;
+  ProgramResult inside;
+  for (int tries = 0, cancel = 1; tries < 4 && cancel != 0; ++tries) {
+    whole = versions("Docs").back(), wholeListing = treeListing(whole);
+    inside = backupWhile("Docs", [&] { cancel = runProgram({"cancel", "Docs"}).status; });
+    if (cancel != 0) {
+      EXPECT_EQ(inside.status, 0) << inside.err;
+    }
+  }
   EXPECT_EQ(inside.status, 1) << inside.err;
   EXPECT_EQ(status("Docs")["statusCode"], -128);
   EXPECT_EQ(treeListing(whole), wholeListing);
