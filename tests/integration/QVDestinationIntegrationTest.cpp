@@ -297,10 +297,6 @@ class QVDestinationProgramTest : public HostTest, public ::testing::WithParamInt
     ASSERT_EQ(run(group).status, 0);
     ASSERT_EQ(run({"group", "set", "Photos", "--target", "NAS", "--versions", "2"}).status, 0);
   }
-  void expectNoPasswordShown() {
-    EXPECT_EQ(m_shown.find(kPassword), std::string::npos) << "the password was shown:\n" << masked(m_shown);
-    EXPECT_EQ(readFile(m_env.preferencesPath()).find(kPassword), std::string::npos);
-  }
 
   std::unique_ptr<Server> m_server;
   std::string m_shown;
@@ -337,7 +333,8 @@ TEST_P(QVDestinationProgramTest, BacksUpListsRestoresVerifiesAndFailsWithoutEver
                                                      "127.0.0.1:" + std::to_string(m_server->destination.port) + "/backup";
   EXPECT_NE(result.err.find(failure), std::string::npos) << masked(result.err);
   EXPECT_EQ(namesIn(groupFolder()), Lines{fs::path(version).filename().string()}) << "the earlier version stays";
-  expectNoPasswordShown();
+  EXPECT_EQ(m_shown.find(kPassword), std::string::npos) << "the password was shown:\n" << masked(m_shown);
+  EXPECT_EQ(readFile(m_env.preferencesPath()).find(kPassword), std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, QVDestinationProgramTest,

@@ -30,25 +30,16 @@ std::string reply(const std::string& open, const std::vector<std::pair<std::stri
 
 class QVDAVBackupTargetTest : public ::testing::Test {
  protected:
-  std::unique_ptr<QVDAVBackupTarget> make(const std::optional<std::string>& user,
-                                          const std::optional<std::string>& pass,
-                                          const std::string& path = "backups/My Mac") {
-    QVTarget options = qvtest::targetRecord("D1", "NAS", "dav", path);
-    options.server = "nas.local";
-    options.port = 8080;
-    const std::string service = QVBackupTarget(options).keychainServiceName();
-    QVKeychain::sharedProxy().deleteItem(service);
-    if (user) QVKeychain::sharedProxy().storeItem(service, *user, pass.value_or(""), "");
-    return std::make_unique<QVDAVBackupTarget>(options);
-  }
-
   qvtest::IsolatedEnvironment m_env;
   qvtest::LogCapture m_log;
 };
 
 TEST_F(QVDAVBackupTargetTest, PassesOnly2xxAndAnExistingCollectionWhereAllowed) {
-  QVDAVBackupTarget& target = *make("ann", "pw").release();
-  std::unique_ptr<QVDAVBackupTarget> owner(&target);
+  QVTarget options = qvtest::targetRecord("D1", "NAS", "dav", "backups/My Mac");
+  options.server = "nas.local";
+  options.port = 8080;
+  QVKeychain::sharedProxy().storeItem(QVBackupTarget(options).keychainServiceName(), "ann", "pw", "");
+  QVDAVBackupTarget target(options);
   for (std::int64_t status : {200, 201, 204, 207, 299}) EXPECT_TRUE(target.validateResponseStatusCode(status, false));
   EXPECT_TRUE(target.validateResponseStatusCode(405, true));
   EXPECT_EQ(target.errorString(), "") << "a pass leaves no text";
