@@ -155,34 +155,29 @@ TEST_P(QVFaultTest, TheSourceChangingUnderARunLeavesEveryVersionReadable) {
 
 TEST_P(QVFaultTest, CancelBeforeTheFirstItemInsideAFileAndDuringPruningEndsWithMinus128) {
   const std::string first = groupWithAVersion("Docs");
-  // Before the first item: asked again and again from the moment the run is started. A local copy may
-  // end before any cancel comes (a loaded machine, a slow cancel); that run must then be whole, and the
-  // next one is cancelled instead. The same holds inside the large file below.
-  ProgramResult early;
-  for (int tries = 0, cancel = 1; tries < 4 && cancel != 0; ++tries) {
+  // A local copy may end before the cancel comes (a loaded machine, a slow cancel): that run must then be
+  // whole, and the next one is cancelled instead. Each run cancelled leaves the version before as it was.
+  const auto cancelled = [&](const std::function<ProgramResult(int& cancel)>& run) {
+    ProgramResult ended;
+    for (int tries = 0, cancel = 1; tries < 4 && cancel != 0; ++tries) {
+      const std::string whole = versions("Docs").back(), wholeListing = treeListing(whole);
+      ended = run(cancel);
+      EXPECT_EQ(ended.status, cancel == 0 ? 1 : 0) << ended.err;
+      EXPECT_EQ(treeListing(whole), wholeListing);
+    }
+    EXPECT_EQ(status("Docs")["statusCode"], -128);
+  };
+  // Before the first item: asked again and again from the moment the run is started.
+  cancelled([](int& cancel) {
     RunningProgram run({"backup", "Docs"});
     run.waitFor([&] { return cancel == 0 || (cancel = runProgram({"cancel", "Docs"}).status) == 0; }, seconds(60));
-    early = run.finish();
-    if (cancel != 0) {
-      EXPECT_EQ(early.status, 0) << early.err;
-    }
-  }
-  EXPECT_EQ(early.status, 1) << early.err;
-  EXPECT_EQ(status("Docs")["statusCode"], -128);
-  // Inside the large file, after a whole run: that run's version stays as it was.
+    return run.finish();
+  });
+  // Inside the large file, after a whole run.
   EXPECT_EQ(backupWhile("Docs", [] {}).status, 0) << "runs to its end when left alone";
-  std::string whole, wholeListing;
-  ProgramResult inside;
-  for (int tries = 0, cancel = 1; tries < 4 && cancel != 0; ++tries) {
-    whole = versions("Docs").back(), wholeListing = treeListing(whole);
-    inside = backupWhile("Docs", [&] { cancel = runProgram({"cancel", "Docs"}).status; });
-    if (cancel != 0) {
-      EXPECT_EQ(inside.status, 0) << inside.err;
-    }
-  }
-  EXPECT_EQ(inside.status, 1) << inside.err;
-  EXPECT_EQ(status("Docs")["statusCode"], -128);
-  EXPECT_EQ(treeListing(whole), wholeListing);
+  cancelled([&](int& cancel) {
+    return backupWhile("Docs", [&] { cancel = runProgram({"cancel", "Docs"}).status; });
+  });
 }
 
 TEST_P(QVFaultTest, TheDestinationOrItsServerVanishingDuringARunIsToldAndTheNextRunWorksAgain) {
