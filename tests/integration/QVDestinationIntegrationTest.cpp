@@ -159,8 +159,21 @@ TEST_P(QVDestinationIntegrationTest, CopiesATreePrunesOldVersionsAndChangesNothi
                                                                                    : "Could not connect to server " + url)));
   EXPECT_FALSE(contains(host.linesStartingWith("delegate.backupProgress"),
                         "delegate.backupProgress:0.00|" + group->identifier + "|1"));
+  // An FTP destination whose connection check failed stays unavailable for good, even once the server is back.
+  auto made = agent->backupTargetWithIdentifier(*group->target);
+  auto* ftp = dynamic_cast<QVFTPBackupTarget*>(made.get());
+  QVError error;
+  if (ftp) {
+    ftp->backupWillStart();
+    EXPECT_FALSE(ftp->backupItem(note, *group, "n.txt", kEntry, &error));
+    EXPECT_TRUE(error.code == 7 && error.filePath == note && !ftp->isAvailable());
+  }
   m_server->process->restart();
   EXPECT_EQ(treeListing(m_server->root), before);
+  if (ftp) {
+    EXPECT_TRUE(ftp->backupItem(note, *group, "n.txt", kEntry, &error)) << "reachable again";
+    EXPECT_FALSE(ftp->isAvailable()) << "but unavailable for good";
+  }
 }
 
 using QVWebDAVDestinationTest = QVDestinationIntegrationTest;
@@ -321,7 +334,9 @@ TEST_P(QVDestinationProgramTest, BacksUpListsRestoresVerifiesAndFailsWithoutEver
     ASSERT_EQ(run({"target", "set", "NAS", "--password-stdin"}, "not the password\n").status, 0);
     result = run({"backup", "Photos"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_NE(result.err.find(GetParam().ftp() ? "Login denied" : "(401) Unauthorized"), std::string::npos) << result.err;
+    EXPECT_EQ(result.out, GetParam().ftp() ? "Photos: failed (67): Login denied\n"
+                                           : "Photos: failed (-27): The remote server returned an error - (401) Unauthorized\n");
+    EXPECT_EQ(namesIn(groupFolder()), Lines{fs::path(version).filename().string()}) << "nothing was made";
     ASSERT_EQ(run({"target", "set", "NAS", "--password-stdin"}, kPassword + "\n").status, 0);
   }
   m_server->process->stop();

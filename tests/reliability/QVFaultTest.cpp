@@ -154,15 +154,17 @@ TEST_P(QVFaultTest, TheSourceChangingUnderARunLeavesEveryVersionReadable) {
 }
 
 TEST_P(QVFaultTest, CancelBeforeTheFirstItemInsideAFileAndDuringPruningEndsWithMinus128) {
-  const std::string first = groupWithAVersion("Docs");
-  // A local copy may end before the cancel comes (a loaded machine, a slow cancel): that run must then be
-  // whole, and the next one is cancelled instead. Each run cancelled leaves the version before as it was.
+  groupWithAVersion("Docs");
+  // A cancel may come too late for a fast local copy on a loaded machine: after the run has ended, or after
+  // its last item, when the run goes on to complete as it defines. That run must then complete, and the next
+  // one is cancelled instead. Every run leaves the version before it as it was.
   const auto cancelled = [&](const std::function<ProgramResult(int& cancel)>& run) {
-    ProgramResult ended;
-    for (int tries = 0, cancel = 1; tries < 4 && cancel != 0; ++tries) {
+    for (int tries = 0, ended = 0; tries < 4 && ended != 1; ++tries) {
       const std::string whole = versions("Docs").back(), wholeListing = treeListing(whole);
-      ended = run(cancel);
-      EXPECT_EQ(ended.status, cancel == 0 ? 1 : 0) << ended.err;
+      int cancel = 1;
+      const ProgramResult result = run(cancel);
+      ended = result.status;
+      EXPECT_TRUE(ended == 0 || (ended == 1 && cancel == 0)) << ended << " " << result.err;
       EXPECT_EQ(treeListing(whole), wholeListing);
     }
     EXPECT_EQ(status("Docs")["statusCode"], -128);
