@@ -4,16 +4,16 @@
 #include <thread>
 
 #include "agent/QVBackupAgent.h"
-#include "host/QVAgentLock.h"
-#include "host/QVBackupCommand.h"
-#include "host/QVControlClient.h"
-#include "host/QVControlConnection.h"
-#include "host/QVDaemonCommand.h"
-#include "host/QVHostApp.h"
-#include "host/QVPasswordInput.h"
-#include "host/QVRegistryCommands.h"
-#include "host/QVRestoreCommand.h"
-#include "host/QVRunMonitor.h"
+#include "host/control/QVAgentLock.h"
+#include "host/cli/QVBackupCommand.h"
+#include "host/control/QVControlClient.h"
+#include "host/control/QVControlConnection.h"
+#include "host/daemon/QVDaemonCommand.h"
+#include "host/run/QVHostApp.h"
+#include "host/cli/QVPasswordInput.h"
+#include "host/cli/QVRegistryCommands.h"
+#include "host/restore/QVRestoreCommand.h"
+#include "host/run/QVRunMonitor.h"
 #include "platform/QVRunLoop.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "host/QVCommandLine.h"
+#include "host/cli/QVCommandLine.h"
 
 class QVAgentLock;
 

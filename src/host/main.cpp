@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "host/QVCommandLine.h"
+#include "host/cli/QVCommandLine.h"
 #include "host/QVProgram.h"
 
 int main(int argc, char** argv) {

@@ -3,8 +3,8 @@
 // outcomes a command hands to the daemon come back field for field.
 #include <gtest/gtest.h>
 
-#include "host/QVControlProtocol.h"
-#include "host/QVRunMonitor.h"
+#include "host/control/QVControlProtocol.h"
+#include "host/run/QVRunMonitor.h"
 
 namespace {
 

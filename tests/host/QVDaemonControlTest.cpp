@@ -8,8 +8,8 @@
 
 #include <thread>
 
-#include "host/QVCommandLine.h"
-#include "host/QVControlClient.h"
+#include "host/cli/QVCommandLine.h"
+#include "host/control/QVControlClient.h"
 #include "host/QVProgramRunner.h"
 #include "support/QVTestServer.h"
 

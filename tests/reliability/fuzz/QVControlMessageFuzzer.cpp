@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
-#include "host/QVControlProtocol.h"
-#include "host/QVRunMonitor.h"
+#include "host/control/QVControlProtocol.h"
+#include "host/run/QVRunMonitor.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   QVControlMessageReader reader;

@@ -1,4 +1,4 @@
-#include "host/QVHostArguments.h"
+#include "host/cli/QVHostArguments.h"
 
 #include <charconv>
 #include <filesystem>

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "host/QVRunMonitor.h"
+#include "host/run/QVRunMonitor.h"
 
 class QVProgressDisplay;
 

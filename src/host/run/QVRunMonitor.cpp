@@ -1,7 +1,7 @@
-#include "host/QVRunMonitor.h"
+#include "host/run/QVRunMonitor.h"
 
 #include "agent/QVBackupAgent.h"
-#include "host/QVHostApp.h"
+#include "host/run/QVHostApp.h"
 #include "platform/QVLog.h"
 #include "platform/QVNCTemplate.h"
 #include "platform/QVRunLoop.h"

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "host/QVCommandLine.h"
+#include "host/cli/QVCommandLine.h"
 #include "platform/QVValue.h"
 
 class QVControlConnection;

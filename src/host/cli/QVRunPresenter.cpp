@@ -1,11 +1,11 @@
-#include "host/QVRunPresenter.h"
+#include "host/cli/QVRunPresenter.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <ostream>
 
-#include "host/QVBackupCommand.h"
-#include "host/QVProgressDisplay.h"
+#include "host/cli/QVBackupCommand.h"
+#include "host/cli/QVProgressDisplay.h"
 
 namespace {
 

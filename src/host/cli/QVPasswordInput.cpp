@@ -1,4 +1,4 @@
-#include "host/QVPasswordInput.h"
+#include "host/cli/QVPasswordInput.h"
 
 #include <termios.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "host/QVRegistryCommands.h"
+#include "host/cli/QVRegistryCommands.h"
 
 #include <algorithm>
 #include <chrono>
@@ -7,11 +7,11 @@
 #include <ostream>
 
 #include "agent/QVBackupAgent.h"
-#include "host/QVBackupCommand.h"
-#include "host/QVHostArguments.h"
-#include "host/QVPasswordInput.h"
-#include "host/QVRecordPrinter.h"
-#include "host/QVRunJournal.h"
+#include "host/cli/QVBackupCommand.h"
+#include "host/cli/QVHostArguments.h"
+#include "host/cli/QVPasswordInput.h"
+#include "host/cli/QVRecordPrinter.h"
+#include "host/run/QVRunJournal.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVLog.h"
 #include "platform/QVMenu.h"

@@ -1,4 +1,4 @@
-#include "host/QVControlService.h"
+#include "host/daemon/QVControlService.h"
 
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -12,14 +12,14 @@
 #include <sstream>
 
 #include "agent/QVBackupAgent.h"
-#include "host/QVBackupCommand.h"
-#include "host/QVCommandLine.h"
-#include "host/QVControlConnection.h"
-#include "host/QVControlProtocol.h"
-#include "host/QVHostApp.h"
-#include "host/QVHostArguments.h"
-#include "host/QVRegistryCommands.h"
-#include "host/QVRunMonitor.h"
+#include "host/cli/QVBackupCommand.h"
+#include "host/cli/QVCommandLine.h"
+#include "host/control/QVControlConnection.h"
+#include "host/control/QVControlProtocol.h"
+#include "host/run/QVHostApp.h"
+#include "host/cli/QVHostArguments.h"
+#include "host/cli/QVRegistryCommands.h"
+#include "host/run/QVRunMonitor.h"
 #include "platform/QVRunLoop.h"
 
 namespace {

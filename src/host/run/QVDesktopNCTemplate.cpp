@@ -1,6 +1,6 @@
-#include "host/QVDesktopNCTemplate.h"
+#include "host/run/QVDesktopNCTemplate.h"
 
-#include "host/QVHostApp.h"
+#include "host/run/QVHostApp.h"
 #include "platform/QVDesktopNotifications.h"
 #include "platform/QVLocalization.h"
 #include "platform/QVLog.h"

@@ -1,9 +1,9 @@
-#include "host/QVControlProtocol.h"
+#include "host/control/QVControlProtocol.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "host/QVRunMonitor.h"
+#include "host/run/QVRunMonitor.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "host/QVProgressDisplay.h"
+#include "host/cli/QVProgressDisplay.h"
 
 #include <unistd.h>
 
 #include <algorithm>
 
-#include "host/QVRecordPrinter.h"
+#include "host/cli/QVRecordPrinter.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "host/QVAgentLock.h"
+#include "host/control/QVAgentLock.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

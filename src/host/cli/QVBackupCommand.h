@@ -13,8 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "host/QVCommandLine.h"
-#include "host/QVRunMonitor.h"
+#include "host/cli/QVCommandLine.h"
+#include "host/run/QVRunMonitor.h"
 
 class QVBackupAgent;
 class QVHostApp;

@@ -1,10 +1,10 @@
-#include "host/QVHostApp.h"
+#include "host/run/QVHostApp.h"
 
 #include <cstdio>
 #include <ostream>
 
 #include "agent/QVBackupAgent.h"
-#include "host/QVDesktopNCTemplate.h"
+#include "host/run/QVDesktopNCTemplate.h"
 #include "platform/QVDesktopNotifications.h"
 #include "platform/QVLocalization.h"
 #include "platform/QVLog.h"

@@ -1,9 +1,9 @@
-#include "host/QVCommandLine.h"
+#include "host/cli/QVCommandLine.h"
 
 #include <CLI/CLI.hpp>
 #include <ostream>
 
-#include "host/QVHostArguments.h"
+#include "host/cli/QVHostArguments.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "host/QVBackupCommand.h"
+#include "host/cli/QVBackupCommand.h"
 
 #include <algorithm>
 #include <chrono>
@@ -10,9 +10,9 @@
 
 #include "agent/QVBackupAgent.h"
 #include "agent/QVBackupAgentRun.h"
-#include "host/QVHostApp.h"
-#include "host/QVHostArguments.h"
-#include "host/QVRunPresenter.h"
+#include "host/run/QVHostApp.h"
+#include "host/cli/QVHostArguments.h"
+#include "host/cli/QVRunPresenter.h"
 #include "platform/QVRunLoop.h"
 
 namespace {

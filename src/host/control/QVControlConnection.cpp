@@ -1,4 +1,4 @@
-#include "host/QVControlConnection.h"
+#include "host/control/QVControlConnection.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -23,7 +23,7 @@
 
 #include "agent/QVBackupAgentDelegate.h"
 #include "agent/QVRunReport.h"
-#include "host/QVRunJournal.h"
+#include "host/run/QVRunJournal.h"
 
 class QVBackupAgent;
 class QVHostApp;

@@ -1,4 +1,4 @@
-#include "host/QVDaemonCommand.h"
+#include "host/daemon/QVDaemonCommand.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,11 +11,11 @@
 #include <ostream>
 
 #include "agent/QVBackupAgent.h"
-#include "host/QVAgentLock.h"
-#include "host/QVControlService.h"
-#include "host/QVHostApp.h"
-#include "host/QVHostArguments.h"
-#include "host/QVRunMonitor.h"
+#include "host/control/QVAgentLock.h"
+#include "host/daemon/QVControlService.h"
+#include "host/run/QVHostApp.h"
+#include "host/cli/QVHostArguments.h"
+#include "host/run/QVRunMonitor.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVRunLoop.h"
 #include "platform/QVUserDefaults.h"

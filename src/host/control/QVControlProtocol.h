@@ -18,7 +18,7 @@
 #include <optional>
 #include <string>
 
-#include "host/QVCommandLine.h"
+#include "host/cli/QVCommandLine.h"
 #include "platform/QVValue.h"
 
 struct QVRunOutcome;

@@ -1,4 +1,4 @@
-#include "host/QVRestoreCommand.h"
+#include "host/restore/QVRestoreCommand.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -19,8 +19,8 @@
 
 #include "agent/QVBackupAgent.h"
 #include "agent/QVBackupAgentRun.h"
-#include "host/QVHostArguments.h"
-#include "host/QVProgressDisplay.h"
+#include "host/cli/QVHostArguments.h"
+#include "host/cli/QVProgressDisplay.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVLog.h"
 #include "platform/QVRunLoop.h"

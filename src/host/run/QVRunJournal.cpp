@@ -1,4 +1,4 @@
-#include "host/QVRunJournal.h"
+#include "host/run/QVRunJournal.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -1,4 +1,4 @@
-#include "host/QVControlClient.h"
+#include "host/control/QVControlClient.h"
 
 #include <unistd.h>
 
@@ -6,10 +6,10 @@
 #include <csignal>
 #include <ostream>
 
-#include "host/QVControlConnection.h"
-#include "host/QVControlProtocol.h"
-#include "host/QVRunMonitor.h"
-#include "host/QVRunPresenter.h"
+#include "host/control/QVControlConnection.h"
+#include "host/control/QVControlProtocol.h"
+#include "host/run/QVRunMonitor.h"
+#include "host/cli/QVRunPresenter.h"
 #include "platform/QVRunLoop.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "host/QVCommandLine.h"
+#include "host/cli/QVCommandLine.h"
 
 class QVBackupAgent;
 struct QVGroup;

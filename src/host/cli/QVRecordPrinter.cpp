@@ -1,10 +1,10 @@
-#include "host/QVRecordPrinter.h"
+#include "host/cli/QVRecordPrinter.h"
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "agent/QVBackupAgent.h"
-#include "host/QVRunJournal.h"
+#include "host/run/QVRunJournal.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVMenu.h"
 #include "platform/QVSchedule.h"

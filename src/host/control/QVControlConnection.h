@@ -12,7 +12,7 @@
 #include <functional>
 #include <string>
 
-#include "host/QVControlProtocol.h"
+#include "host/control/QVControlProtocol.h"
 
 class QVControlConnection {
  public:
