@@ -156,20 +156,18 @@ int QVProgram::runHere(const QVCommandOptions& options, QVAgentLock* lock, const
       case QVCommand::daemon:
         status = QVDaemonCommand(agent, *monitor, host, std::cerr, m_arguments, *lock, socketPath).run();
         break;
-      default:
-        status = QVRegistryCommands(agent, std::cout, std::cerr).run(options);
-        // A menu entry may have started a run: it is seen through here, as a click on the menu would be.
-        if (status == 0 && options.command == QVCommand::menu && !options.menuEntry.empty()) {
-          std::vector<std::string> running;
-          for (const auto& group : agent.groups())
-            if (agent.isBackingUpGroupWithID(group->identifier)) running.push_back(group->identifier);
-          if (!running.empty())
-            status = QVBackupCommand(agent, *monitor, host, std::cout, std::cerr)
-                         .waitForRuns(running, false, [&](QVRunPresenter&) {
-                           for (const auto& groupID : running) monitor->followRun(groupID);
-                         });
-        }
+      default: {
+        QVRegistryCommands commands(agent, std::cout, std::cerr);
+        status = commands.run(options);
+        // A menu entry may have started a run: it is followed here, as a click on the menu would be.
+        const std::vector<std::string> started = commands.startedRuns();
+        if (status == 0 && !started.empty())
+          status = QVBackupCommand(agent, *monitor, host, std::cout, std::cerr)
+                       .waitForRuns(started, false, [&](QVRunPresenter&) {
+                         for (const auto& groupID : started) monitor->followRun(groupID);
+                       });
         break;
+      }
     }
 
     // The daemon writes for itself: other commands may have changed the file while it ran.

@@ -32,9 +32,12 @@ std::shared_ptr<QVMenuItem> QVBackupMenuItemController::menuItemForGroup(const Q
       break;
     }
   }
-  auto entry = [this](const std::string& title, void (QVBackupMenuItemController::*action)(QVMenuItem&),
+  // Each entry is identified by its English title, whatever language it is shown in.
+  auto entry = [this](const char* title, void (QVBackupMenuItemController::*action)(QVMenuItem&),
                       const std::string& groupID, bool hidden) {
-    auto item = std::make_shared<QVMenuItem>(title, [this, action](QVMenuItem& sender) { (this->*action)(sender); });
+    auto item = std::make_shared<QVMenuItem>(QVLocalizedString(title, this),
+                                             [this, action](QVMenuItem& sender) { (this->*action)(sender); });
+    item->setIdentifier(title);
     item->setRepresentedObject(groupID);
     item->setHidden(hidden);
     return item;
@@ -42,11 +45,11 @@ std::shared_ptr<QVMenuItem> QVBackupMenuItemController::menuItemForGroup(const Q
   auto submenu = std::make_shared<QVMenu>();
   submenu->addItem(std::make_shared<QVMenuItem>(pasiveStatusForGroup(*group)));
   submenu->addItem(QVMenuItem::separatorItem());
-  submenu->addItem(entry(QVLocalizedString("Backup Now", this), &QVBackupMenuItemController::startBackup,
+  submenu->addItem(entry("Backup Now", &QVBackupMenuItemController::startBackup,
                          group->identifier, false));
-  submenu->addItem(entry(QVLocalizedString("Cancel backup", this), &QVBackupMenuItemController::cancelBackup,
+  submenu->addItem(entry("Cancel backup", &QVBackupMenuItemController::cancelBackup,
                          group->identifier, true));
-  submenu->addItem(entry(QVLocalizedString("Remove group", this), &QVBackupMenuItemController::removeGroup,
+  submenu->addItem(entry("Remove group", &QVBackupMenuItemController::removeGroup,
                          group->identifier, false));
   auto item = std::make_shared<QVMenuItem>(group->title);
   item->setIndentationLevel(1);
@@ -65,9 +68,11 @@ std::optional<std::vector<std::shared_ptr<QVMenuItem>>> QVBackupMenuItemControll
     QVMenuItem& backupNow = item->submenu()->itemAtIndex(kBackupNow);
     if (group->target.value_or("") == "nil") {
       backupNow.setTitle(QVLocalizedString("No destination", this));
+      backupNow.setIdentifier("No destination");
       backupNow.setAction([this](QVMenuItem& sender) { showGroupInHostApp(sender); });
     } else {
       backupNow.setTitle(QVLocalizedString("Backup Now", this));
+      backupNow.setIdentifier("Backup Now");
       backupNow.setAction([this](QVMenuItem& sender) { startBackup(sender); });
     }
     backupNow.setRepresentedObject(group->identifier);

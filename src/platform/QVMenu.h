@@ -1,6 +1,8 @@
 // A small menu model standing in for the status-bar menu: items with a title, an action sent to a
 // target with the item as sender, a represented object, a hidden flag, an indentation level and an
 // optional submenu. The host draws it however it can. Main thread.
+// An item may carry an identifier that names what it does whatever language its title is in: the
+// command line and the tray choose entries by it, never by the (translated) title.
 #pragma once
 
 #include <functional>
@@ -21,6 +23,8 @@ class QVMenuItem {
   void setTitle(const std::string& title) { m_title = title; }
   bool hasAction() const { return static_cast<bool>(m_action); }
   void setAction(Action action) { m_action = std::move(action); }
+  const std::string& identifier() const { return m_identifier; }  // "" for none
+  void setIdentifier(const std::string& identifier) { m_identifier = identifier; }
   const std::string& representedObject() const { return m_representedObject; }  // "" for none
   void setRepresentedObject(const std::string& object) { m_representedObject = object; }
   bool isHidden() const { return m_hidden; }
@@ -39,6 +43,7 @@ class QVMenuItem {
   std::string m_title;
   Action m_action;
   std::string m_keyEquivalent;
+  std::string m_identifier;
   std::string m_representedObject;
   bool m_hidden = false;
   bool m_separator = false;

@@ -74,6 +74,22 @@ TEST_F(QVCommandLineTest, AddsShowsChangesAndRemovesGroups) {
   EXPECT_EQ(runJSON(split("group list --json")), json::array());
 }
 
+// An entry is chosen by what it does, named in English or in the user's language: "Backup Now" in German
+// still waits for a version name of its own, so two clicks within one second make two versions.
+TEST_F(QVCommandLineTest, ChoosesMenuEntriesByTheirEnglishOrTranslatedTitle) {
+  runJSON({"group", "add", "Notes", makeFile("notes.txt")});
+  setenv("LANGUAGE", "de", 1);
+  setenv("LC_ALL", "C.UTF-8", 1);
+  const ProgramResult german = runProgram({"menu", "Notes", "Jetzt sichern"});
+  const ProgramResult english = runProgram({"menu", "Notes", "backup now"});
+  unsetenv("LANGUAGE");
+  unsetenv("LC_ALL");
+  EXPECT_EQ(german.status, 0) << german.err;
+  EXPECT_EQ(english.status, 0) << english.err;
+  EXPECT_EQ(english.out.substr(0, english.out.find('\n')), "chose \"Jetzt sichern\" for group \"Notes\"");
+  EXPECT_EQ(runJSON({"versions", "Notes", "--json"}).size(), 2u);
+}
+
 // Each refusal: status 2, one line that says why, no password kept or shown, and the preferences byte for
 // byte as they were. Then the edges that pass.
 TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndAcceptsTheEdges) {

@@ -70,6 +70,9 @@ struct QVCommandOptions {
   // terminal or standard input itself).
   std::optional<std::string> suppliedPassword;
   bool remote = false;
+  // The folder that relative paths in the arguments are read from: the working folder of the process
+  // that was invoked ("" for this process's own).
+  std::string folder;
 };
 
 class QVCommandLine {

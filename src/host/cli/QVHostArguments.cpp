@@ -6,21 +6,13 @@
 
 #include "agent/QVBackupAgent.h"
 
-namespace {
-
-std::string argumentsFolder;  // "" for the working folder
-
-}  // namespace
-
 namespace qv {
 
-void setArgumentsFolder(const std::string& folder) { argumentsFolder = folder; }
-
-std::string absolutePath(const std::string& path) {
+std::string absolutePath(const std::string& path, const std::string& folder) {
   std::error_code ec;
   std::filesystem::path absolute;
-  if (!argumentsFolder.empty() && !path.empty() && path.front() != '/')
-    absolute = std::filesystem::path(argumentsFolder) / path;
+  if (!folder.empty() && !path.empty() && path.front() != '/')
+    absolute = std::filesystem::path(folder) / path;
   else
     absolute = std::filesystem::absolute(path, ec);
   if (ec) absolute = std::filesystem::path(path);

@@ -15,12 +15,10 @@ class QVBackupAgent;
 
 namespace qv {
 
-// path made absolute against the working folder and lexically normal ("a/../b" -> "<cwd>/b"), without a
-// trailing slash (except "/" itself). Symbolic links are left as they are.
-std::string absolutePath(const std::string& path);
-// The folder that absolutePath takes relative paths against from now on, instead of the working folder
-// ("" goes back to it): the daemon reads arguments given in another process's working folder.
-void setArgumentsFolder(const std::string& folder);
+// path made absolute against folder (a command's QVCommandOptions::folder; "" for this process's working
+// folder) and lexically normal ("a/../b" -> "<folder>/b"), without a trailing slash (except "/" itself).
+// Symbolic links are left as they are.
+std::string absolutePath(const std::string& path, const std::string& folder);
 
 // Whether text is well-formed UTF-8 (what the preferences can hold as it is).
 bool isValidUTF8(const std::string& text);

@@ -1,6 +1,7 @@
 #include "host/cli/QVRegistryCommands.h"
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <map>
 #include <cstdio>
@@ -101,7 +102,7 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
 
   std::vector<std::string> existing;
   for (const auto& given : options.paths) {
-    const std::string path = qv::absolutePath(given);
+    const std::string path = qv::absolutePath(given, options.folder);
     if (!qv::fileExistsAtPath(path)) {
       warn(qv::quoted(path) + " does not exist; not added");
       continue;
@@ -217,7 +218,7 @@ int QVRegistryCommands::groupRemoveItems(const QVCommandOptions& options) {
   std::vector<std::string> removing;
   std::vector<std::string> strangers;
   for (const auto& given : options.paths) {
-    const std::string path = qv::absolutePath(given);
+    const std::string path = qv::absolutePath(given, options.folder);
     if (contains(group->items, path)) {
       if (!contains(removing, path)) removing.push_back(path);
     } else {
@@ -261,7 +262,7 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
     if (options.port) return "--port does not apply to a local destination";
     if (options.user) return "--user does not apply to a local destination";
     if (options.passwordStdin) return "--password-stdin does not apply to a local destination";
-    target.path = qv::absolutePath(target.path);
+    target.path = qv::absolutePath(target.path, options.folder);
     target.server = "";
     target.port = 0;
     target.user.reset();
@@ -451,6 +452,15 @@ int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
   auto found = qv::findGroup(m_agent, options.group);
   if (!found.record) return refuse(found.error);
   const QVGroupRef group = found.record;
+  // An entry is named by its English title or by the title it shows in the user's language, in any case.
+  auto names = [](const QVMenuItem& candidate, const std::string& name) {
+    auto same = [&](const std::string& title) {
+      return std::equal(title.begin(), title.end(), name.begin(), name.end(), [](char a, char b) {
+        return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+      });
+    };
+    return same(candidate.title()) || (!candidate.identifier().empty() && same(candidate.identifier()));
+  };
   // The group's item is the one whose submenu entries stand for the group.
   std::shared_ptr<QVMenuItem> entry;
   std::vector<std::string> offered;
@@ -463,7 +473,7 @@ int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
     for (const auto& candidate : entries) {
       if (!candidate->hasAction()) continue;
       if (!candidate->isHidden()) offered.push_back(qv::quoted(candidate->title()));
-      if (candidate->title() == options.menuEntry) entry = candidate;
+      if (names(*candidate, options.menuEntry) && (!entry || entry->isHidden())) entry = candidate;
     }
   }
   std::string offers;
@@ -475,9 +485,12 @@ int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
     return fail("the menu of group " + qv::quoted(group->title) + " does not offer " + qv::quoted(options.menuEntry) +
                 " now; it offers " + offers);
   const std::string title = group->title;
-  if (entry->title() == "Backup Now") qv::waitForANewVersionName(*group);
+  const std::string groupID = group->identifier;
+  const bool wasRunning = m_agent.isBackingUpGroupWithID(groupID);
+  if (entry->identifier() == "Backup Now") qv::waitForANewVersionName(*group);
   entry->performAction();
-  m_out << "chose " << qv::quoted(options.menuEntry) << " for group " << qv::quoted(title) << "\n";
+  if (!wasRunning && m_agent.isBackingUpGroupWithID(groupID)) m_startedRuns.push_back(groupID);
+  m_out << "chose " << qv::quoted(entry->title()) << " for group " << qv::quoted(title) << "\n";
   return 0;
 }
 

@@ -12,6 +12,7 @@
 #include <iosfwd>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/cli/QVCommandLine.h"
 
@@ -26,6 +27,10 @@ class QVRegistryCommands {
   // Runs options.command (one of the commands above). Returns the exit status: 0 done, 1 failed,
   // 2 refused arguments.
   int run(const QVCommandOptions& options);
+
+  // The groups whose run the last command started (a menu entry such as "Backup Now"), for the caller
+  // to follow. Empty after every other command.
+  const std::vector<std::string>& startedRuns() const { return m_startedRuns; }
 
  private:
   int groupAdd(const QVCommandOptions& options);
@@ -65,4 +70,5 @@ class QVRegistryCommands {
   QVBackupAgent& m_agent;
   std::ostream& m_out;
   std::ostream& m_err;
+  std::vector<std::string> m_startedRuns;
 };

@@ -216,7 +216,7 @@ void QVControlService::handleRequest(Client& client, const QVDictionary& message
   }
   // Paths in the arguments are the command's, from its own working folder.
   const std::string folder = qv::controlString(message, "folder");
-  qv::setArgumentsFolder(folder.empty() || folder.front() != '/' ? "/" : folder);
+  options->folder = folder.empty() || folder.front() != '/' ? "/" : folder;
   switch (options->command) {
     case QVCommand::backup:
       startBackups(client, *options);
@@ -229,13 +229,11 @@ void QVControlService::handleRequest(Client& client, const QVDictionary& message
       sendResult(client, 1, "", std::string(kProgram) + ": a daemon is already running for this user\n");
       break;
     default: {
-      std::vector<std::string> idle;
-      for (const auto& group : m_agent.groups())
-        if (!m_agent.isBackingUpGroupWithID(group->identifier)) idle.push_back(group->identifier);
       const std::size_t waiting = m_waitingRuns.size();
       std::ostringstream out, err;
       m_host.setOutput(out);
-      const int status = QVRegistryCommands(m_agent, out, err).run(*options);
+      QVRegistryCommands commands(m_agent, out, err);
+      const int status = commands.run(*options);
       m_host.setOutput(m_log);
       for (std::size_t i = waiting; i < m_waitingRuns.size(); ++i)
         if (const QVGroupRef group = m_agent.groupWithIdentifier(m_waitingRuns[i]))
@@ -243,8 +241,7 @@ void QVControlService::handleRequest(Client& client, const QVDictionary& message
               << " waits until the restore or verify reading it has finished\n";
       // A menu entry that started a run: the command follows it, as it would at home.
       QVArray started;
-      for (const auto& id : idle)
-        if (options->command == QVCommand::menu && m_agent.isBackingUpGroupWithID(id)) started.push_back(id);
+      for (const auto& id : commands.startedRuns()) started.push_back(id);
       if (status != 0 || started.empty()) {
         sendResult(client, status, out.str(), err.str());
         break;
@@ -258,7 +255,6 @@ void QVControlService::handleRequest(Client& client, const QVDictionary& message
       break;
     }
   }
-  qv::setArgumentsFolder("");
   if (changesPreferences(*options) && m_didChange) m_didChange();
 }
 

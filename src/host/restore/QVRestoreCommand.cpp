@@ -18,7 +18,7 @@
 #include <thread>
 
 #include "agent/QVBackupAgent.h"
-#include "agent/QVBackupAgentRun.h"
+#include "agent/QVVersionName.h"
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVProgressDisplay.h"
 #include "platform/QVFoundation.h"
@@ -156,7 +156,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
   const QVGroup group = *found.record;
   std::string restoreFolder;
   if (restoring) {
-    restoreFolder = qv::absolutePath(options.restoreFolder);
+    restoreFolder = qv::absolutePath(options.restoreFolder, options.folder);
     std::error_code ec;
     if (fs::exists(fs::symlink_status(restoreFolder, ec)) &&
         (!fs::is_directory(restoreFolder, ec) || !fs::is_empty(restoreFolder, ec)))
