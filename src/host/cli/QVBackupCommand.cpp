@@ -9,7 +9,7 @@
 #include <thread>
 
 #include "agent/QVBackupAgent.h"
-#include "agent/QVBackupAgentRun.h"
+#include "agent/QVVersionName.h"
 #include "host/run/QVHostApp.h"
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVRunPresenter.h"
@@ -146,9 +146,12 @@ int QVBackupCommand::waitForRuns(const std::vector<std::string>& requested, bool
   QVRunPresenter presenter(requested, json, m_out);
   presenter.setBusyQuery([this] { return m_host.animationDepth() > 0; });
   m_host.setMessageWriter([&](const std::string& line) { presenter.say(line); });
-  m_monitor.setStartHandler([&](const QVGroup& group) { presenter.begin(group.identifier, group.title); });
-  m_monitor.setProgressHandler([&](const std::string& groupID, std::int64_t percent) { presenter.update(groupID, percent); });
-  m_monitor.setOutcomeHandler([&](const QVRunOutcome& outcome) { presenter.report(outcome); });
+  const QVSubscription starts =
+      m_monitor.addStartListener([&](const QVGroup& group) { presenter.begin(group.identifier, group.title); });
+  const QVSubscription progress = m_monitor.addProgressListener(
+      [&](const std::string& groupID, std::int64_t percent) { presenter.update(groupID, percent); });
+  const QVSubscription outcomes =
+      m_monitor.addOutcomeListener([&](const QVRunOutcome& outcome) { presenter.report(outcome); });
 
   bool interrupted = false;
   auto cancelAll = [&] {
@@ -166,9 +169,6 @@ int QVBackupCommand::waitForRuns(const std::vector<std::string>& requested, bool
 
   qv::removeSignalHandler(sigint);
   qv::removeSignalHandler(sigterm);
-  m_monitor.setStartHandler(nullptr);
-  m_monitor.setProgressHandler(nullptr);
-  m_monitor.setOutcomeHandler(nullptr);
   m_host.setMessageWriter(nullptr);
   return presenter.finish(interrupted);
 }

@@ -93,17 +93,18 @@ int QVDaemonCommand::run() {
         m_agent.syncUserDefaults();
         rememberPreferencesFile();
       });
-  m_monitor.setStartHandler([this](const QVGroup& group) {
+  std::vector<QVSubscription> subscriptions;
+  subscriptions.push_back(m_monitor.addStartListener([this](const QVGroup& group) {
     if (m_stopping) m_agent.cancelBackupGroupWithID(group.identifier);  // started as the daemon stops
     runStarted(group);
     m_service->runStarted(group);
-  });
-  m_monitor.setProgressHandler(
-      [this](const std::string& groupID, std::int64_t percent) { m_service->runProgress(groupID, percent); });
-  m_monitor.setOutcomeHandler([this](const QVRunOutcome& outcome) {
+  }));
+  subscriptions.push_back(m_monitor.addProgressListener(
+      [this](const std::string& groupID, std::int64_t percent) { m_service->runProgress(groupID, percent); }));
+  subscriptions.push_back(m_monitor.addOutcomeListener([this](const QVRunOutcome& outcome) {
     runEnded(outcome);
     m_service->runEnded(outcome);
-  });
+  }));
 
   auto stop = [this] {
     if (!m_stopping) m_log << (m_monitor.isIdle() ? "stopping" : "stopping: cancelling the running backups") << std::endl;
@@ -160,9 +161,7 @@ int QVDaemonCommand::run() {
 
   for (unsigned id : handlers) qv::removeSignalHandler(id);
   m_fileCheck.reset();
-  m_monitor.setStartHandler(nullptr);
-  m_monitor.setProgressHandler(nullptr);
-  m_monitor.setOutcomeHandler(nullptr);
+  subscriptions.clear();
   m_service.reset();
   if (!m_fileState || FileState::of(QVUserDefaults::standardUserDefaults().filePath()) == *m_fileState)
     m_agent.syncUserDefaults();

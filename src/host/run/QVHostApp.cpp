@@ -46,7 +46,7 @@ void QVHostApp::writeMessage(const std::string& shown) {
 }
 
 void QVHostApp::templateWillShow(const QVNCTemplate& nctemplate) {
-  if (m_templateObserver && !nctemplate.items().empty()) m_templateObserver(nctemplate, nctemplate.items().back());
+  if (!nctemplate.items().empty()) m_templateListeners.notify(nctemplate, nctemplate.items().back());
 }
 
 void QVHostApp::showGroupsWithIDs(const std::vector<std::string>& groupIDs) {
@@ -116,9 +116,10 @@ void QVHostApp::removeNotificationWithTag(const std::string& tag) {
 
 void QVHostApp::startStatusIconAnimation() {
   ++m_animations;
-  if (m_runStartObserver) m_runStartObserver();
+  m_animationListeners.notify(true, m_animations);
 }
 
 void QVHostApp::stopStatusIconAnimation() {
   if (m_animations > 0) --m_animations;
+  m_animationListeners.notify(false, m_animations);
 }

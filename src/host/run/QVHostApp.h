@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "host/run/QVListeners.h"
 #include "platform/QVHostApplication.h"
 #include "platform/QVNCTemplate.h"
 
@@ -47,11 +48,16 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
   void writeMessage(const std::string& text);
 
   // Told each time a template shows, before it shows, with the item just pushed.
-  using TemplateObserver = std::function<void(const QVNCTemplate& nctemplate, const QVNCTemplateItem& item)>;
-  void setTemplateObserver(TemplateObserver observer) { m_templateObserver = std::move(observer); }
+  using TemplateListener = std::function<void(const QVNCTemplate& nctemplate, const QVNCTemplateItem& item)>;
+  [[nodiscard]] QVSubscription addTemplateListener(TemplateListener listener) {
+    return m_templateListeners.add(std::move(listener));
+  }
   void templateWillShow(const QVNCTemplate& nctemplate);
-  // Told when the agent starts the status icon animation, which it does as it starts a run.
-  void setRunStartObserver(std::function<void()> observer) { m_runStartObserver = std::move(observer); }
+  // Told when the agent starts the status icon animation (as it starts a run: started is true) and stops
+  // it (as a run ends), with the animation depth after the change.
+  [[nodiscard]] QVSubscription addAnimationListener(std::function<void(bool started, int depth)> listener) {
+    return m_animationListeners.add(std::move(listener));
+  }
 
   std::size_t backupGroupsCount() const { return m_groupsCount; }
   // Starts minus stops, never below 0: above 0 while the agent says it is busy.
@@ -80,8 +86,8 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
   bool m_desktopTried = false;
   std::unique_ptr<QVDesktopNotifications> m_desktop;
   std::function<void(const std::string&)> m_messageWriter;
-  TemplateObserver m_templateObserver;
-  std::function<void()> m_runStartObserver;
+  QVListeners<const QVNCTemplate&, const QVNCTemplateItem&> m_templateListeners;
+  QVListeners<bool, int> m_animationListeners;
   std::map<std::string, std::uint32_t> m_bubblesByTag;  // single notifications on screen
   std::size_t m_groupsCount = 0;
   int m_animations = 0;

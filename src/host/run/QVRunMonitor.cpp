@@ -77,29 +77,28 @@ std::shared_ptr<QVRunMonitor> QVRunMonitor::make(QVBackupAgent& agent, QVHostApp
   std::shared_ptr<QVRunMonitor> monitor(new QVRunMonitor(agent, host, QVRunJournal(QVRunJournal::defaultDirectory())));
   std::weak_ptr<QVRunMonitor> weak = monitor;
   // The agent starts the icon animation before the run is filed: look once the start is done.
-  host.setRunStartObserver([weak] {
+  monitor->m_hostSubscriptions.push_back(host.addAnimationListener([weak](bool started, int) {
+    if (!started) return;
     qv::postToMainThread([weak] {
       if (auto self = weak.lock()) self->findStartedRuns();
     });
-  });
-  host.setTemplateObserver([weak](const QVNCTemplate& nctemplate, const QVNCTemplateItem& item) {
-    if (auto self = weak.lock()) self->templateDidShowItem(nctemplate, item);
-  });
+  }));
+  monitor->m_hostSubscriptions.push_back(
+      host.addTemplateListener([weak](const QVNCTemplate& nctemplate, const QVNCTemplateItem& item) {
+        if (auto self = weak.lock()) self->templateDidShowItem(nctemplate, item);
+      }));
   return monitor;
 }
 
 QVRunMonitor::QVRunMonitor(QVBackupAgent& agent, QVHostApp& host, QVRunJournal journal)
     : m_agent(agent), m_host(host), m_journal(std::move(journal)) {}
 
-QVRunMonitor::~QVRunMonitor() {
-  m_host.setRunStartObserver(nullptr);
-  m_host.setTemplateObserver(nullptr);
-}
+QVRunMonitor::~QVRunMonitor() = default;
 
 void QVRunMonitor::followRun(const std::string& groupID) {
   if (m_runs.count(groupID)) return;
   m_runs[groupID] = Run{};
-  if (QVGroupRef group = m_agent.groupWithIdentifier(groupID); group && m_onStart) m_onStart(*group);
+  if (QVGroupRef group = m_agent.groupWithIdentifier(groupID); group) m_starts.notify(*group);
 }
 
 std::vector<std::string> QVRunMonitor::runningGroupIDs() const {
@@ -127,12 +126,12 @@ void QVRunMonitor::templateDidShowItem(const QVNCTemplate& nctemplate, const QVN
 }
 
 void QVRunMonitor::backupProgress(double, const std::string& forGroupID, std::size_t, QVBackupAgent& inAgent) {
-  if (!m_onProgress) return;
+  if (m_progress.empty()) return;
   QVGroupRef group = inAgent.groupWithIdentifier(forGroupID);
   if (!group) return;
   // The record goes once the last item is done.
   const std::int64_t percent = group->progressInfo ? QVBackupAgent::totalProgressForGroup(*group->progressInfo) : 100;
-  m_onProgress(forGroupID, percent);
+  m_progress.notify(forGroupID, percent);
 }
 
 void QVRunMonitor::backupDidEndForGroup(const QVGroupRef& group, QVBackupAgent&) {
@@ -206,7 +205,7 @@ void QVRunMonitor::finishRun(const std::string& groupID) {
   }
   if (std::string error; !m_journal.append(outcome.journalEntry(), &error))
     m_host.writeMessage("warning: the run was not recorded in the journal: " + error);
-  if (m_onOutcome) m_onOutcome(outcome);
+  m_outcomes.notify(outcome);
 }
 
 void QVRunMonitor::emptyGroupEnded(const std::string& groupID) {
@@ -217,5 +216,5 @@ void QVRunMonitor::emptyGroupEnded(const std::string& groupID) {
   outcome.title = group ? group->title : groupID;
   outcome.kind = QVRunOutcome::Kind::empty;
   outcome.message = "the group is empty; nothing to back up";
-  if (m_onOutcome) m_onOutcome(outcome);
+  m_outcomes.notify(outcome);
 }

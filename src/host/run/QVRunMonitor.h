@@ -23,6 +23,7 @@
 
 #include "agent/QVBackupAgentDelegate.h"
 #include "agent/QVRunReport.h"
+#include "host/run/QVListeners.h"
 #include "host/run/QVRunJournal.h"
 
 class QVBackupAgent;
@@ -62,12 +63,22 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   static std::shared_ptr<QVRunMonitor> make(QVBackupAgent& agent, QVHostApp& host);
   ~QVRunMonitor() override;
 
-  using StartHandler = std::function<void(const QVGroup& group)>;
-  using ProgressHandler = std::function<void(const std::string& groupID, std::int64_t percent)>;
-  using OutcomeHandler = std::function<void(const QVRunOutcome& outcome)>;
-  void setStartHandler(StartHandler handler) { m_onStart = std::move(handler); }
-  void setProgressHandler(ProgressHandler handler) { m_onProgress = std::move(handler); }
-  void setOutcomeHandler(OutcomeHandler handler) { m_onOutcome = std::move(handler); }
+  // Listeners of the runs it follows (each called until its subscription is destroyed): a run's start,
+  // its progress as the group's percentage, its outcome; and of the agent's groups and destinations
+  // changing (added, changed, removed; also a run's dates and status code).
+  [[nodiscard]] QVSubscription addStartListener(std::function<void(const QVGroup& group)> listener) {
+    return m_starts.add(std::move(listener));
+  }
+  [[nodiscard]] QVSubscription addProgressListener(
+      std::function<void(const std::string& groupID, std::int64_t percent)> listener) {
+    return m_progress.add(std::move(listener));
+  }
+  [[nodiscard]] QVSubscription addOutcomeListener(std::function<void(const QVRunOutcome& outcome)> listener) {
+    return m_outcomes.add(std::move(listener));
+  }
+  [[nodiscard]] QVSubscription addRegistryListener(std::function<void()> listener) {
+    return m_registryChanges.add(std::move(listener));
+  }
 
   // Requires: the agent runs the group now. Follows it from here (the start handler is told).
   void followRun(const std::string& groupID);
@@ -82,10 +93,12 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   void backupFailedForGroup(const QVGroupRef& group, const std::optional<QVError>& withError,
                             QVBackupAgent& inAgent) override;
   void groupsAndTargetsDidChangeInAgent(const std::vector<QVGroupRef>&, const std::vector<QVTargetRef>&,
-                                        QVBackupAgent&) override {}
-  void groupDidChangeInAgent(const QVGroupRef&, QVBackupAgent&) override {}
-  void groupWithIDDidRemovedInAgent(const std::string&, QVBackupAgent&) override {}
-  void targetDidChangeInAgent(const QVTargetRef&, QVBackupAgent&) override {}
+                                        QVBackupAgent&) override {
+    m_registryChanges.notify();
+  }
+  void groupDidChangeInAgent(const QVGroupRef&, QVBackupAgent&) override { m_registryChanges.notify(); }
+  void groupWithIDDidRemovedInAgent(const std::string&, QVBackupAgent&) override { m_registryChanges.notify(); }
+  void targetDidChangeInAgent(const QVTargetRef&, QVBackupAgent&) override { m_registryChanges.notify(); }
   void showGroupsWithIDs(const std::vector<std::string>& groupIDs) override;
   void setLastBackupDate(const std::optional<QVDate>&) override {}
 
@@ -109,7 +122,9 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   QVRunJournal m_journal;
   std::map<std::string, Run> m_runs;
   std::size_t m_pendingOutcomes = 0;
-  StartHandler m_onStart;
-  ProgressHandler m_onProgress;
-  OutcomeHandler m_onOutcome;
+  QVListeners<const QVGroup&> m_starts;
+  QVListeners<const std::string&, std::int64_t> m_progress;
+  QVListeners<const QVRunOutcome&> m_outcomes;
+  QVListeners<> m_registryChanges;
+  std::vector<QVSubscription> m_hostSubscriptions;  // the host's run starts and template items
 };
