@@ -120,6 +120,11 @@ class QVBackupAgent : public QVNCTemplateDelegate {
   void setupTimers();
   // The date at which the group's armed timer fires, if it has one in the table.
   std::optional<QVDate> timerFireDateForGroupWithID(const std::string& groupID) const;
+  // When the group runs next by its schedule: its armed timer's date when it has one; otherwise the date
+  // that arming it now would give (the schedule's next moment after the last attempt, at most an hour
+  // after an attempt that failed). None for a group that runs only on request or is unknown. The one
+  // answer to "next run" wherever it is shown.
+  std::optional<QVDate> nextRunDateForGroupWithID(const std::string& groupID, QVDate now) const;
   std::size_t numberOfArmedTimers() const;
 
   // ---- Notifications and menu

@@ -2,69 +2,17 @@
 // the outcomes back on the main thread.
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <ctime>
 
 #include "agent/QVBackupAgent.h"
 #include "agent/QVBackupAgentDelegate.h"
 #include "agent/QVBackupAgentRun.h"
 #include "agent/QVBackupTargetDelegate.h"
+#include "agent/QVVersionName.h"
 #include "menu/QVBackupMenuItemController.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVLocalization.h"
 #include "platform/QVLog.h"
 #include "platform/QVRunLoop.h"
-
-namespace qv {
-
-std::string versionNameForDate(QVDate date) {
-  std::time_t t = std::chrono::system_clock::to_time_t(date);
-  std::tm tm{};
-  localtime_r(&t, &tm);
-  char buffer[32];
-  std::strftime(buffer, sizeof buffer, "%Y%m%d%H%M%S", &tm);
-  return std::string(buffer) + ".backup";
-}
-
-bool isVersionName(const std::string& name) {
-  static const std::string kExtension = ".backup";
-  if (name.size() != 14 + kExtension.size() || name.compare(14, std::string::npos, kExtension) != 0) return false;
-  for (std::size_t i = 0; i < 14; ++i)
-    if (name[i] < '0' || name[i] > '9') return false;
-  std::tm tm{};
-  tm.tm_year = std::stoi(name.substr(0, 4)) - 1900;
-  tm.tm_mon = std::stoi(name.substr(4, 2)) - 1;
-  tm.tm_mday = std::stoi(name.substr(6, 2));
-  tm.tm_hour = std::stoi(name.substr(8, 2));
-  tm.tm_min = std::stoi(name.substr(10, 2));
-  tm.tm_sec = std::stoi(name.substr(12, 2));
-  tm.tm_isdst = -1;
-  std::time_t t = std::mktime(&tm);
-  if (t == static_cast<std::time_t>(-1)) return false;
-  // mktime normalises impossible dates (month 13, 30 February); a real version formats back the same.
-  return versionNameForDate(std::chrono::system_clock::from_time_t(t)) == name;
-}
-
-std::string uniqueItemName(const std::string& path, std::vector<std::string>& used) {
-  const std::string name = lastPathComponent(path);
-  auto isUsed = [&](const std::string& candidate) {
-    return std::find(used.begin(), used.end(), candidate) != used.end();
-  };
-  std::string chosen = name;
-  if (isUsed(chosen)) {
-    const std::string base = stringByDeletingPathExtension(name);
-    const std::string extension = pathExtension(name);
-    for (unsigned long n = 1;; ++n) {
-      chosen = stringWithFormat("%@-%lu", {base, static_cast<std::uint64_t>(n)});
-      if (!extension.empty()) chosen = stringByAppendingPathExtension(chosen, extension);
-      if (!isUsed(chosen)) break;
-    }
-  }
-  used.push_back(chosen);
-  return chosen;
-}
-
-}  // namespace qv
 
 template <typename F>
 void QVBackupAgent::postToSelf(F&& work) {
@@ -125,7 +73,8 @@ void QVBackupAgent::backupGroup(const QVGroupRef& group, bool notifyHostApp) {
     return;
   }
 
-  // An empty group requested by the host: not a word, and no timer again (kept so on purpose).
+  // An empty group requested by the host: the host asked and sees the group, so nothing is said, and the
+  // timer dropped above stays dropped until the group changes or runs.
   if (notifyHostApp) return;
 
   group->lastBackupAttemptDate = std::chrono::system_clock::now();
@@ -192,7 +141,8 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
   bool anyMissing = false;
   bool leftEarly = false;
   for (std::size_t index = 0; index < group.items.size(); ++index) {
-    // Items written before this point do not make a run that stops here a success (kept so on purpose).
+    // A run that stops here counts as having written nothing, whatever it wrote before: a version that
+    // lacks items is never counted as a complete one.
     if (target.isCancelled() || !target.isAvailable()) {
       leftEarly = true;
       break;

@@ -14,16 +14,3 @@ struct QVBackupAgent::Run {
   QVGroupRef group;   // touched on the main thread only
   std::thread thread;
 };
-
-namespace qv {
-
-// The version name of a run started at date: "yyyyMMddHHmmss.backup" in local time.
-std::string versionNameForDate(QVDate date);
-// True only for a name that is 14 digits and ".backup", whose digits are a valid local date and time
-// that formats back to the same digits.
-bool isVersionName(const std::string& name);
-// The name of an item within a run: its last path component, made unique against used names with
-// "-1", "-2", ... before the extension. Adds the chosen name to used.
-std::string uniqueItemName(const std::string& path, std::vector<std::string>& used);
-
-}  // namespace qv

@@ -16,8 +16,9 @@ void QVBackupAgent::sheduleTimerForGroup(const QVGroupRef& group, double withMax
   }
   const std::string groupID = group->identifier;
   auto timer = std::make_shared<QVTimer>(*fireDate, [this, groupID](QVTimer& fired) { startBackup(fired, groupID); });
-  // A timer that the table held is replaced without being invalidated: it stays armed and still fires
-  // (kept so on purpose; callers that arm after a run rely on the run entry having dropped it).
+  // A timer that the table held is replaced without being invalidated: it stays armed and still fires.
+  // Callers that arm after a run rely on the run entry having dropped it; the run entry refuses a group
+  // that runs already, so a second firing never starts a second run.
   auto it = m_timers.find(groupID);
   if (it != m_timers.end()) m_droppedTimers.push_back(std::move(it->second));
   m_timers[groupID] = std::move(timer);
@@ -74,6 +75,17 @@ std::optional<QVDate> QVBackupAgent::timerFireDateForGroupWithID(const std::stri
   auto it = m_timers.find(groupID);
   if (it == m_timers.end()) return std::nullopt;
   return it->second->fireDate();
+}
+
+std::optional<QVDate> QVBackupAgent::nextRunDateForGroupWithID(const std::string& groupID, QVDate now) const {
+  if (auto armed = timerFireDateForGroupWithID(groupID)) return armed;
+  const QVGroupRef group = groupWithIdentifier(groupID);
+  if (!group) return std::nullopt;
+  std::optional<QVDate> next = qv::nextFireDateForScheduleLastFireDate(group->schedule, group->lastBackupAttemptDate, now);
+  const std::int64_t code = group->statusCode.value_or(0);
+  if (next && group->lastBackupAttemptDate && code != 0 && code != -128)
+    next = std::min(*next, std::max(now, *group->lastBackupAttemptDate + std::chrono::hours(1)));
+  return next;
 }
 
 std::size_t QVBackupAgent::numberOfArmedTimers() const {

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <tuple>
 
-#include "agent/QVBackupAgentRun.h"
+#include "agent/QVVersionName.h"
 #include "menu/QVBackupMenuItemController.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVMenu.h"
