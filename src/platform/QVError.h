@@ -11,9 +11,9 @@
 struct QVError {
   std::string domain;
   std::int64_t code = 0;
-  std::optional<std::string> localizedDescription;  // NSLocalizedDescriptionKey
-  std::optional<std::string> recoverySuggestion;    // NSLocalizedRecoverySuggestionErrorKey
-  std::optional<std::string> filePath;              // NSFilePathErrorKey
+  std::optional<std::string> localizedDescription;  // the fixed description of the failure
+  std::optional<std::string> recoverySuggestion;    // the message the user reads
+  std::optional<std::string> filePath;              // the item the failure concerns
 
   // The message for a person: the suggestion, else the description, else "".
   std::string message() const;

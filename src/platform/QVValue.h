@@ -45,7 +45,7 @@ class QVValue {
   bool isDictionary() const { return std::holds_alternative<QVDictionary>(m_storage); }
 
   // Typed reads: nullopt (or nullptr) when the value holds another type. Numbers convert among
-  // themselves the way the preferences always did: a boolean reads as 0 or 1, a real is cut to an integer.
+  // themselves as stored preferences expect: a boolean reads as 0 or 1, a real is cut to an integer.
   std::optional<bool> boolValue() const;
   std::optional<std::int64_t> integerValue() const;
   std::optional<double> doubleValue() const;

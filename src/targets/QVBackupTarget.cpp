@@ -128,7 +128,7 @@ QVError QVBackupTarget::errorWithStatusCode(std::int64_t statusCode, const std::
   error.domain = kQVErrorDomain;
   error.code = statusCode;
   if (!message.empty()) {
-    error.localizedDescription = "Error occured";  // the system's fixed text, spelled as it always was
+    error.localizedDescription = "Error occured";  // the fixed description of every destination error
     error.recoverySuggestion = message;
   }
   if (sourcePath && !sourcePath->empty()) error.filePath = *sourcePath;

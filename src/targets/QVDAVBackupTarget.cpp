@@ -148,7 +148,8 @@ bool QVDAVBackupTarget::makeDirectory(const std::string& url, bool allowDuplicat
 bool QVDAVBackupTarget::uploadFile(const std::string& path, const std::string& destination) {
   std::unique_ptr<QVInputStream> stream = QVInputStream::inputStreamWithFileAtPath(path);
   m_lastUploadHadStream = stream != nullptr;
-  // Without a stream the answer is the status the previous upload left (kept so on purpose).
+  // Without a stream the answer is the status the previous upload left: a file that cannot be opened is
+  // judged by this server's last answer.
   if (!stream) return validateResponseStatusCode(m_responseStatusCode, false);
 
   setIsComplete(false);
@@ -205,7 +206,7 @@ bool QVDAVBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
     bool isDirectory = false;
     qv::fileExistsAtPath(path, &isDirectory);
     const std::string escapedName = pathWithReplacingInvalidCharactersInPath(withName);
-    // Every entry is tried; one success makes the item a success (kept so on purpose).
+    // Every entry is tried, whatever failed before it; one success makes the item a success.
     auto send = [&](const std::string& localPath, const std::string& url) {
       bool entryIsDirectory = false;
       if (!qv::fileExistsAtPath(localPath, &entryIsDirectory)) return;  // gone since the walk found it
@@ -221,7 +222,7 @@ bool QVDAVBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
       // A single file that failed after its collections were made carries no path.
       errorPath.reset();
     } else {
-      // A plain path join here, not the URL join (kept so on purpose).
+      // A plain path join: the item's name is escaped already and is joined as it stands.
       const std::string itemURL = qv::stringByAppendingPathComponent(versionURL, escapedName);
       if (makeDirectory(itemURL, false)) {
         // Depth first, parents before their content, one entry at a time so a large tree costs no memory;

@@ -347,7 +347,7 @@ bool QVFTPBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
   // The connection check. Upload mode is on and the URL names no file, so a reachable server lets
   // libcurl connect and log in and then refuses the transfer with CURLE_URL_MALFORMAT (3): results up
   // to 3 pass. The timeout set here stays on the handle and bounds every later transfer, uploads
-  // included (kept so on purpose).
+  // included: a server that stops answering ends the run instead of holding it.
   if (CURL* curl = m_curl->handle) {
     curl_easy_setopt(curl, CURLOPT_URL, curlUrlPrefixWithoutPath().c_str());
     curl_easy_setopt(curl, CURLOPT_TIMEOUT, 20L);

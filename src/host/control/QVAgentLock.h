@@ -1,7 +1,8 @@
 // QVAgentLock makes sure that one process at a time loads a user's agent, so that no two processes ever
 // write the preferences at once: the daemon holds it for as long as it runs, any other command for as
-// long as it works. It is an exclusive lock (flock) on "agent.lock" in the user's private runtime folder,
-// $XDG_RUNTIME_DIR/stellwin-backup (mode 0700), which also holds the daemon's control socket. The holder
+// long as it works. It is an exclusive lock (flock) on "agent.lock" beside the preferences it guards
+// ($XDG_CONFIG_HOME/stellwin, mode 0600), so that each set of preferences has a lock of its own. The
+// daemon's control socket is elsewhere, in the user's private runtime folder (runtimeFolder). The holder
 // writes its process id and command line into the file, so that one who waits can say who holds it.
 // The lock goes when the process ends or the object is destroyed; a daemon that starts itself anew keeps
 // it across exec (keepAcrossExec) and takes it back at once. Main thread.
