@@ -11,6 +11,7 @@
 #include "host/daemon/QVDaemonCommand.h"
 #include "host/run/QVHostApp.h"
 #include "host/cli/QVPasswordInput.h"
+#include "host/cli/QVRecordPrinter.h"
 #include "host/cli/QVRegistryCommands.h"
 #include "host/restore/QVRestoreCommand.h"
 #include "host/run/QVRunMonitor.h"
@@ -75,6 +76,7 @@ int QVProgram::run(const QVCommandOptions& given) {
   for (std::size_t i = 1; i < m_arguments.size(); ++i) description += " " + m_arguments[i];
 
   QVCommandOptions options = given;
+  options.colour = qv::colourWanted(stdout);
   const auto deadline = std::chrono::steady_clock::now() + kLockWait;
   for (;;) {
     // A running daemon carries the command out.

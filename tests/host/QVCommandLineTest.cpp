@@ -1,5 +1,7 @@
 // The group, target, versions and menu commands end to end, as a new user would run them.
 #include <iterator>
+#include <regex>
+#include <tuple>
 #include <sstream>
 
 #include "host/QVProgramRunner.h"
@@ -13,7 +15,8 @@ namespace {
 class QVCommandLineTest : public HostTest {
  protected:
   json byTitle(const std::string& command, const std::string& title) {
-    for (const auto& record : runJSON({command, "list", "--json"})) if (record["title"] == title) return record;
+    const char* key = command == "group" ? "groupTitle" : "title";
+    for (const auto& record : runJSON({command, "list", "--json"})) if (record[key] == title) return record;
     return nullptr;
   }
   static Arguments split(const std::string& command) {
@@ -138,7 +141,7 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndAcceptsTheEdges) {
   // The ambiguous title names the candidates.
   const std::string twin = runProgram({"group", "show", "Twin"}).err;
   for (const auto& group : runJSON({"group", "list", "--json"}))
-    EXPECT_EQ(twin.find(group["id"].get<std::string>()) != std::string::npos, group["title"] == "Twin") << twin;
+    EXPECT_EQ(twin.find(group["groupID"].get<std::string>()) != std::string::npos, group["groupTitle"] == "Twin") << twin;
 
   // The edges that pass: 1 and 100000 versions, 0 with --yes and its warning, 255 bytes, a case that
   // differs, dots inside a title, and a title kept as it is.
@@ -159,6 +162,37 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndAcceptsTheEdges) {
         << result.err;
   }
   EXPECT_EQ(runJSON({"group", "show", "...Ünïcode v1.2", "--json"})["versions"], 0);
+}
+
+// With --json a failure is a JSON object on standard output as well; a table shows identifiers only when
+// asked, dates that read the same everywhere under the C locale, and the group that ran last first.
+TEST_F(QVCommandLineTest, AnswersInJSONWhenItFailsAndKeepsTablesPlain) {
+  const char* locale = std::getenv("LC_ALL");
+  const std::optional<std::string> saved = locale ? std::optional<std::string>(locale) : std::nullopt;
+  setenv("LC_ALL", "C", 1);
+  runJSON({"group", "add", "Older", makeFile("o.txt")});
+  runJSON({"group", "add", "Newer", makeFile("n.txt")});
+  ASSERT_EQ(runProgram({"backup", "Newer"}).status, 0);
+  const ProgramResult status = runProgram({"status"}), ids = runProgram({"status", "--ids"});
+  EXPECT_LT(status.out.find("Newer"), status.out.find("Older")) << status.out;
+  EXPECT_TRUE(std::regex_search(status.out, std::regex("Newer +idle +\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d  "))) << status.out;
+  const std::string id = byTitle("group", "Newer")["groupID"];
+  EXPECT_EQ(std::pair(status.out.find(id), ids.out.find(id) != std::string::npos), std::pair(std::string::npos, true));
+  EXPECT_EQ(runProgram({"group", "list"}).out.find(id), std::string::npos);
+  EXPECT_NE(runProgram({"group", "list", "--ids"}).out.find(id), std::string::npos);
+
+  runJSON({"target", "remove", "My Mac"});
+  for (const auto& [command, exitStatus, message] : std::vector<std::tuple<std::string, int, std::string>>{
+           {"group show Nope --json", 2, "unknown group"},
+           {"log --json --bogus", 2, "--bogus"},
+           {"versions Newer --json", 1, "has no usable destination"}}) {
+    const ProgramResult result = runProgram(split(command));
+    const json error = json::parse(result.out, nullptr, false);
+    EXPECT_EQ(std::pair(result.status, error.value("exitStatus", 0)), std::pair(exitStatus, exitStatus)) << command;
+    EXPECT_NE(error.value("error", std::string()).find(message), std::string::npos) << command << ": " << result.out;
+  }
+  if (saved) setenv("LC_ALL", saved->c_str(), 1);
+  else unsetenv("LC_ALL");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "host/control/QVControlProtocol.h"
+#include "host/run/QVRecords.h"
 #include "host/run/QVRunMonitor.h"
 
 namespace {
@@ -58,10 +59,12 @@ TEST(QVControlProtocolTest, OptionsAndOutcomesComeBackFieldForField) {
   outcome.groupID = "ID", outcome.title = "Photos", outcome.kind = QVRunOutcome::Kind::completeWithMissingItems;
   outcome.statusCode = -43, outcome.message = "m";
   outcome.report = QVRunReport{"ID", "20240105143007.backup", {}, {}, 2, 3, 4, {"/x"}, {"/y"}, {"/z (why)"}, true};
-  const QVRunOutcome copy = qv::outcomeFromDictionary(qv::dictionaryFromOutcome(outcome));
+  const QVDictionary record = qv::outcomeRecord(outcome);
+  EXPECT_EQ(record.at("outcome"), QVValue("complete with missing items")) << "a kind travels by its name";
+  const QVRunOutcome copy = qv::outcomeFromRecord(record);
   EXPECT_EQ(copy.line(), outcome.line());
   EXPECT_EQ(copy.detailLines(), outcome.detailLines());
-  EXPECT_EQ(qv::dictionaryFromOutcome(copy), qv::dictionaryFromOutcome(outcome));
+  EXPECT_EQ(qv::outcomeRecord(copy), record);
 }
 
 }  // namespace

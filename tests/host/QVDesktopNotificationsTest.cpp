@@ -92,7 +92,7 @@ TEST_F(QVDesktopNotificationsTest, GathersTheFailuresOfARunInOneBubbleWhoseButto
   EXPECT_EQ(m_bubbles[1].body, "Backup for groups failed: " + first + ", " + second);
 
   // The daemon's bubble: "View Details..." shows the group, "Cancel" does not.
-  const std::string shownGroup = "Photos (" + runJSON({"group", "show", "Photos", "--json"})["id"].get<std::string>();
+  const std::string shownGroup = "Photos (" + runJSON({"group", "show", "Photos", "--json"})["groupID"].get<std::string>();
   for (const std::string button : {"2", "1"}) {
     makeDue("Photos");
     RunningProgram daemon({"daemon"});

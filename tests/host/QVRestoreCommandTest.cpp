@@ -44,7 +44,7 @@ TEST_F(QVRestoreCommandTest, CtrlCEndsARestoreAndKeepsWhatWasRestored) {
   makeFile("Tree/zz large.bin", "large", 1ull << 30);
   ASSERT_EQ(runProgram({"backup", "Photos"}).status, 0);
   TemporaryDirectory scratch;
-  RunningProgram restore({"restore", "Photos", "--to", scratch / "out"});
+  RunningProgram restore({"restore", "Photos", "--to", scratch / "out", "--json"});
   const std::string large = scratch / "out/Tree/zz large.bin";
   auto restoring = [&] {
     std::error_code ec;
@@ -57,6 +57,11 @@ TEST_F(QVRestoreCommandTest, CtrlCEndsARestoreAndKeepsWhatWasRestored) {
   EXPECT_LT(std::chrono::steady_clock::now() - sent, std::chrono::seconds(1));
   EXPECT_TRUE(fs::exists(scratch / "out/Tree/a.txt")) << "what was restored stays";
   EXPECT_FALSE(fs::exists(large)) << "a file half restored is not left behind";
+  std::uintmax_t kept = 0;
+  for (const auto& entry : fs::recursive_directory_iterator(scratch / "out"))
+    if (entry.is_regular_file() && !entry.is_symlink()) kept += entry.file_size();
+  const nlohmann::json result = nlohmann::json::parse(restore.out, nullptr, false);
+  EXPECT_EQ(result.value("bytesWritten", std::uintmax_t{0}), kept) << "only what was written and kept counts: " << restore.out;
 }
 
 // A WebDAV server that lists names leading out of the folder they stand in: they are refused, the

@@ -104,7 +104,7 @@ class QVFaultTest : public HostTest, public ::testing::WithParamInterface<std::s
   }
   json status(const std::string& title) {
     for (const auto& record : runJSON({"status", "--json"}))
-      if (record["title"] == title) return record;
+      if (record["groupTitle"] == title) return record;
     return nullptr;
   }
 

@@ -32,7 +32,7 @@ TemporaryDirectory::~TemporaryDirectory() {
 
 IsolatedEnvironment::IsolatedEnvironment() {
   for (const char* name : {"HOME", "XDG_CONFIG_HOME", "XDG_RUNTIME_DIR", "XDG_DOCUMENTS_DIR", "XDG_STATE_HOME",
-                           "DBUS_SESSION_BUS_ADDRESS"}) {
+                           "DBUS_SESSION_BUS_ADDRESS", "NO_COLOR", "TERM"}) {
     const char* value = std::getenv(name);
     m_saved.emplace_back(name, value ? std::optional<std::string>(value) : std::nullopt);
   }
@@ -44,6 +44,9 @@ IsolatedEnvironment::IsolatedEnvironment() {
   setenv("XDG_STATE_HOME", (root() + "/state").c_str(), 1);
   setenv("XDG_DOCUMENTS_DIR", (home() + "/Documents").c_str(), 1);
   unsetenv("DBUS_SESSION_BUS_ADDRESS");
+  // A terminal that a test opens shows colours, whatever the developer's own shell says.
+  unsetenv("NO_COLOR");
+  setenv("TERM", "xterm", 1);
   QVUserDefaults::resetStandardUserDefaults();
   QVKeychain::setSharedProxy(nullptr);
 }

@@ -4,13 +4,13 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <thread>
 
 #include "agent/QVBackupAgent.h"
 #include "agent/QVVersionName.h"
 #include "host/run/QVHostApp.h"
+#include "host/run/QVRecords.h"
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVRunPresenter.h"
 #include "platform/QVRunLoop.h"
@@ -34,26 +34,10 @@ void waitForANewVersionName(const QVGroup& group) {
 }
 
 std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes) {
-  nlohmann::json array = nlohmann::json::array();
-  for (const auto& outcome : outcomes) {
-    nlohmann::json object = nlohmann::json::object();
-    object["id"] = outcome.groupID;
-    object["title"] = outcome.title;
-    object["outcome"] = QVRunOutcome::kindName(outcome.kind);
-    object["statusCode"] = outcome.statusCode ? nlohmann::json(*outcome.statusCode) : nlohmann::json(nullptr);
-    object["message"] = outcome.message.empty() ? nlohmann::json(nullptr) : nlohmann::json(outcome.message);
-    if (const auto& report = outcome.report) {
-      object["version"] = report->version;
-      object["files"] = report->files;
-      object["bytes"] = report->bytes;
-      object["leftOut"] = report->leftOut;
-      object["missingItems"] = report->missingItems;
-      object["failedItems"] = report->failedItems;
-      object["versionsUnreadable"] = report->versionsUnreadable;
-    }
-    array.push_back(std::move(object));
-  }
-  return array.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+  QVArray records;
+  records.reserve(outcomes.size());
+  for (const auto& outcome : outcomes) records.emplace_back(outcomeRecord(outcome));
+  return recordJSON(QVValue(std::move(records)));
 }
 
 }  // namespace qv
@@ -149,7 +133,9 @@ int QVBackupCommand::waitForRuns(const std::vector<std::string>& requested, bool
   const QVSubscription starts =
       m_monitor.addStartListener([&](const QVGroup& group) { presenter.begin(group.identifier, group.title); });
   const QVSubscription progress = m_monitor.addProgressListener(
-      [&](const std::string& groupID, std::int64_t percent) { presenter.update(groupID, percent); });
+      [&](const std::string& groupID, std::int64_t percent, const std::string& item) {
+        presenter.update(groupID, percent, item);
+      });
   const QVSubscription outcomes =
       m_monitor.addOutcomeListener([&](const QVRunOutcome& outcome) { presenter.report(outcome); });
 

@@ -51,9 +51,7 @@ namespace qv {
 // Waits (at most a second) until a run of the group started now gets a version name of its own.
 void waitForANewVersionName(const QVGroup& group);
 
-// The outcomes as a JSON array of {"id", "title", "outcome", "statusCode", "message"}, with, for a group
-// that ran, "version", "files", "bytes", "leftOut" (every path), "missingItems", "failedItems" ("path
-// (reason)") and "versionsUnreadable".
+// The outcomes as a JSON array of their records (QVRecords), each naming every file left out.
 std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes);
 
 }  // namespace qv

@@ -39,7 +39,7 @@ struct QVCommandLine::Impl {
   // Values as CLI11 fills them; copied into the options after a successful parse.
   std::string name, group, target, title, groupTarget, versions, schedule, type, path, server, port, user;
   std::vector<std::string> paths, groups;
-  bool json = false, passwordStdin = false, makeDefault = false, yes = false;
+  bool json = false, ids = false, passwordStdin = false, makeDefault = false, yes = false;
 
   CLI::App* groupCommand = nullptr;
   CLI::App* groupAdd = nullptr;
@@ -68,6 +68,7 @@ struct QVCommandLine::Impl {
   std::vector<std::pair<CLI::Option*, std::optional<std::string> QVCommandOptions::*>> optionalValues;
 
   void addJSON(CLI::App* command) { command->add_flag("--json", json, "Print JSON instead of a table"); }
+  void addIDs(CLI::App* command) { command->add_flag("--ids", ids, "Show each record's identifier in the table"); }
 
   void addOptional(CLI::App* command, const std::string& flag, std::string& value,
                    std::optional<std::string> QVCommandOptions::*member, const std::string& help) {
@@ -94,6 +95,7 @@ struct QVCommandLine::Impl {
   }
 
   Impl() {
+    addIDs(&app);
     app.set_version_flag("--version", std::string(kProgram) + " " + "0.1.0");
 
     groupCommand = app.add_subcommand("group", "Add, list, show, change and remove backup groups");
@@ -105,6 +107,7 @@ struct QVCommandLine::Impl {
 
     groupList = groupCommand->add_subcommand("list", "List the groups with their next scheduled run");
     addJSON(groupList);
+    addIDs(groupList);
 
     groupShow = groupCommand->add_subcommand("show", "Show every field and item of a group");
     groupShow->add_option("GROUP", group, "The group")->required();
@@ -138,6 +141,7 @@ struct QVCommandLine::Impl {
 
     targetList = targetCommand->add_subcommand("list", "List the destinations (never their passwords)");
     addJSON(targetList);
+    addIDs(targetList);
 
     targetSet = targetCommand->add_subcommand("set", "Change a destination");
     targetSet->add_option("TARGET", target, "The destination")->required();
@@ -174,6 +178,7 @@ struct QVCommandLine::Impl {
 
     status = app.add_subcommand("status", "Show each group's state: idle or running, last outcome, next run");
     addJSON(status);
+    addIDs(status);
 
     cancel = app.add_subcommand("cancel", "Cancel the running backups of groups, wherever they were started");
     cancel->add_option("GROUP", groups, "The groups")->required();
@@ -288,6 +293,7 @@ std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out
   QVCommandOptions options;
   options.command = impl.chosen();
   options.json = impl.json;
+  options.ids = impl.ids;
   options.name = impl.name;
   options.group = impl.group;
   options.target = impl.target;

@@ -37,6 +37,7 @@ enum class QVCommand {
 struct QVCommandOptions {
   QVCommand command = QVCommand::summary;
   bool json = false;
+  bool ids = false;  // --ids: tables show each record's identifier
 
   std::string name;                 // group add NAME
   std::string group;                // GROUP of group show/set/remove/remove-items, versions, log ("" for all)
@@ -66,10 +67,11 @@ struct QVCommandOptions {
   std::string restoreFolder;
 
   // Filled by the program, not from arguments: the password read before a command is handed to the
-  // daemon, and whether the command runs in the daemon for another process (which then never reads the
-  // terminal or standard input itself).
+  // daemon, whether the command runs in the daemon for another process (which then never reads the
+  // terminal or standard input itself), and whether the output may carry colours.
   std::optional<std::string> suppliedPassword;
   bool remote = false;
+  bool colour = false;
   // The folder that relative paths in the arguments are read from: the working folder of the process
   // that was invoked ("" for this process's own).
   std::string folder;

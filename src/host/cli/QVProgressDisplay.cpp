@@ -1,16 +1,26 @@
 #include "host/cli/QVProgressDisplay.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 
 #include "host/cli/QVRecordPrinter.h"
+#include "host/run/QVReadableText.h"
 
 namespace {
 
 constexpr auto kRedrawInterval = std::chrono::milliseconds(100);
 constexpr std::size_t kMaxTitleWidth = 24;
 constexpr std::size_t kBarWidth = 30;
+constexpr std::chrono::seconds kFirstEstimate{2};
+
+// How wide the terminal is (80 when it does not say).
+std::size_t terminalColumns(std::FILE* terminal) {
+  struct winsize size {};
+  if (ioctl(fileno(terminal), TIOCGWINSZ, &size) == 0 && size.ws_col > 10) return size.ws_col;
+  return 80;
+}
 
 // The first width characters of a UTF-8 text.
 std::string prefixOfWidth(const std::string& text, std::size_t width) {
@@ -43,17 +53,48 @@ std::string QVProgressDisplay::barLine(const std::string& title, std::size_t tit
   return line;
 }
 
+std::string QVProgressDisplay::detailText(std::int64_t percent, std::optional<std::uint64_t> done,
+                                          std::optional<std::uint64_t> total, std::chrono::duration<double> elapsed,
+                                          const std::string& item) {
+  std::vector<std::string> parts;
+  if (done && total) parts.push_back(qv::sizeText(*done) + " of " + qv::sizeText(*total));
+  std::optional<double> secondsLeft;
+  // Too early a guess misleads more than none.
+  if (elapsed >= kFirstEstimate) {
+    if (done && total && *done > 0) {
+      const double speed = static_cast<double>(*done) / elapsed.count();
+      parts.push_back(qv::sizeText(static_cast<std::uint64_t>(speed)) + "/s");
+      secondsLeft = static_cast<double>(*total > *done ? *total - *done : 0) / speed;
+    } else if (percent > 0 && percent < 100) {
+      secondsLeft = elapsed.count() * static_cast<double>(100 - percent) / static_cast<double>(percent);
+    }
+  }
+  if (secondsLeft) parts.push_back(qv::durationText(std::chrono::duration<double>(*secondsLeft)) + " left");
+  if (!item.empty()) parts.push_back(item);
+  std::string text;
+  for (const auto& part : parts) text += (text.empty() ? "" : ", ") + part;
+  return text;
+}
+
 void QVProgressDisplay::begin(const std::string& groupID, const std::string& title) {
   if (std::any_of(m_bars.begin(), m_bars.end(), [&](const Bar& bar) { return bar.groupID == groupID; })) return;
-  m_bars.push_back({groupID, title, 0});
+  Bar bar;
+  bar.groupID = groupID;
+  bar.title = title;
+  m_bars.push_back(std::move(bar));
   if (!m_live) return;
   erase();
   draw();
 }
 
-void QVProgressDisplay::update(const std::string& groupID, std::int64_t percent) {
+void QVProgressDisplay::setBytes(const std::string& groupID, std::uint64_t done, std::uint64_t total) {
   for (auto& bar : m_bars)
-    if (bar.groupID == groupID) bar.percent = percent;
+    if (bar.groupID == groupID) bar.bytesDone = done, bar.bytesTotal = total;
+}
+
+void QVProgressDisplay::update(const std::string& groupID, std::int64_t percent, const std::string& item) {
+  for (auto& bar : m_bars)
+    if (bar.groupID == groupID) bar.percent = percent, bar.item = item.empty() ? bar.item : item;
   if (!m_live || std::chrono::steady_clock::now() - m_lastDraw < kRedrawInterval) return;
   erase();
   draw();
@@ -88,7 +129,14 @@ void QVProgressDisplay::draw() {
   static const char kSpinner[] = {'|', '/', '-', '\\'};
   const std::string spinner = m_busy && m_busy() ? std::string(1, kSpinner[m_frame++ % 4]) + " " : "  ";
   std::string text;
-  for (const auto& bar : m_bars) text += spinner + barLine(bar.title, titleWidth, bar.percent, kBarWidth) + "\n";
+  const std::size_t columns = terminalColumns(m_terminal);
+  const auto now = std::chrono::steady_clock::now();
+  for (const auto& bar : m_bars) {
+    std::string line = spinner + barLine(bar.title, titleWidth, bar.percent, kBarWidth);
+    const std::string detail = detailText(bar.percent, bar.bytesDone, bar.bytesTotal, now - bar.started, bar.item);
+    if (!detail.empty()) line += "  " + detail;
+    text += prefixOfWidth(line, columns - 1) + "\n";
+  }
   std::size_t lines = m_bars.size();
   if (!m_note.empty() && !m_bars.empty()) {
     text += m_note + "\n";

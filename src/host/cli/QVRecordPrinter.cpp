@@ -1,9 +1,14 @@
 #include "host/cli/QVRecordPrinter.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "agent/QVBackupAgent.h"
+#include "host/run/QVRecords.h"
+#include "host/run/QVReadableText.h"
 #include "host/run/QVRunJournal.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVMenu.h"
@@ -16,41 +21,6 @@ namespace {
 // Paths need not be valid UTF-8; a byte that is not is shown as U+FFFD instead of failing the listing.
 std::string dump(const json& value) { return value.dump(2, ' ', false, json::error_handler_t::replace) + "\n"; }
 
-json dateJSON(const std::optional<QVDate>& date) { return date ? json(qv::iso8601(*date)) : json(nullptr); }
-
-json valueJSON(const QVValue& value) {
-  // The store's own JSON form, read back: every stored key stays as it is.
-  json parsed = json::parse(qv::toJSON(value), nullptr, false);
-  return parsed.is_discarded() ? json(nullptr) : parsed;
-}
-
-json groupObject(const QVGroup& group) {
-  json object = json::object();
-  object["id"] = group.identifier;
-  object["title"] = group.title;
-  object["items"] = group.items;
-  object["target"] = group.target ? json(*group.target) : json(nullptr);
-  object["schedule"] = group.schedule ? valueJSON(QVValue(group.schedule->dictionary())) : json(nullptr);
-  object["versions"] = group.versions ? json(*group.versions) : json(nullptr);
-  object["statusCode"] = group.statusCode ? json(*group.statusCode) : json(nullptr);
-  object["lastBackupDate"] = dateJSON(group.lastBackupDate);
-  object["lastBackupAttemptDate"] = dateJSON(group.lastBackupAttemptDate);
-  return object;
-}
-
-json targetObject(const QVTarget& target) {
-  json object = json::object();
-  object["id"] = target.identifier;
-  object["title"] = target.title;
-  object["type"] = target.type;
-  object["path"] = target.path;
-  object["server"] = target.server && !target.server->empty() ? json(*target.server) : json(nullptr);
-  object["port"] = target.port && *target.port != 0 ? json(*target.port) : json(nullptr);
-  object["isDefault"] = target.isDefault.value_or(false);
-  object["user"] = target.user && !target.user->empty() ? json(*target.user) : json(nullptr);
-  return object;
-}
-
 std::string scheduleText(const QVGroup& group) {
   return group.schedule ? qv::specFromSchedule(*group.schedule) : std::string("manual");
 }
@@ -61,7 +31,7 @@ std::string destinationText(const QVBackupAgent& agent, const QVGroup& group) {
   return "missing (" + *group.target + ")";
 }
 
-std::string dateText(const std::optional<QVDate>& date) { return date ? qv::stringFromDate(*date) : "never"; }
+std::string dateText(const std::optional<QVDate>& date) { return date ? qv::tableDateText(*date) : "never"; }
 
 void appendMenuText(std::string& text, const std::vector<std::shared_ptr<QVMenuItem>>& items, int depth) {
   for (const auto& item : items) {
@@ -98,6 +68,12 @@ void QVTextTable::addRow(std::vector<std::string> row) {
   m_rows.push_back(std::move(row));
 }
 
+void QVTextTable::dropLastColumn() {
+  if (m_header.empty()) return;
+  m_header.pop_back();
+  for (auto& row : m_rows) row.pop_back();
+}
+
 std::string QVTextTable::text(const std::string& indent) const {
   std::vector<std::size_t> widths(m_header.size(), 0);
   auto measure = [&](const std::vector<std::string>& row) {
@@ -124,16 +100,32 @@ namespace qv {
 
 std::size_t displayWidth(const std::string& text) {
   std::size_t width = 0;
-  for (unsigned char c : text)
-    if ((c & 0xC0) != 0x80) ++width;  // continuation bytes add nothing
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '\033' && i + 1 < text.size() && text[i + 1] == '[') {
+      while (i < text.size() && text[i] != 'm') ++i;  // "ESC [ ... m" sets a colour
+      continue;
+    }
+    if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) ++width;  // continuation bytes add nothing
+  }
   return width;
 }
 
-std::string nextRunText(const QVGroup& group, QVDate now) {
-  std::optional<QVDate> next = nextFireDateForScheduleLastFireDate(group.schedule, group.lastBackupAttemptDate, now);
+bool colourWanted(std::FILE* stream) {
+  const char* noColour = std::getenv("NO_COLOR");
+  const char* term = std::getenv("TERM");
+  return stream && isatty(fileno(stream)) == 1 && (!noColour || !*noColour) && !(term && std::string(term) == "dumb");
+}
+
+std::string outcomeColoured(const std::string& text, const std::string& outcome) {
+  const char* colour = outcome == "complete" ? "32" : outcome == "failed" ? "31" : "33";
+  return std::string("\033[") + colour + "m" + text + "\033[0m";
+}
+
+std::string nextRunText(const QVBackupAgent& agent, const QVGroup& group, QVDate now) {
+  std::optional<QVDate> next = agent.nextRunDateForGroupWithID(group.identifier, now);
   if (!next) return "manual";
   if (*next <= now) return "due now";
-  return stringFromDate(*next);
+  return tableDateText(*next);
 }
 
 std::string statusText(const QVGroup& group) {
@@ -152,27 +144,30 @@ std::string locationText(const QVTarget& target) {
   return location + target.path;
 }
 
-std::string groupsJSON(const std::vector<QVGroupRef>& groups, QVDate now) {
-  json array = json::array();
-  for (const auto& group : groups) {
-    json object = groupObject(*group);
-    auto next = nextFireDateForScheduleLastFireDate(group->schedule, group->lastBackupAttemptDate, now);
-    object["nextRun"] = dateJSON(next);
-    array.push_back(std::move(object));
+std::string groupsJSON(const QVBackupAgent& agent, QVDate now) {
+  QVArray records;
+  records.reserve(agent.groups().size());
+  for (const auto& group : agent.groups()) {
+    QVDictionary record = groupRecord(*group);
+    record["nextRun"] = QVValue();
+    if (auto next = agent.nextRunDateForGroupWithID(group->identifier, now))
+      record["nextRun"] = iso8601(*next);
+    records.emplace_back(std::move(record));
   }
-  return dump(array);
+  return recordJSON(QVValue(std::move(records)));
 }
 
-std::string groupJSON(const QVGroup& group) { return dump(groupObject(group)); }
+std::string groupJSON(const QVGroup& group) { return recordJSON(QVValue(groupRecord(group))); }
 
-std::string groupsTable(const QVBackupAgent& agent, QVDate now) {
+std::string groupsTable(const QVBackupAgent& agent, QVDate now, bool ids) {
   if (agent.groups().empty()) return "No groups. Add one with: stellwin-backup group add NAME PATH...\n";
   QVTextTable table({"TITLE", "ITEMS", "DESTINATION", "SCHEDULE", "LAST BACKUP", "STATUS", "NEXT RUN", "ID"});
   for (const auto& group : agent.groups()) {
     table.addRow({group->title, std::to_string(group->items.size()), destinationText(agent, *group),
                   scheduleText(*group), dateText(group->lastBackupDate), statusText(*group),
-                  nextRunText(*group, now), group->identifier});
+                  nextRunText(agent, *group, now), group->identifier});
   }
+  if (!ids) table.dropLastColumn();
   return table.text();
 }
 
@@ -191,7 +186,7 @@ std::string groupDetails(const QVBackupAgent& agent, const QVGroup& group, QVDat
   fields.addRow({"Status:", statusText(group)});
   fields.addRow({"Last backup:", dateText(group.lastBackupDate)});
   fields.addRow({"Last attempt:", dateText(group.lastBackupAttemptDate)});
-  fields.addRow({"Next run:", nextRunText(group, now)});
+  fields.addRow({"Next run:", nextRunText(agent, group, now)});
   std::string text = fields.text();
   text += "Items:\n";
   if (group.items.empty()) text += "  (none)\n";
@@ -203,41 +198,49 @@ std::string groupDetails(const QVBackupAgent& agent, const QVGroup& group, QVDat
 }
 
 std::string targetsJSON(const std::vector<QVTargetRef>& targets) {
-  json array = json::array();
-  for (const auto& target : targets) array.push_back(targetObject(*target));
-  return dump(array);
+  QVArray records;
+  records.reserve(targets.size());
+  for (const auto& target : targets) records.emplace_back(targetRecord(*target));
+  return recordJSON(QVValue(std::move(records)));
 }
 
-std::string targetsTable(const std::vector<QVTargetRef>& targets) {
+std::string targetsTable(const std::vector<QVTargetRef>& targets, bool ids) {
   if (targets.empty()) return "No destinations.\n";
   QVTextTable table({"TITLE", "TYPE", "LOCATION", "USER", "DEFAULT", "ID"});
   for (const auto& target : targets) {
     table.addRow({target->title, target->type, locationText(*target), target->user.value_or(""),
                   target->isDefault.value_or(false) ? "yes" : "", target->identifier});
   }
+  if (!ids) table.dropLastColumn();
   return table.text();
 }
 
 std::string stringsJSON(const std::vector<std::string>& strings) { return dump(json(strings)); }
 
-std::string versionsJSON(const std::vector<std::string>& names, const std::vector<std::string>& partial) {
-  json array = json::array();
-  for (const auto& name : names)
-    array.push_back({{"name", name}, {"partial", std::find(partial.begin(), partial.end(), name) != partial.end()}});
-  return dump(array);
+std::string versionsJSON(const QVGroup& group, const std::vector<std::string>& names,
+                         const std::vector<std::string>& partial) {
+  QVArray records;
+  records.reserve(names.size());
+  for (const auto& name : names) {
+    const bool isPartial = std::find(partial.begin(), partial.end(), name) != partial.end();
+    records.emplace_back(
+        QVDictionary{{"groupID", group.identifier}, {"groupTitle", group.title}, {"name", name}, {"partial", isPartial}});
+  }
+  return recordJSON(QVValue(std::move(records)));
 }
 
-std::string journalTable(const std::vector<QVJournalEntry>& entries) {
+std::string journalTable(const std::vector<QVJournalEntry>& entries, bool colour) {
   auto local = [](const std::string& iso) {
     auto date = dateFromISO8601(iso);
-    return date ? stringFromDate(*date) : iso;
+    return date ? tableDateText(*date) : iso;
   };
-  QVTextTable table({"STARTED", "ENDED", "GROUP", "OUTCOME", "STATUS", "VERSION", "ITEMS", "FILES", "BYTES", "LEFT OUT"});
+  QVTextTable table({"STARTED", "ENDED", "GROUP", "OUTCOME", "STATUS", "VERSION", "ITEMS", "FILES", "SIZE", "LEFT OUT"});
   for (const auto& entry : entries) {
-    table.addRow({local(entry.started), local(entry.ended), entry.title, entry.outcome,
+    table.addRow({local(entry.started), local(entry.ended), entry.title,
+                  colour ? outcomeColoured(entry.outcome, entry.outcome) : entry.outcome,
                   entry.statusCode ? std::to_string(*entry.statusCode) : std::string("-"),
                   entry.version.empty() ? std::string("-") : entry.version, std::to_string(entry.items),
-                  std::to_string(entry.files), std::to_string(entry.bytes), std::to_string(entry.leftOutCount)});
+                  std::to_string(entry.files), sizeText(entry.bytes), std::to_string(entry.leftOutCount)});
   }
   return table.text();
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <cstdio>
 #include <ostream>
@@ -12,6 +13,8 @@
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVPasswordInput.h"
 #include "host/cli/QVRecordPrinter.h"
+#include "host/run/QVRecords.h"
+#include "host/run/QVReadableText.h"
 #include "host/run/QVRunJournal.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVLog.h"
@@ -66,7 +69,7 @@ int QVRegistryCommands::run(const QVCommandOptions& options) {
     case QVCommand::versions: return versions(options);
     case QVCommand::menu: return menu(options);
     case QVCommand::log: return log(options);
-    case QVCommand::summary: return summary();
+    case QVCommand::summary: return summary(options);
     case QVCommand::status: return status(options);
     case QVCommand::cancel: return cancel(options);
     case QVCommand::backup:
@@ -149,7 +152,7 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
 }
 
 int QVRegistryCommands::groupList(const QVCommandOptions& options) {
-  m_out << (options.json ? qv::groupsJSON(m_agent.groups(), now()) : qv::groupsTable(m_agent, now()));
+  m_out << (options.json ? qv::groupsJSON(m_agent, now()) : qv::groupsTable(m_agent, now(), options.ids));
   return 0;
 }
 
@@ -337,7 +340,7 @@ int QVRegistryCommands::targetAdd(const QVCommandOptions& options) {
 }
 
 int QVRegistryCommands::targetList(const QVCommandOptions& options) {
-  m_out << (options.json ? qv::targetsJSON(m_agent.targets()) : qv::targetsTable(m_agent.targets()));
+  m_out << (options.json ? qv::targetsJSON(m_agent.targets()) : qv::targetsTable(m_agent.targets(), options.ids));
   return 0;
 }
 
@@ -402,14 +405,14 @@ int QVRegistryCommands::versions(const QVCommandOptions& options) {
       return fail("the versions of group " + qv::quoted(group->title) + " could not be listed: " + why);
   }
   std::vector<std::string> names = listing.value_or(std::vector<std::string>{});
-  std::sort(names.begin(), names.end());
+  std::sort(names.begin(), names.end(), std::greater<>());  // newest first
 
   // A version that the journal knows from a run that was cancelled or failed lacks items.
   std::vector<std::string> partial;
   for (const auto& entry : QVRunJournal(QVRunJournal::defaultDirectory()).entries())
     if (entry.groupID == group->identifier && !entry.version.empty() && entry.isPartial()) partial.push_back(entry.version);
   if (options.json) {
-    m_out << qv::versionsJSON(names, partial);
+    m_out << qv::versionsJSON(*group, names, partial);
   } else if (names.empty()) {
     m_out << "no versions\n";
   } else {
@@ -435,7 +438,7 @@ int QVRegistryCommands::log(const QVCommandOptions& options) {
   }
   if (options.json) m_out << qv::journalJSON(entries);
   else if (entries.empty()) m_out << "no runs recorded\n";
-  else m_out << qv::journalTable(entries);
+  else m_out << qv::journalTable(entries, options.colour);
   return 0;
 }
 
@@ -501,11 +504,16 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
   for (auto& entry : QVRunJournal(QVRunJournal::defaultDirectory()).entries()) lastRuns[entry.groupID] = std::move(entry);
   QVArray records;
   QVTextTable table({"TITLE", "STATE", "PROGRESS", "LAST BACKUP", "STATUS", "NEXT RUN", "ID"});
-  for (const auto& group : m_agent.groups()) {
+  // Newest first: the group that ran last leads, groups that never ran close the list.
+  std::vector<QVGroupRef> groups = m_agent.groups();
+  std::stable_sort(groups.begin(), groups.end(), [](const QVGroupRef& a, const QVGroupRef& b) {
+    return a->lastBackupAttemptDate.value_or(qv::distantPast()) > b->lastBackupAttemptDate.value_or(qv::distantPast());
+  });
+  for (const auto& group : groups) {
     const bool running = m_agent.isBackingUpGroupWithID(group->identifier);
     std::optional<std::int64_t> progress;
     if (running) progress = group->progressInfo ? QVBackupAgent::totalProgressForGroup(*group->progressInfo) : 0;
-    std::optional<QVDate> next = m_agent.timerFireDateForGroupWithID(group->identifier);
+    std::optional<QVDate> next = m_agent.nextRunDateForGroupWithID(group->identifier, now());
     const std::int64_t code = group->statusCode.value_or(0);
     std::string message;
     if (group->lastBackupAttemptDate && code != 0) {
@@ -517,23 +525,26 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
     const std::string lastOutcome = lastRun == lastRuns.end() ? "" : lastRun->second.outcome;
     if (code == 0 && lastOutcome == "failed")
       message = "failed (the destination gave no status code; see \"stellwin-backup log\")";
-    QVDictionary record{{"id", group->identifier},
-                        {"title", group->title},
-                        {"state", running ? "running" : "idle"},
-                        {"progress", progress ? QVValue(*progress) : QVValue()},
-                        {"lastBackupDate", group->lastBackupDate ? QVValue(qv::iso8601(*group->lastBackupDate)) : QVValue()},
-                        {"statusCode", group->lastBackupAttemptDate && group->statusCode ? QVValue(code) : QVValue()},
-                        {"message", message.empty() ? QVValue() : QVValue(message)},
-                        {"nextRun", next ? QVValue(qv::iso8601(*next)) : QVValue()},
-                        {"lastOutcome", lastOutcome.empty() ? QVValue() : QVValue(lastOutcome)}};
-    records.push_back(std::move(record));
+    QVDictionary record = qv::groupRecord(*group);
+    record["state"] = running ? "running" : "idle";
+    record["progress"] = progress ? QVValue(*progress) : QVValue();
+    record["message"] = message.empty() ? QVValue() : QVValue(message);
+    record["nextRun"] = next ? QVValue(qv::iso8601(*next)) : QVValue();
+    record["lastOutcome"] = lastOutcome.empty() ? QVValue() : QVValue(lastOutcome);
+    records.emplace_back(std::move(record));
+    auto statusCell = [&](const std::string& text) {
+      if (!options.colour || !group->lastBackupAttemptDate) return text;
+      const std::string kind = code == -128 ? "cancelled" : code != 0 ? "failed" : lastOutcome.empty() ? "complete" : lastOutcome;
+      return qv::outcomeColoured(text, kind);
+    };
     std::string nextText = "manual";
-    if (next) nextText = *next <= current ? "due now" : qv::stringFromDate(*next);
+    if (next) nextText = *next <= current ? "due now" : qv::tableDateText(*next);
     table.addRow({group->title, running ? "running" : "idle", progress ? std::to_string(*progress) + "%" : "",
-                  group->lastBackupDate ? qv::stringFromDate(*group->lastBackupDate) : "never",
-                  message.empty() ? qv::statusText(*group) : message, nextText, group->identifier});
+                  group->lastBackupDate ? qv::tableDateText(*group->lastBackupDate) : "never",
+                  statusCell(message.empty() ? qv::statusText(*group) : message), nextText, group->identifier});
   }
-  if (options.json) m_out << qv::toJSON(QVValue(records), true) << "\n";
+  if (!options.ids) table.dropLastColumn();
+  if (options.json) m_out << qv::recordJSON(QVValue(records));
   else if (records.empty()) m_out << "No groups.\n";
   else m_out << table.text();
   return 0;
@@ -558,11 +569,11 @@ int QVRegistryCommands::cancel(const QVCommandOptions& options) {
   return status;
 }
 
-int QVRegistryCommands::summary() {
+int QVRegistryCommands::summary(const QVCommandOptions& options) {
   m_out << "Groups:\n";
   if (m_agent.groups().empty()) m_out << "  none; add one with: stellwin-backup group add NAME PATH...\n";
-  else m_out << qv::groupsTable(m_agent, now());
-  m_out << "\nDestinations:\n" << qv::targetsTable(m_agent.targets());
+  else m_out << qv::groupsTable(m_agent, now(), options.ids);
+  m_out << "\nDestinations:\n" << qv::targetsTable(m_agent.targets(), options.ids);
   m_out << "\nRun \"stellwin-backup --help\" for the commands.\n";
   return 0;
 }

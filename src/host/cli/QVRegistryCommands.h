@@ -49,7 +49,7 @@ class QVRegistryCommands {
   int status(const QVCommandOptions& options);
   int cancel(const QVCommandOptions& options);
   int log(const QVCommandOptions& options);
-  int summary();
+  int summary(const QVCommandOptions& options);
 
   // Applies the destination options to target. Returns the refusal line, or "" when they fit.
   // Reads the password (stdin or terminal) when the options ask for one.

@@ -6,6 +6,7 @@
 
 #include "host/cli/QVBackupCommand.h"
 #include "host/cli/QVProgressDisplay.h"
+#include "host/cli/QVRecordPrinter.h"
 
 namespace {
 
@@ -23,7 +24,9 @@ QVRunPresenter::~QVRunPresenter() = default;
 
 void QVRunPresenter::begin(const std::string& groupID, const std::string& title) { m_display->begin(groupID, title); }
 
-void QVRunPresenter::update(const std::string& groupID, std::int64_t percent) { m_display->update(groupID, percent); }
+void QVRunPresenter::update(const std::string& groupID, std::int64_t percent, const std::string& item) {
+  m_display->update(groupID, percent, item);
+}
 
 void QVRunPresenter::say(const std::string& line) { m_display->printLine(stderr, std::string(kProgram) + ": " + line); }
 
@@ -39,7 +42,8 @@ void QVRunPresenter::report(const QVRunOutcome& outcome) {
   if (requested && !known) {
     m_outcomes.push_back(outcome);
     if (!m_json) {
-      m_display->printLine(stdout, outcome.line());
+      const std::string line = outcome.line();
+      m_display->printLine(stdout, qv::colourWanted(stdout) ? qv::outcomeColoured(line, QVRunOutcome::kindName(outcome.kind)) : line);
       for (const auto& line : outcome.detailLines()) m_display->printLine(stdout, "  " + line);
     }
   } else {

@@ -24,7 +24,7 @@ class QVRunPresenter {
   QVRunPresenter& operator=(const QVRunPresenter&) = delete;
 
   void begin(const std::string& groupID, const std::string& title);
-  void update(const std::string& groupID, std::int64_t percent);
+  void update(const std::string& groupID, std::int64_t percent, const std::string& item = "");
   void report(const QVRunOutcome& outcome);
   // "stellwin-backup: <line>" on stderr, above the bars.
   void say(const std::string& line);

@@ -9,6 +9,7 @@
 #include "host/control/QVControlConnection.h"
 #include "host/control/QVControlProtocol.h"
 #include "host/run/QVRunMonitor.h"
+#include "host/run/QVRecords.h"
 #include "host/cli/QVRunPresenter.h"
 #include "platform/QVRunLoop.h"
 
@@ -129,13 +130,13 @@ QVControlClient::Result QVControlClient::followBackup(const QVDictionary& accept
       presenter.begin(groupID, qv::controlString(message, "title"));
     } else if (type == "progress") {
       const QVValue* percent = qv::valueForKey(message, "percent");
-      presenter.update(groupID, percent ? percent->integerValue().value_or(0) : 0);
+      presenter.update(groupID, percent ? percent->integerValue().value_or(0) : 0, qv::controlString(message, "item"));
     } else if (type == "message") {
       presenter.say(qv::controlString(message, "text"));
     } else if (type == "outcome") {
       const QVValue* fields = qv::valueForKey(message, "outcome");
       if (!fields || !fields->dictionary()) return;
-      const QVRunOutcome outcome = qv::outcomeFromDictionary(*fields->dictionary());
+      const QVRunOutcome outcome = qv::outcomeFromRecord(*fields->dictionary());
       if (outcome.kind == QVRunOutcome::Kind::cancelled && !interrupted)
         presenter.say("the backup of " + outcome.title +
                       " was cancelled in the daemon (by \"stellwin-backup cancel\", the menu, or the daemon stopping)");

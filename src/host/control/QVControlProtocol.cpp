@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "host/run/QVRunMonitor.h"
 
 namespace {
 
@@ -49,6 +48,8 @@ constexpr std::pair<const char*, std::vector<std::string> QVCommandOptions::*> k
     {"paths", &QVCommandOptions::paths}, {"groups", &QVCommandOptions::groups}};
 constexpr std::pair<const char*, bool QVCommandOptions::*> kFlags[] = {
     {"json", &QVCommandOptions::json},
+    {"ids", &QVCommandOptions::ids},
+    {"colour", &QVCommandOptions::colour},
     {"yes", &QVCommandOptions::yes},
     {"passwordStdin", &QVCommandOptions::passwordStdin},
     {"makeDefault", &QVCommandOptions::makeDefault},
@@ -75,20 +76,6 @@ bool nestsTooDeep(const std::string& body) {
 }
 
 QVArray stringArray(const std::vector<std::string>& strings) { return QVArray(strings.begin(), strings.end()); }
-
-std::vector<std::string> strings(const QVDictionary& dictionary, const std::string& key) {
-  std::vector<std::string> result;
-  const QVValue* value = qv::valueForKey(dictionary, key);
-  if (value && value->array())
-    for (const auto& element : *value->array())
-      if (element.string()) result.push_back(*element.string());
-  return result;
-}
-
-std::int64_t integer(const QVDictionary& dictionary, const std::string& key) {
-  const QVValue* value = qv::valueForKey(dictionary, key);
-  return value ? value->integerValue().value_or(0) : 0;
-}
 
 }  // namespace
 
@@ -213,57 +200,6 @@ std::optional<QVCommandOptions> optionsFromDictionary(const QVDictionary& dictio
     options.*member = *value->boolValue();
   }
   return options;
-}
-
-QVDictionary dictionaryFromOutcome(const QVRunOutcome& outcome) {
-  QVDictionary dictionary{{"group", outcome.groupID},
-                          {"title", outcome.title},
-                          {"kind", static_cast<std::int64_t>(outcome.kind)},
-                          {"message", outcome.message}};
-  if (outcome.statusCode) dictionary["statusCode"] = *outcome.statusCode;
-  if (const auto& report = outcome.report) {
-    dictionary["report"] = QVDictionary{{"version", report->version},
-                                        {"started", report->started},
-                                        {"ended", report->ended},
-                                        {"items", static_cast<std::uint64_t>(report->items)},
-                                        {"files", report->files},
-                                        {"bytes", report->bytes},
-                                        {"leftOut", stringArray(report->leftOut)},
-                                        {"missingItems", stringArray(report->missingItems)},
-                                        {"failedItems", stringArray(report->failedItems)},
-                                        {"versionsUnreadable", report->versionsUnreadable}};
-  }
-  return dictionary;
-}
-
-QVRunOutcome outcomeFromDictionary(const QVDictionary& dictionary) {
-  QVRunOutcome outcome;
-  outcome.groupID = controlString(dictionary, "group");
-  outcome.title = controlString(dictionary, "title");
-  const std::int64_t kind = integer(dictionary, "kind");
-  outcome.kind = kind >= 0 && kind <= static_cast<std::int64_t>(QVRunOutcome::Kind::empty)
-                     ? static_cast<QVRunOutcome::Kind>(kind)
-                     : QVRunOutcome::Kind::failed;
-  outcome.message = controlString(dictionary, "message");
-  if (const QVValue* code = valueForKey(dictionary, "statusCode")) outcome.statusCode = code->integerValue();
-  const QVValue* reportValue = valueForKey(dictionary, "report");
-  if (reportValue && reportValue->dictionary()) {
-    const QVDictionary& fields = *reportValue->dictionary();
-    QVRunReport report;
-    report.groupID = outcome.groupID;
-    report.version = controlString(fields, "version");
-    if (const QVValue* date = valueForKey(fields, "started")) report.started = date->date().value_or(QVDate{});
-    if (const QVValue* date = valueForKey(fields, "ended")) report.ended = date->date().value_or(QVDate{});
-    report.items = static_cast<std::size_t>(integer(fields, "items"));
-    report.files = static_cast<std::uint64_t>(integer(fields, "files"));
-    report.bytes = static_cast<std::uint64_t>(integer(fields, "bytes"));
-    report.leftOut = strings(fields, "leftOut");
-    report.missingItems = strings(fields, "missingItems");
-    report.failedItems = strings(fields, "failedItems");
-    report.versionsUnreadable = integer(fields, "versionsUnreadable") != 0;
-    outcome.report = std::move(report);
-  }
-  return outcome;
 }
 
 }  // namespace qv

@@ -5,8 +5,9 @@
 // the conversation, so a bad peer can never make the other side read past what it allows.
 //
 //   command --"request" {options, folder}--> daemon --"result" {status, out, err}--> command
-//   backup:  "request" --> "accepted" {groups, err}, then "started" / "progress" / "message" / "outcome"
-//            per group, until every group has its outcome; "cancel" from the command cancels its runs
+//   backup:  "request" --> "accepted" {groups, err}, then "started" / "progress" {percent, item} /
+//            "message" / "outcome" (the run's record, as the journal keeps it) per group, until every
+//            group has its outcome; "cancel" from the command cancels its runs
 //   restore, verify: "request" --> "held" {group}: no backup of the group starts until the command ends
 //   anything refused --> "error" {message}; "busy" {message}: ask again in a moment
 //
@@ -20,8 +21,6 @@
 
 #include "host/cli/QVCommandLine.h"
 #include "platform/QVValue.h"
-
-struct QVRunOutcome;
 
 inline constexpr std::int64_t kQVControlProtocol = 1;
 inline constexpr std::size_t kQVControlMessageLimit = 1 << 20;
@@ -61,9 +60,5 @@ std::string controlString(const QVDictionary& message, const std::string& key);
 // or an unknown command.
 QVDictionary dictionaryFromOptions(const QVCommandOptions& options);
 std::optional<QVCommandOptions> optionsFromDictionary(const QVDictionary& dictionary, std::string& error);
-
-// A run's outcome as a message field and back (what the command prints is made from it as at home).
-QVDictionary dictionaryFromOutcome(const QVRunOutcome& outcome);
-QVRunOutcome outcomeFromDictionary(const QVDictionary& dictionary);
 
 }  // namespace qv

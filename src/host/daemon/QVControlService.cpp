@@ -20,6 +20,7 @@
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVRegistryCommands.h"
 #include "host/run/QVRunMonitor.h"
+#include "host/run/QVRecords.h"
 #include "platform/QVRunLoop.h"
 
 namespace {
@@ -334,17 +335,18 @@ void QVControlService::runStarted(const QVGroup& group) {
     if (client.connection->isOpen() && contains(client.following, group.identifier)) client.connection->send(started);
 }
 
-void QVControlService::runProgress(const std::string& groupID, std::int64_t percent) {
+void QVControlService::runProgress(const std::string& groupID, std::int64_t percent, const std::string& item) {
   QVDictionary progress = qv::controlMessage("progress");
   progress["group"] = groupID;
   progress["percent"] = percent;
+  progress["item"] = item;
   for (auto& [id, client] : m_clients)
     if (client.connection->isOpen() && contains(client.following, groupID)) client.connection->send(progress);
 }
 
 void QVControlService::runEnded(const QVRunOutcome& outcome) {
   QVDictionary message = qv::controlMessage("outcome");
-  message["outcome"] = qv::dictionaryFromOutcome(outcome);
+  message["outcome"] = qv::outcomeRecord(outcome);
   for (auto& [id, client] : m_clients) {
     if (!client.connection->isOpen() || !contains(client.following, outcome.groupID)) continue;
     client.connection->send(message);

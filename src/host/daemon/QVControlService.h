@@ -53,7 +53,7 @@ class QVControlService {
 
   // Run events, as the daemon's monitor reports them.
   void runStarted(const QVGroup& group);
-  void runProgress(const std::string& groupID, std::int64_t percent);
+  void runProgress(const std::string& groupID, std::int64_t percent, const std::string& item);
   void runEnded(const QVRunOutcome& outcome);
 
   // A restore or verify holds some group.

@@ -16,6 +16,7 @@
 #include "host/run/QVHostApp.h"
 #include "host/cli/QVHostArguments.h"
 #include "host/run/QVRunMonitor.h"
+#include "host/run/QVReadableText.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVRunLoop.h"
 #include "platform/QVUserDefaults.h"
@@ -67,10 +68,10 @@ QVDaemonCommand::QVDaemonCommand(QVBackupAgent& agent, QVRunMonitor& monitor, QV
 QVDaemonCommand::~QVDaemonCommand() = default;
 
 std::string QVDaemonCommand::nextRunText(const std::string& groupID) const {
-  auto date = m_agent.timerFireDateForGroupWithID(groupID);
+  auto date = m_agent.nextRunDateForGroupWithID(groupID, std::chrono::system_clock::now());
   if (!date) return "";
   // The readable date has no seconds; the exact one after it is for tools that read the log.
-  const std::string when = *date <= std::chrono::system_clock::now() ? "now" : qv::stringFromDate(*date);
+  const std::string when = *date <= std::chrono::system_clock::now() ? "now" : qv::tableDateText(*date);
   return "next run: " + when + ", " + qv::iso8601(*date);
 }
 
@@ -100,7 +101,9 @@ int QVDaemonCommand::run() {
     m_service->runStarted(group);
   }));
   subscriptions.push_back(m_monitor.addProgressListener(
-      [this](const std::string& groupID, std::int64_t percent) { m_service->runProgress(groupID, percent); }));
+      [this](const std::string& groupID, std::int64_t percent, const std::string& item) {
+        m_service->runProgress(groupID, percent, item);
+      }));
   subscriptions.push_back(m_monitor.addOutcomeListener([this](const QVRunOutcome& outcome) {
     runEnded(outcome);
     m_service->runEnded(outcome);
@@ -228,9 +231,10 @@ void QVDaemonCommand::mergeOutcomeIntoFile(const std::string& groupID) {
     QVDictionary* record = stored.dictionary();
     const QVValue* id = record ? qv::valueForKey(*record, kQVIdentifierKey) : nullptr;
     if (!id || !id->string() || *id->string() != groupID) continue;
-    if (group->statusCode) (*record)["statusCode"] = *group->statusCode;
-    if (group->lastBackupDate) (*record)["lastBackupDate"] = *group->lastBackupDate;
-    if (group->lastBackupAttemptDate) (*record)["lastBackupAttemptDate"] = *group->lastBackupAttemptDate;
+    // What a run changes of the group, in its stored form.
+    const QVDictionary fresh = group->dictionary();
+    for (const char* key : {"statusCode", "lastBackupDate", "lastBackupAttemptDate"})
+      if (auto it = fresh.find(key); it != fresh.end()) (*record)[key] = it->second;
     found = true;
   }
   if (!found) return;  // removed meanwhile

@@ -12,6 +12,7 @@
 #include <ctime>
 #include <filesystem>
 #include <map>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <set>
@@ -21,6 +22,7 @@
 #include "agent/QVVersionName.h"
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVProgressDisplay.h"
+#include "host/run/QVReadableText.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVLog.h"
 #include "platform/QVRunLoop.h"
@@ -193,6 +195,13 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
   std::vector<Problem> errors;  // written by the worker, read after it ended
   std::map<std::string, std::vector<std::string>> reported;  // verify: changed, added, gone
   std::uint64_t filesHandled = 0;
+  std::uint64_t bytesKept = 0;  // restore: the bytes of the files it wrote whole, and left in place
+  std::mutex currentMutex;
+  std::string current;  // the file being read; guarded by currentMutex
+  auto setCurrent = [&](const std::string& path) {
+    std::lock_guard<std::mutex> lock(currentMutex);
+    current = path;
+  };
 
   auto restore = [&](VersionReader& reader) {
     std::vector<Member> plan;
@@ -234,8 +243,10 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
         errors.push_back({member.path, std::strerror(errno)});
         continue;
       }
+      setCurrent(member.path);
       bool written = true;
       int writeError = 0;
+      std::uint64_t fileBytes = 0;
       const bool read = reader.read(member.path, [&](const char* bytes, std::size_t length) {
         for (std::size_t at = 0; written && at < length;) {
           ssize_t n = ::write(fd, bytes + at, length - at);
@@ -243,6 +254,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
           written = n > 0;
           if (!written) writeError = n < 0 ? errno : ENOSPC;
           at += n > 0 ? static_cast<std::size_t>(n) : 0;
+          fileBytes += n > 0 ? static_cast<std::uint64_t>(n) : 0;
         }
         bytesDone += length;
         return written;
@@ -256,6 +268,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
         continue;
       }
       ++filesHandled;
+      bytesKept += fileBytes;
     }
     // Folders last, deepest first, so their times are not changed again by what went into them.
     for (auto it = folders.rbegin(); it != folders.rend(); ++it)
@@ -298,6 +311,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
         errors.push_back({member.path, "the source cannot be read: " + std::string(std::strerror(errno))});
         continue;
       }
+      setCurrent(member.path);
       bool same = true;
       std::vector<char> mine;
       const bool read = reader.read(member.path, [&](const char* bytes, std::size_t length) {
@@ -361,8 +375,14 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
   const unsigned sigterm = qv::addSignalHandler(SIGTERM, cancel);
   while (!done) {
     qv::runMainLoopUntil([&] { return done.load(); }, std::chrono::milliseconds(200));
-    const std::uint64_t total = bytesTotal;
-    display.update(group.identifier, total ? static_cast<std::int64_t>(bytesDone * 100 / total) : 0);
+    const std::uint64_t total = bytesTotal, doneSoFar = bytesDone;
+    display.setBytes(group.identifier, doneSoFar, total);
+    std::string file;
+    {
+      std::lock_guard<std::mutex> lock(currentMutex);
+      file = current;
+    }
+    display.update(group.identifier, total ? static_cast<std::int64_t>(doneSoFar * 100 / total) : 0, file);
   }
   worker.join();
   qv::removeSignalHandler(sigint);
@@ -370,10 +390,10 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
   display.end(group.identifier);
 
   if (options.json) {
-    nlohmann::json result = {{"group", group.title}, {"version", version}, {"bytesRead", bytesDone.load()},
-                             {"interrupted", interrupted}};
+    nlohmann::json result = {{"groupID", group.identifier}, {"groupTitle", group.title}, {"version", version},
+                             {"bytesRead", bytesDone.load()},       {"interrupted", interrupted}};
     result[restoring ? "filesRestored" : "filesChecked"] = filesHandled;
-    if (restoring) result["to"] = restoreFolder;
+    if (restoring) result["to"] = restoreFolder, result["bytesWritten"] = bytesKept;
     nlohmann::json problems = nlohmann::json::array();
     for (const auto& problem : errors) problems.push_back({{"path", problem.path}, {"error", problem.text}});
     result["errors"] = problems;
@@ -385,10 +405,11 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
       m_err << kProgram << ": " << qv::singleLine(problem.path.empty() ? problem.text : problem.path + ": " + problem.text)
             << std::endl;
     if (restoring) {
-      m_out << "restored " << filesHandled << " files (" << bytesDone << " bytes) of version " << version << " into "
-            << restoreFolder << "\n";
+      m_out << "restored " << qv::countText(filesHandled, "file") << " (" << qv::sizeText(bytesKept) << ") of version "
+            << version << " into " << restoreFolder << "\n";
     } else {
-      m_out << "checked " << filesHandled << " files of version " << version << ", " << bytesDone << " bytes read; "
+      m_out << "checked " << qv::countText(filesHandled, "file") << " of version " << version << ", "
+            << qv::sizeText(bytesDone) << " read; "
             << errors.size() << (errors.size() == 1 ? " error" : " errors") << "; " << reported["changed"].size()
             << " changed since, " << reported["added"].size() << " added since, " << reported["gone"].size()
             << " no longer in the source\n";

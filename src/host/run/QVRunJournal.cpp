@@ -8,9 +8,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <nlohmann/json.hpp>
 
-using nlohmann::json;
+#include "host/run/QVRecords.h"
 
 namespace {
 
@@ -32,38 +31,6 @@ bool makeFolder(const std::string& path, std::string* error) {
   return true;
 }
 
-template <typename T>
-bool read(const json& object, const char* key, T& value) {
-  auto it = object.find(key);
-  if (it == object.end()) return false;
-  try {
-    value = it->get<T>();
-  } catch (const json::exception&) {
-    return false;
-  }
-  return true;
-}
-
-json entryObject(const QVJournalEntry& entry) {
-  json object = json::object();
-  object["group"] = entry.groupID;
-  object["title"] = entry.title;
-  object["version"] = entry.version;
-  object["started"] = entry.started;
-  object["ended"] = entry.ended;
-  object["outcome"] = entry.outcome;
-  object["statusCode"] = entry.statusCode ? json(*entry.statusCode) : json(nullptr);
-  object["items"] = entry.items;
-  object["files"] = entry.files;
-  object["bytes"] = entry.bytes;
-  object["leftOutCount"] = entry.leftOutCount;
-  object["leftOut"] = entry.leftOut;
-  object["missingItems"] = entry.missingItems;
-  object["failedItems"] = entry.failedItems;
-  object["versionsUnreadable"] = entry.versionsUnreadable;
-  return object;
-}
-
 void readFileEntries(const std::string& path, std::vector<QVJournalEntry>& entries) {
   std::ifstream in(path, std::ios::binary);
   for (std::string line; std::getline(in, line);)
@@ -76,36 +43,20 @@ namespace qv {
 
 std::string journalLine(const QVJournalEntry& entry) {
   // Paths need not be valid UTF-8: such a byte is written as U+FFFD rather than losing the line.
-  return entryObject(entry).dump(-1, ' ', false, json::error_handler_t::replace);
+  return toJSON(QVValue(journalRecord(entry)));
 }
 
 std::optional<QVJournalEntry> journalEntryFromLine(const std::string& line) {
-  json object = json::parse(line, nullptr, false);
-  if (object.is_discarded() || !object.is_object()) return std::nullopt;
-  QVJournalEntry entry;
-  // The keys that make an entry; the others may be absent in a line an older version wrote.
-  if (!read(object, "group", entry.groupID) || !read(object, "outcome", entry.outcome) ||
-      !read(object, "ended", entry.ended))
-    return std::nullopt;
-  read(object, "title", entry.title);
-  read(object, "version", entry.version);
-  read(object, "started", entry.started);
-  if (std::int64_t code = 0; read(object, "statusCode", code)) entry.statusCode = code;
-  read(object, "items", entry.items);
-  read(object, "files", entry.files);
-  read(object, "bytes", entry.bytes);
-  read(object, "leftOutCount", entry.leftOutCount);
-  read(object, "leftOut", entry.leftOut);
-  read(object, "missingItems", entry.missingItems);
-  read(object, "failedItems", entry.failedItems);
-  read(object, "versionsUnreadable", entry.versionsUnreadable);
-  return entry;
+  std::optional<QVValue> value = parseJSON(line);
+  if (!value || !value->dictionary()) return std::nullopt;
+  return journalEntryFromRecord(*value->dictionary());
 }
 
 std::string journalJSON(const std::vector<QVJournalEntry>& entries) {
-  json array = json::array();
-  for (const auto& entry : entries) array.push_back(entryObject(entry));
-  return array.dump(2, ' ', false, json::error_handler_t::replace) + "\n";
+  QVArray records;
+  records.reserve(entries.size());
+  for (const auto& entry : entries) records.emplace_back(journalRecord(entry));
+  return recordJSON(QVValue(std::move(records)));
 }
 
 }  // namespace qv

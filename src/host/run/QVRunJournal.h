@@ -20,6 +20,7 @@ struct QVJournalEntry {
   std::string ended;     // ISO 8601, UTC
   std::string outcome;   // "complete", "complete with missing items", "failed", "cancelled"
   std::optional<std::int64_t> statusCode;
+  std::string message;   // failed, empty: what went wrong
   std::uint64_t items = 0;
   std::uint64_t files = 0;
   std::uint64_t bytes = 0;
@@ -58,10 +59,11 @@ class QVRunJournal {
 
 namespace qv {
 
-// The entry as its JSON line (no newline), and back; nullopt for a line that is not a whole entry.
+// The entry as its JSON line (no newline), and back; nullopt for a line that is not a whole entry. The
+// line is the entry's record (QVRecords).
 std::string journalLine(const QVJournalEntry& entry);
 std::optional<QVJournalEntry> journalEntryFromLine(const std::string& line);
-// Entries as a JSON array, in the given order.
+// Entries as a JSON array of their records, in the given order.
 std::string journalJSON(const std::vector<QVJournalEntry>& entries);
 
 }  // namespace qv

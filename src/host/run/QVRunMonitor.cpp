@@ -2,6 +2,7 @@
 
 #include "agent/QVBackupAgent.h"
 #include "host/run/QVHostApp.h"
+#include "host/run/QVReadableText.h"
 #include "platform/QVLog.h"
 #include "platform/QVNCTemplate.h"
 #include "platform/QVRunLoop.h"
@@ -18,9 +19,20 @@ std::string QVRunOutcome::kindName(Kind kind) {
   return "failed";
 }
 
+std::optional<QVRunOutcome::Kind> QVRunOutcome::kindNamed(const std::string& name) {
+  for (Kind kind : {Kind::complete, Kind::completeWithMissingItems, Kind::failed, Kind::cancelled, Kind::empty})
+    if (kindName(kind) == name) return kind;
+  return std::nullopt;
+}
+
 std::string QVRunOutcome::line() const {
   if (kind == Kind::empty) return title + ": empty, nothing to back up";
   std::string text = title + ": " + kindName(kind);
+  if (isSuccess() && report) {
+    text += ", " + qv::countText(report->files, "file") + ", " + qv::sizeText(report->bytes) + " in " +
+            qv::durationText(report->ended - report->started);
+    if (!report->version.empty()) text += ", version " + report->version;
+  }
   if (kind == Kind::failed && statusCode) text += " (" + std::to_string(*statusCode) + ")";
   if (!message.empty() && kind != Kind::complete && kind != Kind::completeWithMissingItems && kind != Kind::cancelled)
     text += ": " + message;
@@ -48,12 +60,13 @@ std::vector<std::string> QVRunOutcome::detailLines() const {
   return lines;
 }
 
-QVJournalEntry QVRunOutcome::journalEntry() const {
+QVJournalEntry QVRunOutcome::journalEntry(std::size_t leftOutLimit) const {
   QVJournalEntry entry;
   entry.groupID = groupID;
   entry.title = title;
   entry.outcome = kindName(kind);
   entry.statusCode = statusCode;
+  entry.message = message;
   if (report) {
     entry.version = report->version;
     entry.started = qv::iso8601(report->started);
@@ -62,7 +75,7 @@ QVJournalEntry QVRunOutcome::journalEntry() const {
     entry.files = report->files;
     entry.bytes = report->bytes;
     entry.leftOutCount = report->leftOut.size();
-    for (std::size_t i = 0; i < report->leftOut.size() && i < kQVJournalLeftOutPaths; ++i)
+    for (std::size_t i = 0; i < report->leftOut.size() && i < leftOutLimit; ++i)
       entry.leftOut.push_back(report->leftOut[i]);
     entry.missingItems = report->missingItems;
     entry.failedItems = report->failedItems;
@@ -125,13 +138,13 @@ void QVRunMonitor::templateDidShowItem(const QVNCTemplate& nctemplate, const QVN
   else if (&nctemplate == m_agent.ncWarningTemplate()) it->second.warned = true;
 }
 
-void QVRunMonitor::backupProgress(double, const std::string& forGroupID, std::size_t, QVBackupAgent& inAgent) {
+void QVRunMonitor::backupProgress(double, const std::string& forGroupID, std::size_t item, QVBackupAgent& inAgent) {
   if (m_progress.empty()) return;
   QVGroupRef group = inAgent.groupWithIdentifier(forGroupID);
   if (!group) return;
   // The record goes once the last item is done.
   const std::int64_t percent = group->progressInfo ? QVBackupAgent::totalProgressForGroup(*group->progressInfo) : 100;
-  m_progress.notify(forGroupID, percent);
+  m_progress.notify(forGroupID, percent, item < group->items.size() ? group->items[item] : std::string());
 }
 
 void QVRunMonitor::backupDidEndForGroup(const QVGroupRef& group, QVBackupAgent&) {

@@ -45,13 +45,17 @@ struct QVRunOutcome {
   // files the copy passed over (at most ten, then how many more), and old versions kept for want of a
   // readable "versions". Empty when nothing was left out.
   std::vector<std::string> detailLines() const;
-  // The journal's entry for the run.
-  QVJournalEntry journalEntry() const;
+  // The journal's entry for the run, naming at most leftOutLimit of the files left out.
+  QVJournalEntry journalEntry(std::size_t leftOutLimit = kQVJournalLeftOutPaths) const;
 
   bool isSuccess() const { return kind == Kind::complete || kind == Kind::completeWithMissingItems; }
   // "complete", "complete with missing items", "failed", "cancelled", "empty".
   static std::string kindName(Kind kind);
-  // The line a person reads: "Photos: failed (-120): Backup destination directory not found. ..."
+  // The kind of a name that kindName gives; nullopt for any other text.
+  static std::optional<Kind> kindNamed(const std::string& name);
+  // The line a person reads: "Photos: failed (-120): Backup destination directory not found. ...", or
+  // for a run that completed what it wrote: "Main job: complete, 17 files, 232 KiB in 0.4 s, version
+  // 20261125121202.backup".
   std::string line() const;
 };
 
@@ -64,13 +68,13 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   ~QVRunMonitor() override;
 
   // Listeners of the runs it follows (each called until its subscription is destroyed): a run's start,
-  // its progress as the group's percentage, its outcome; and of the agent's groups and destinations
+  // its progress as the group's percentage with the item being copied, its outcome; and of the agent's groups and destinations
   // changing (added, changed, removed; also a run's dates and status code).
   [[nodiscard]] QVSubscription addStartListener(std::function<void(const QVGroup& group)> listener) {
     return m_starts.add(std::move(listener));
   }
   [[nodiscard]] QVSubscription addProgressListener(
-      std::function<void(const std::string& groupID, std::int64_t percent)> listener) {
+      std::function<void(const std::string& groupID, std::int64_t percent, const std::string& item)> listener) {
     return m_progress.add(std::move(listener));
   }
   [[nodiscard]] QVSubscription addOutcomeListener(std::function<void(const QVRunOutcome& outcome)> listener) {
@@ -123,7 +127,7 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   std::map<std::string, Run> m_runs;
   std::size_t m_pendingOutcomes = 0;
   QVListeners<const QVGroup&> m_starts;
-  QVListeners<const std::string&, std::int64_t> m_progress;
+  QVListeners<const std::string&, std::int64_t, const std::string&> m_progress;
   QVListeners<const QVRunOutcome&> m_outcomes;
   QVListeners<> m_registryChanges;
   std::vector<QVSubscription> m_hostSubscriptions;  // the host's run starts and template items

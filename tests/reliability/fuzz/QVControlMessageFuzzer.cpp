@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/control/QVControlProtocol.h"
+#include "host/run/QVRecords.h"
 #include "host/run/QVRunMonitor.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -22,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
           __builtin_trap();  // a peer never says it is the daemon
       }
       if (const QVValue* outcome = qv::valueForKey(message, "outcome"); outcome && outcome->dictionary())
-        qv::outcomeFromDictionary(*outcome->dictionary()).line();
+        qv::outcomeFromRecord(*outcome->dictionary()).line();
     }
     if (piece == 0) reader.append(reinterpret_cast<const char*>(data) + half, size - half);
   }
