@@ -50,6 +50,7 @@ std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes) {
       object["missingItems"] = report->missingItems;
       object["failedItems"] = report->failedItems;
       object["versionsUnreadable"] = report->versionsUnreadable;
+      object["passedOver"] = report->passedOver;
     }
     array.push_back(std::move(object));
   }
@@ -146,6 +147,7 @@ int QVBackupCommand::waitForRuns(const std::vector<std::string>& requested, bool
   QVRunPresenter presenter(requested, json, m_out);
   presenter.setBusyQuery([this] { return m_host.animationDepth() > 0; });
   m_host.setMessageWriter([&](const std::string& line) { presenter.say(line); });
+  m_host.setNotificationsPrintedElsewhere(true);
   m_monitor.setStartHandler([&](const QVGroup& group) { presenter.begin(group.identifier, group.title); });
   m_monitor.setProgressHandler([&](const std::string& groupID, std::int64_t percent) { presenter.update(groupID, percent); });
   m_monitor.setOutcomeHandler([&](const QVRunOutcome& outcome) { presenter.report(outcome); });
@@ -170,5 +172,6 @@ int QVBackupCommand::waitForRuns(const std::vector<std::string>& requested, bool
   m_monitor.setProgressHandler(nullptr);
   m_monitor.setOutcomeHandler(nullptr);
   m_host.setMessageWriter(nullptr);
+  m_host.setNotificationsPrintedElsewhere(false);
   return presenter.finish(interrupted);
 }

@@ -31,12 +31,14 @@ enum class QVCommand {
   log,
   status,
   cancel,
+  files,
 };
 
 // The arguments of the chosen command. Options that were not given stay nullopt.
 struct QVCommandOptions {
   QVCommand command = QVCommand::summary;
   bool json = false;
+  bool verbose = false;  // --verbose: diagnostics on stderr too
 
   std::string name;                 // group add NAME
   std::string group;                // GROUP of group show/set/remove/remove-items, versions, log ("" for all)
@@ -60,6 +62,10 @@ struct QVCommandOptions {
   std::optional<std::string> user;
   bool passwordStdin = false;
   bool makeDefault = false;
+
+  // target remove
+  std::optional<std::string> groupsTo;  // --groups-to: the destination its groups move to
+  bool force = false;                   // --force: remove it although groups use it
 
   // restore / verify (GROUP in group, PATH... of restore in paths)
   std::optional<std::string> version;

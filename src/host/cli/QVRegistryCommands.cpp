@@ -1,6 +1,9 @@
 #include "host/cli/QVRegistryCommands.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <map>
 #include <cstdio>
@@ -12,9 +15,12 @@
 #include "host/cli/QVPasswordInput.h"
 #include "host/cli/QVRecordPrinter.h"
 #include "host/run/QVRunJournal.h"
+#include "host/run/QVRunMonitor.h"
+#include "host/run/QVVersionNames.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVLog.h"
 #include "platform/QVMenu.h"
+#include "platform/QVPassedOverFolders.h"
 #include "platform/QVSchedule.h"
 #include "platform/QVStatusTexts.h"
 
@@ -30,6 +36,19 @@ bool contains(const std::vector<std::string>& list, const std::string& value) {
 }
 
 QVDate now() { return std::chrono::system_clock::now(); }
+
+// Whether two paths name one place: the same folder where both exist, else the same text without
+// trailing slashes.
+bool samePath(const std::string& a, const std::string& b) {
+  struct stat first, second;
+  if (::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0)
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+  auto trimmed = [](std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+  };
+  return trimmed(a) == trimmed(b);
+}
 
 }  // namespace
 
@@ -71,7 +90,8 @@ int QVRegistryCommands::run(const QVCommandOptions& options) {
     case QVCommand::backup:
     case QVCommand::daemon:
     case QVCommand::restore:
-    case QVCommand::verify: break;
+    case QVCommand::verify:
+    case QVCommand::files: break;
   }
   return refuse("internal error: not a registry command");
 }
@@ -139,6 +159,11 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
     else if (contains(group->items, path)) m_out << "added: " << path << "\n";
     else m_out << "already covered by a folder of the group: " << path << "\n";
   }
+  // A version that held its destination would hold every version before it.
+  qv::passOverOwnFolders(m_agent);
+  for (const auto& path : existing)
+    for (const auto& folder : qv::foldersPassedOverInside(path))
+      m_out << "will be passed over (a backup destination or this program's own folder): " << folder << "\n";
   m_out << "group " << qv::quoted(group->title) << " (" << group->identifier << ") has " << group->items.size()
         << (group->items.size() == 1 ? " item" : " items") << "\n";
   if (!group->target || *group->target == "nil" || !m_agent.targetWithIdentifier(*group->target))
@@ -149,13 +174,26 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
 
 int QVRegistryCommands::groupList(const QVCommandOptions& options) {
   m_out << (options.json ? qv::groupsJSON(m_agent.groups(), now()) : qv::groupsTable(m_agent, now()));
+  noteWithoutDaemon(options, m_agent.groups());
   return 0;
+}
+
+void QVRegistryCommands::noteWithoutDaemon(const QVCommandOptions& options, const std::vector<QVGroupRef>& groups) {
+  // A command carried out by the daemon comes from another process; any other runs without one.
+  if (options.remote || options.json) return;
+  const bool scheduled = std::any_of(groups.begin(), groups.end(), [&](const QVGroupRef& group) {
+    return m_agent.timerFireDateForGroupWithID(group->identifier).has_value();
+  });
+  if (scheduled)
+    m_out << "\nNo daemon is running, so scheduled backups will not start. Start it with \"stellwin-backup daemon\", "
+             "or for every login with \"systemctl --user enable --now stellwin-backup\".\n";
 }
 
 int QVRegistryCommands::groupShow(const QVCommandOptions& options) {
   auto found = qv::findGroup(m_agent, options.group);
   if (!found.record) return refuse(found.error);
   m_out << (options.json ? qv::groupJSON(*found.record) : qv::groupDetails(m_agent, *found.record, now()));
+  noteWithoutDaemon(options, {found.record});
   return 0;
 }
 
@@ -324,6 +362,18 @@ int QVRegistryCommands::targetAdd(const QVCommandOptions& options) {
   QVTarget target;
   target.identifier = qv::stringWithUUID();
   if (std::string problem = applyTargetOptions(options, target, true); !problem.empty()) return refuse(problem);
+  // A second destination at one place would split its groups' versions between two records.
+  for (const auto& other : m_agent.targets()) {
+    const bool samePlace = other->type == "local" || target.type == "local"
+                               ? other->type == target.type && samePath(other->path, target.path)
+                               : other->server == target.server && other->portString() == target.portString() &&
+                                     samePath(other->path, target.path) &&
+                                     (other->type == "dav") == (target.type == "dav");
+    if (samePlace)
+      return refuse("the destination " + qv::quoted(other->title) + " (" + other->identifier + ") is at " +
+                    qv::quoted(qv::redactedString(qv::locationText(*other))) + " already; use it, or change it with "
+                    "\"stellwin-backup target set\"");
+  }
   if (target.type == "local" && !qv::fileExistsAtPath(target.path))
     warn("the folder " + qv::quoted(target.path) + " does not exist; backups to it fail until it does");
   if (options.makeDefault) {
@@ -361,12 +411,45 @@ int QVRegistryCommands::targetRemove(const QVCommandOptions& options) {
   auto found = qv::findTarget(m_agent, options.target);
   if (!found.record) return refuse(found.error);
   const QVTargetRef target = found.record;
-  std::string users;
-  for (const auto& group : m_agent.groups())
-    if (group->target == target->identifier) users += (users.empty() ? "" : ", ") + qv::quoted(group->title);
+  std::vector<QVGroupRef> users;
+  std::string titles;
+  for (const auto& group : m_agent.groups()) {
+    if (group->target != target->identifier) continue;
+    users.push_back(group);
+    titles += (titles.empty() ? "" : ", ") + qv::quoted(group->title);
+  }
+  // Everything is checked before anything changes.
+  QVTargetRef heir;
+  if (options.groupsTo) {
+    auto other = qv::findTarget(m_agent, *options.groupsTo);
+    if (!other.record) return refuse(other.error);
+    if (other.record->identifier == target->identifier)
+      return refuse("--groups-to names the destination being removed; name another one");
+    heir = other.record;
+  }
+  if (!users.empty() && !heir && !options.force) {
+    const bool one = users.size() == 1;
+    return refuse(std::string(one ? "the group " : "the groups ") + titles + (one ? " backs up to " : " back up to ") +
+                  qv::quoted(target->title) + (one ? "; move it" : "; move them") + " with --groups-to OTHER, or give "
+                  "--force to leave " + (one ? "it" : "them") + " without a destination");
+  }
+  for (const auto& group : users) {
+    if (!heir) break;
+    if (m_agent.isBackingUpGroupWithID(group->identifier))
+      return fail("group " + qv::quoted(group->title) + " is being backed up; try again when it has finished");
+  }
+  for (const auto& group : users) {
+    if (!heir) break;
+    auto moved = std::make_shared<QVGroup>(*group);
+    moved->target = heir->identifier;
+    m_agent.updateGroup(moved);
+    m_out << "group " << qv::quoted(group->title) << " now backs up to " << qv::quoted(heir->title) << "\n";
+  }
   m_agent.removeTargetWithID(target->identifier);
   m_out << "removed destination " << qv::quoted(target->title) << " (" << target->identifier << ")\n";
-  if (!users.empty()) warn("groups " + users + " still name it and cannot be backed up until given another destination");
+  if (!users.empty() && !heir)
+    warn((users.size() == 1 ? "the group " : "the groups ") + titles +
+         " cannot be backed up until given another destination with \"stellwin-backup group set GROUP --target TARGET\"");
   return 0;
 }
 
@@ -380,8 +463,7 @@ std::string QVRegistryCommands::listingFailure(const QVGroup& group) const {
     return "the destination " + qv::quoted(target->title) + " (" + qv::redactedString(qv::locationText(*target)) +
            ") could not be listed: the server could not be reached or refused the listing";
   // A local folder tells for itself: no group folder yet is no versions; anything else is a failure.
-  if (!qv::fileExistsAtPath(target->path))
-    return "the destination folder " + qv::quoted(target->path) + " does not exist (is its volume mounted?)";
+  if (std::string missing = qv::missingDestinationText(*target); !missing.empty()) return missing;
   const std::string folder = qv::stringByAppendingPathComponent(target->path, group.title);
   bool isDirectory = false;
   if (!qv::fileExistsAtPath(folder, &isDirectory)) return "";
@@ -403,10 +485,9 @@ int QVRegistryCommands::versions(const QVCommandOptions& options) {
   std::vector<std::string> names = listing.value_or(std::vector<std::string>{});
   std::sort(names.begin(), names.end());
 
-  // A version that the journal knows from a run that was cancelled or failed lacks items.
   std::vector<std::string> partial;
-  for (const auto& entry : QVRunJournal(QVRunJournal::defaultDirectory()).entries())
-    if (entry.groupID == group->identifier && !entry.version.empty() && entry.isPartial()) partial.push_back(entry.version);
+  for (const auto& version : qv::versionsInListing(names, qv::partialVersionsInJournal(group->identifier)))
+    if (version.partial) partial.push_back(version.name);
   if (options.json) {
     m_out << qv::versionsJSON(names, partial);
   } else if (names.empty()) {
@@ -453,7 +534,8 @@ int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
   const QVGroupRef group = found.record;
   // The group's item is the one whose submenu entries stand for the group.
   std::shared_ptr<QVMenuItem> entry;
-  std::vector<std::string> offered;
+  std::vector<std::string> offered, titles;
+  std::vector<std::shared_ptr<QVMenuItem>> alike;  // titled as asked but for the case of letters
   for (const auto& item : m_agent.menuItems().value_or(std::vector<std::shared_ptr<QVMenuItem>>{})) {
     if (!item->submenu()) continue;
     const auto& entries = item->submenu()->itemArray();
@@ -463,21 +545,28 @@ int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
     for (const auto& candidate : entries) {
       if (!candidate->hasAction()) continue;
       if (!candidate->isHidden()) offered.push_back(qv::quoted(candidate->title()));
+      titles.push_back(candidate->title());
       if (candidate->title() == options.menuEntry) entry = candidate;
+      else if (candidate->title().size() == options.menuEntry.size() &&
+               std::equal(candidate->title().begin(), candidate->title().end(), options.menuEntry.begin(),
+                          [](char a, char b) { return std::tolower(static_cast<unsigned char>(a)) ==
+                                                      std::tolower(static_cast<unsigned char>(b)); }))
+        alike.push_back(candidate);
     }
   }
+  if (!entry && alike.size() == 1) entry = alike.front();
   std::string offers;
   for (const auto& title : offered) offers += (offers.empty() ? "" : ", ") + title;
   if (!entry)
     return refuse("the menu of group " + qv::quoted(group->title) + " has no entry " + qv::quoted(options.menuEntry) +
-                  "; it offers " + offers);
+                  qv::didYouMean(options.menuEntry, titles) + "; it offers " + offers);
   if (entry->isHidden())
     return fail("the menu of group " + qv::quoted(group->title) + " does not offer " + qv::quoted(options.menuEntry) +
                 " now; it offers " + offers);
   const std::string title = group->title;
   if (entry->title() == "Backup Now") qv::waitForANewVersionName(*group);
   entry->performAction();
-  m_out << "chose " << qv::quoted(options.menuEntry) << " for group " << qv::quoted(title) << "\n";
+  m_out << "chose " << qv::quoted(entry->title()) << " for group " << qv::quoted(title) << "\n";
   return 0;
 }
 
@@ -497,8 +586,11 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
     std::string message;
     if (group->lastBackupAttemptDate && code != 0) {
       message = qv::statusText(*group);
-      if (std::string comment = qv::statusCommentString(static_cast<std::int32_t>(code)); !comment.empty())
+      const QVTargetRef target = group->target ? m_agent.targetWithIdentifier(*group->target) : nullptr;
+      if (std::string comment = qv::statusCommentStringForDestination(target ? target->type : "", code); !comment.empty())
         message += ": " + comment;
+      if (std::string missing = target ? qv::missingDestinationText(*target) : ""; !missing.empty() && code == -120)
+        message += " T" + missing.substr(1);
     }
     auto lastRun = lastRuns.find(group->identifier);
     const std::string lastOutcome = lastRun == lastRuns.end() ? "" : lastRun->second.outcome;
@@ -523,6 +615,7 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
   if (options.json) m_out << qv::toJSON(QVValue(records), true) << "\n";
   else if (records.empty()) m_out << "No groups.\n";
   else m_out << table.text();
+  noteWithoutDaemon(options, m_agent.groups());
   return 0;
 }
 

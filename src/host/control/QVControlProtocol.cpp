@@ -29,6 +29,7 @@ constexpr std::pair<QVCommand, const char*> kCommandNames[] = {
     {QVCommand::log, "log"},
     {QVCommand::status, "status"},
     {QVCommand::cancel, "cancel"},
+    {QVCommand::files, "files"},
 };
 
 // The string fields of the options, by key.
@@ -43,7 +44,7 @@ constexpr std::pair<const char*, std::optional<std::string> QVCommandOptions::*>
     {"type", &QVCommandOptions::type},       {"path", &QVCommandOptions::path},
     {"server", &QVCommandOptions::server},   {"port", &QVCommandOptions::port},
     {"user", &QVCommandOptions::user},       {"version", &QVCommandOptions::version},
-    {"password", &QVCommandOptions::suppliedPassword},
+    {"password", &QVCommandOptions::suppliedPassword}, {"groupsTo", &QVCommandOptions::groupsTo},
 };
 constexpr std::pair<const char*, std::vector<std::string> QVCommandOptions::*> kLists[] = {
     {"paths", &QVCommandOptions::paths}, {"groups", &QVCommandOptions::groups}};
@@ -52,6 +53,7 @@ constexpr std::pair<const char*, bool QVCommandOptions::*> kFlags[] = {
     {"yes", &QVCommandOptions::yes},
     {"passwordStdin", &QVCommandOptions::passwordStdin},
     {"makeDefault", &QVCommandOptions::makeDefault},
+    {"force", &QVCommandOptions::force},
 };
 
 // How deep the body's arrays and objects nest, counted before it is parsed (outside strings).
@@ -231,7 +233,8 @@ QVDictionary dictionaryFromOutcome(const QVRunOutcome& outcome) {
                                         {"leftOut", stringArray(report->leftOut)},
                                         {"missingItems", stringArray(report->missingItems)},
                                         {"failedItems", stringArray(report->failedItems)},
-                                        {"versionsUnreadable", report->versionsUnreadable}};
+                                        {"versionsUnreadable", report->versionsUnreadable},
+                                        {"passedOver", stringArray(report->passedOver)}};
   }
   return dictionary;
 }
@@ -261,6 +264,7 @@ QVRunOutcome outcomeFromDictionary(const QVDictionary& dictionary) {
     report.missingItems = strings(fields, "missingItems");
     report.failedItems = strings(fields, "failedItems");
     report.versionsUnreadable = integer(fields, "versionsUnreadable") != 0;
+    report.passedOver = strings(fields, "passedOver");
     outcome.report = std::move(report);
   }
   return outcome;
