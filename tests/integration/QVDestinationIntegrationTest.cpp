@@ -352,6 +352,9 @@ TEST_P(QVDestinationProgramTest, BacksUpListsRestoresVerifiesAndFailsWithoutEver
                                                      std::string(GetParam().password ? kUser + ":***@" : "") +
                                                      "127.0.0.1:" + std::to_string(m_server->destination.port) + "/backup";
   EXPECT_NE(result.out.find(failure), std::string::npos) << masked(result.out);
+  if (GetParam().ftp()) {  // libcurl's code, in libcurl's words
+    EXPECT_NE(run({"status"}).out.find("failed (7): Couldn't connect to server"), std::string::npos);
+  }
   EXPECT_EQ(namesIn(groupFolder()), Lines{fs::path(version).filename().string()}) << "the earlier version stays";
   EXPECT_EQ(m_shown.find(kPassword), std::string::npos) << "the password was shown:\n" << masked(m_shown);
   EXPECT_EQ(readFile(m_env.preferencesPath()).find(kPassword), std::string::npos);
