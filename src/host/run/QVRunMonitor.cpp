@@ -258,9 +258,11 @@ void QVRunMonitor::settleVersions(const QVGroup& group, QVRunOutcome& outcome) {
     else qv::debugLog("host", "QVRunMonitor could not mark the version " + version + " of \"" + group.title + "\" as partial");
     return;
   }
-  // A complete version now stands: the partial ones before it hold nothing that it lacks.
-  for (const auto& name : entries) {
-    if (!qv::isPartialVersionName(name) || name >= version) continue;
+  // A complete version now stands: the partial ones before it hold nothing that it lacks (also those
+  // the journal knows as partial under their first name, where a destination could not rename them).
+  for (const auto& entry : qv::versionsInListing(entries, qv::partialVersionsInJournal(group.identifier))) {
+    const std::string& name = entry.name;
+    if (!entry.partial || name >= version) continue;
     if (!target->removeEntry(name, group))
       qv::debugLog("host", "QVRunMonitor could not remove the partial version " + name + " of \"" + group.title + "\"");
   }
