@@ -174,10 +174,12 @@ int QVProgram::runHere(const QVCommandOptions& options, QVAgentLock* lock, const
     agent.setDelegate(monitor);
     // The default destination that the agent made in memory; written only with the command's changes.
     if (!readOnly && !hasStoredTargets(agent) && !agent.targets().empty()) agent.savePrefs();
-    // Reading beside the daemon, which holds the lock: the daemon runs the schedules, never this process
-    // (not even after a wake during a long restore).
+    // Reading beside the process that holds the lock: that one runs the schedules, never this process
+    // (not even after a wake during a long restore). A listing of the groups, which ends at once, keeps
+    // the timers so that it shows when they would fire.
     if (readOnly) {
-      agent.stopTimers();
+      if (!onlyReads(options) || options.command == QVCommand::versions || options.command == QVCommand::files)
+        agent.stopTimers();
       agent.setRunGate([](const QVGroup&) { return false; });
     }
 

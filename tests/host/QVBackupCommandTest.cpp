@@ -207,6 +207,7 @@ TEST_F(QVBackupCommandTest, SaysWhenNoDaemonRunsAndAnswersWhileAnotherProcessBac
   EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
   EXPECT_EQ(status.status, 0) << status.err;
   EXPECT_NE(status.err.find("(stellwin-backup backup Big) is at work"), std::string::npos) << status.err;
+  EXPECT_NE(status.out.find("No daemon is running"), std::string::npos) << status.out;
   kill(backup.pid, SIGINT);
   EXPECT_EQ(backup.finish().status, 130);
 }
