@@ -1,5 +1,6 @@
 #include "host/QVProgram.h"
 
+#include <cstdlib>
 #include <iostream>
 #include <thread>
 
@@ -15,6 +16,7 @@
 #include "host/cli/QVRegistryCommands.h"
 #include "host/restore/QVRestoreCommand.h"
 #include "host/run/QVRunMonitor.h"
+#include "platform/QVLog.h"
 #include "platform/QVRunLoop.h"
 
 namespace {
@@ -40,6 +42,25 @@ std::string daemonSocket(const std::string& socketPath) {
 
 bool daemonAnswers(const std::string& socketPath) { return !daemonSocket(socketPath).empty(); }
 
+// Commands that only read the preferences: they never wait for another process that holds them.
+bool onlyReads(const QVCommandOptions& options) {
+  switch (options.command) {
+    case QVCommand::summary:
+    case QVCommand::groupList:
+    case QVCommand::groupShow:
+    case QVCommand::targetList:
+    case QVCommand::versions:
+    case QVCommand::files:
+    case QVCommand::log:
+    case QVCommand::status:
+      return true;
+    case QVCommand::menu:
+      return options.menuEntry.empty();
+    default:
+      return false;
+  }
+}
+
 // The password that target add / set would read, read here once before the command leaves this process.
 // false when standard input could not be read.
 bool readPasswordFirst(QVCommandOptions& options) {
@@ -62,6 +83,10 @@ bool readPasswordFirst(QVCommandOptions& options) {
 QVProgram::QVProgram(std::vector<std::string> arguments) : m_arguments(std::move(arguments)) {}
 
 int QVProgram::run(const QVCommandOptions& given) {
+  // Diagnostics (the agent's and the destinations' log lines) stay off the terminal unless asked for;
+  // the daemon writes them to its log, and STELLWIN_DEBUG asks for them as well.
+  if (!given.verbose && given.command != QVCommand::daemon && !std::getenv("STELLWIN_DEBUG"))
+    qv::setLogSink([](const std::string&) {});
   std::string error;
   const std::string folder = QVAgentLock::runtimeFolder(error);
   // Only the daemon needs the folder (for its socket); another command still finds a daemon through the
@@ -84,7 +109,8 @@ int QVProgram::run(const QVCommandOptions& given) {
     if (const std::string served = options.command == QVCommand::daemon ? "" : daemonSocket(socketPath); !served.empty()) {
       // A listing may wait on a server for a minute: read here, beside the daemon, so that the daemon
       // never keeps its other commands waiting for it.
-      if (options.command == QVCommand::versions) return runHere(options, nullptr, socketPath);
+      if (options.command == QVCommand::versions || options.command == QVCommand::files)
+        return runHere(options, nullptr, socketPath);
       // Read before connecting: the daemon waits only so long for a request.
       if (!readPasswordFirst(options)) {
         std::cerr << kProgram << ": could not read the password from standard input" << std::endl;
@@ -116,8 +142,18 @@ int QVProgram::run(const QVCommandOptions& given) {
     bool daemonAppeared = false;
     const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::max(deadline - std::chrono::steady_clock::now(), std::chrono::steady_clock::duration::zero()));
-    auto lock = QVAgentLock::acquire(description, wait, [&] { return daemonAppeared = daemonAnswers(socketPath); }, error);
+    const bool reading = onlyReads(options);
+    auto lock = QVAgentLock::acquire(description, reading ? std::chrono::milliseconds(0) : wait,
+                                     [&] { return daemonAppeared = daemonAnswers(socketPath); }, error);
     if (lock) return runHere(options, lock.get(), socketPath);
+    const bool heldByAnother = error.rfind("process ", 0) == 0 || error == "another process";
+    if (reading && heldByAnother && !daemonAppeared && !daemonAnswers(socketPath)) {
+      // Read beside the other process, from the preferences as it last saved them.
+      if (!options.json)
+        std::cerr << kProgram << ": note: " << error << " is at work; what it is doing now is not shown here"
+                  << std::endl;
+      return runHere(options, nullptr, socketPath);
+    }
     if (options.command == QVCommand::daemon && (daemonAppeared || daemonAnswers(socketPath))) {
       std::cerr << kProgram << ": another daemon is already running for this user (" << error << ")" << std::endl;
       return 1;
@@ -140,10 +176,12 @@ int QVProgram::runHere(const QVCommandOptions& options, QVAgentLock* lock, const
     agent.setDelegate(monitor);
     // The default destination that the agent made in memory; written only with the command's changes.
     if (!readOnly && !hasStoredTargets(agent) && !agent.targets().empty()) agent.savePrefs();
-    // Reading beside the daemon, which holds the lock: the daemon runs the schedules, never this process
-    // (not even after a wake during a long restore).
+    // Reading beside the process that holds the lock: that one runs the schedules, never this process
+    // (not even after a wake during a long restore). A listing of the groups, which ends at once, keeps
+    // the timers so that it shows when they would fire.
     if (readOnly) {
-      agent.stopTimers();
+      if (!onlyReads(options) || options.command == QVCommand::versions || options.command == QVCommand::files)
+        agent.stopTimers();
       agent.setRunGate([](const QVGroup&) { return false; });
     }
 
@@ -153,6 +191,7 @@ int QVProgram::runHere(const QVCommandOptions& options, QVAgentLock* lock, const
         break;
       case QVCommand::restore:
       case QVCommand::verify:
+      case QVCommand::files:
         status = QVRestoreCommand(agent, std::cout, std::cerr).run(options);
         break;
       case QVCommand::daemon:

@@ -18,6 +18,7 @@
 #include "platform/QVConstants.h"
 #include "platform/QVError.h"
 #include "platform/QVLog.h"
+#include "platform/QVPassedOverFolders.h"
 #include "platform/QVStatusTexts.h"
 
 namespace {
@@ -198,6 +199,13 @@ class CopyOperation {
   dev_t m_destinationDevice = 0;
   ino_t m_destinationInode = 0;
   bool m_haveDestinationRoot = false;
+  // Backup destinations and the program's own folders, as they stood when the copy began: never entered.
+  std::vector<qv::QVFolderIdentity> m_foldersPassedOver = qv::passedOverFolderIdentities();
+
+  bool isPassedOver(const struct stat& st) const {
+    const qv::QVFolderIdentity identity{static_cast<std::uint64_t>(st.st_dev), static_cast<std::uint64_t>(st.st_ino)};
+    return std::find(m_foldersPassedOver.begin(), m_foldersPassedOver.end(), identity) != m_foldersPassedOver.end();
+  }
 
   std::vector<dev_t> m_noCloneDevices;
   std::vector<dev_t> m_noCopyRangeDevices;
@@ -267,6 +275,7 @@ bool CopyOperation::scanDirectory(int parentFd, const std::string& name, const s
     fail(Side::Source, error, "list", path);
     return mayPassOver(error, isTop);
   }
+  if (struct stat st; !m_foldersPassedOver.empty() && ::fstat(fd.get(), &st) == 0 && isPassedOver(st)) return true;
   std::vector<Entry> entries;
   ScopedDir dir;
   if (!listDirectory(fd.get(), path, entries, dir)) return mayPassOver(m_errno, isTop);
@@ -331,6 +340,7 @@ bool CopyOperation::copyDirectory(int srcParent, const std::string& srcName, con
   struct stat st;
   if (::fstat(src.get(), &st) != 0) return sourceFailure(errno, "read", srcPath, isTop);
   if (m_haveDestinationRoot && st.st_dev == m_destinationDevice && st.st_ino == m_destinationInode) return true;
+  if (isPassedOver(st)) return true;
 
   // Listed before the copy's own folder exists, so that a destination inside the source is not in it.
   std::vector<Entry> entries;

@@ -8,9 +8,12 @@
 #include <unistd.h>
 #include <uuid/uuid.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <vector>
+
+#include "platform/QVPassedOverFolders.h"
 
 namespace {
 
@@ -170,6 +173,15 @@ bool walkDirectory(const std::string& folder, const std::function<bool(const std
   };
   DIR* top = ::opendir(folder.c_str());
   if (!top) return false;
+  const std::vector<QVFolderIdentity> passedOver = passedOverFolderIdentities();
+  auto isPassedOver = [&](const struct stat& info) {
+    const QVFolderIdentity identity{static_cast<std::uint64_t>(info.st_dev), static_cast<std::uint64_t>(info.st_ino)};
+    return std::find(passedOver.begin(), passedOver.end(), identity) != passedOver.end();
+  };
+  if (struct stat info {}; !passedOver.empty() && ::fstat(::dirfd(top), &info) == 0 && isPassedOver(info)) {
+    ::closedir(top);
+    return true;
+  }
   std::vector<Level> levels{{top, ""}};
   bool stopped = false;
   while (!levels.empty() && !stopped) {
@@ -186,6 +198,7 @@ bool walkDirectory(const std::string& folder, const std::function<bool(const std
     struct stat info {};
     if (::fstatat(::dirfd(level.stream), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;  // gone
     const bool isFolder = S_ISDIR(info.st_mode);
+    if (isFolder && isPassedOver(info)) continue;  // a destination or the program's own folder
     if (!visit(relative, isFolder)) {
       stopped = true;
     } else if (isFolder) {

@@ -1,5 +1,7 @@
 #include "platform/QVStatusTexts.h"
 
+#include <curl/curl.h>
+
 #include <cerrno>
 #include <cstring>
 
@@ -78,6 +80,12 @@ std::string localizedStringForStatusCode(std::int64_t statusCode) {
   for (const auto& entry : kPhrases)
     if (entry.status == statusCode) return QVLocalizedString(entry.phrase);
   return "";
+}
+
+std::string statusCommentStringForDestination(const std::string& type, std::int64_t status) {
+  const bool networked = type == "dav" || type == "ftp" || type == "ftps";
+  if (networked && status > 0 && status < CURL_LAST) return curl_easy_strerror(static_cast<CURLcode>(status));
+  return statusCommentString(static_cast<std::int32_t>(status));
 }
 
 }  // namespace qv

@@ -46,6 +46,8 @@ void QVBackupTarget::removeRootEntryForGroup(const QVGroup&) {}
 
 bool QVBackupTarget::removeEntry(const std::string&, const QVGroup&) { return false; }
 
+bool QVBackupTarget::renameEntry(const std::string&, const std::string&, const QVGroup&) { return false; }
+
 bool QVBackupTarget::backupItem(const std::string& path, const QVGroup&, const std::string&, const std::string&,
                                 QVError* error) {
   std::int64_t status = 0;

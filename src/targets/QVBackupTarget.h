@@ -73,6 +73,11 @@ class QVBackupTarget {
   virtual bool backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,
                           const std::string& toEntry, QVError* error);
 
+  // Renames one entry of the group's folder to toName, beside the operations of a run (the host marks a
+  // version that a run left unfinished this way). Never replaces an entry that has toName already.
+  // The base answers false.
+  virtual bool renameEntry(const std::string& entry, const std::string& toName, const QVGroup& forItem);
+
   // Reading a version back (restore and verify), beside the operations of a run. Paths are relative to
   // the version entry ("" is the version itself) and use "/". Both fail with an error naming the path;
   // the base reads nothing (-4). Cancel ends a read within one buffer.

@@ -127,6 +127,19 @@ bool QVDAVBackupTarget::removeEntry(const std::string& entry, const QVGroup& for
                     pathWithReplacingInvalidCharactersInPath(entry)}));
 }
 
+bool QVDAVBackupTarget::renameEntry(const std::string& entry, const std::string& toName, const QVGroup& forItem) {
+  auto entryURL = [&](const std::string& name) {
+    return qv::stringWithFormat("%@/%@/%@/", {m_urlString, pathWithReplacingInvalidCharactersInPath(forItem.title),
+                                              pathWithReplacingInvalidCharactersInPath(name)});
+  };
+  std::int64_t status = 0;
+  if (!m_session->sendSynchronousRequest("MOVE", requestURL(entryURL(entry)),
+                                         {{"Destination", requestURL(entryURL(toName))}, {"Overwrite", "F"}}, &status,
+                                         nullptr, nullptr))
+    return false;
+  return status >= 200 && status < 300;
+}
+
 void QVDAVBackupTarget::removeRootEntryForGroup(const QVGroup& group) {
   const std::string url = groupURL(group);
   if (!removeItemWithURL(url))

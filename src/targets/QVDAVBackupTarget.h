@@ -38,6 +38,7 @@ class QVDAVBackupTarget : public QVBackupTarget, private QVURLConnectionDelegate
   std::optional<std::vector<std::string>> entriesInDirectoryForItem(const QVGroup& group) override;
   // DELETE of the version's collection; true when the request met no transport error.
   bool removeEntry(const std::string& entry, const QVGroup& forItem) override;
+  bool renameEntry(const std::string& entry, const std::string& toName, const QVGroup& forItem) override;
   // DELETE of the group's collection; logs a warning when the request fails.
   void removeRootEntryForGroup(const QVGroup& group) override;
   bool backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -276,6 +277,15 @@ bool QVFTPBackupTarget::removeEntry(const std::string& entry, const QVGroup& for
   const std::string entryPath = qv::stringWithFormat("%@%@/%@/", {path(), nameForGroup(forItem), entry});
   if (!removeItemWithPath(entryPath)) return false;
   return removeDirectoryWithPath(entryPath);
+}
+
+bool QVFTPBackupTarget::renameEntry(const std::string& entry, const std::string& toName, const QVGroup& forItem) {
+  const std::string group = path() + nameForGroup(forItem) + "/";
+  // RNTO onto an existing folder fails on the servers that keep folders apart from files; a listing
+  // first keeps the rule everywhere.
+  auto names = entriesInDirectoryForItem(forItem);
+  if (!names || std::find(names->begin(), names->end(), toName) != names->end()) return false;
+  return performCommands({"RNFR " + group + entry, "RNTO " + group + toName});
 }
 
 void QVFTPBackupTarget::removeRootEntryForGroup(const QVGroup& group) {

@@ -69,6 +69,7 @@ class QVFTPBackupTarget : public QVBackupTarget {
   // RMD path.
   bool removeDirectoryWithPath(const std::string& path);
   bool removeEntry(const std::string& entry, const QVGroup& forItem) override;
+  bool renameEntry(const std::string& entry, const std::string& toName, const QVGroup& forItem) override;
   // Removes the group's folder only when it is empty already; logs a warning otherwise.
   void removeRootEntryForGroup(const QVGroup& group) override;
 

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cerrno>
 #include <filesystem>
 #include <system_error>
@@ -82,6 +83,14 @@ bool QVLocalBackupTarget::removeEntry(const std::string& entry, const QVGroup& f
   if (!fs::exists(fs::symlink_status(path, ec))) return false;
   fs::remove_all(path, ec);
   return !ec;
+}
+
+bool QVLocalBackupTarget::renameEntry(const std::string& entry, const std::string& toName, const QVGroup& forItem) {
+  const std::string folder = pathForItem(forItem);
+  const std::string from = qv::stringByAppendingPathComponent(folder, entry);
+  const std::string to = qv::stringByAppendingPathComponent(folder, toName);
+  // RENAME_NOREPLACE: an entry that has the name already is never replaced.
+  return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
 }
 
 bool QVLocalBackupTarget::backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,

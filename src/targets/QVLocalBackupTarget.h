@@ -18,6 +18,7 @@ class QVLocalBackupTarget : public QVBackupTarget, public QVFileCopierDelegate {
   std::optional<std::vector<std::string>> entriesInDirectoryForItem(const QVGroup& group) override;
   void removeRootEntryForGroup(const QVGroup& group) override;
   bool removeEntry(const std::string& entry, const QVGroup& forItem) override;
+  bool renameEntry(const std::string& entry, const std::string& toName, const QVGroup& forItem) override;
   bool backupItem(const std::string& path, const QVGroup& ofGroup, const std::string& withName,
                   const std::string& toEntry, QVError* error) override;
   // Reading a version back, from the file system: modes, times and symbolic links as they are.

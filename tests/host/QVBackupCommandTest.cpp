@@ -2,6 +2,7 @@
 // the exit status, and what the preferences keep afterwards.
 #include <sys/stat.h>
 
+#include <iterator>
 #include <set>
 #include <sstream>
 
@@ -16,6 +17,10 @@ class QVBackupCommandTest : public HostTest {
  protected:
   json show(const std::string& group) { return runJSON({"group", "show", group, "--json"}); }
   std::vector<std::string> versionsIn(const std::string& group) const { return namesIn(backups() + "/" + group); }
+  static std::vector<std::string> split(const std::string& command) {
+    std::istringstream words(command);
+    return {std::istream_iterator<std::string>(words), {}};
+  }
 };
 
 TEST_F(QVBackupCommandTest, CopiesAGroupIntoANewVersionAtTheDefaultDestination) {
@@ -66,10 +71,10 @@ TEST_F(QVBackupCommandTest, ReportsMissingItemsEmptyGroupsAndDestinationsThatAre
   EXPECT_EQ(outcomes, json::parse(R"([
       {"groupTitle": "Mixed", "outcome": "complete with missing items", "statusCode": 0, "message": null, "items": 2,
        "files": 1, "bytes": 4, "leftOutCount": 0, "leftOut": [], "missingItems": [")" + lost + R"("], "failedItems": [],
-       "versionsUnreadable": false},
+       "versionsUnreadable": false, "passedOver": []},
       {"groupTitle": "Hollow", "outcome": "empty", "statusCode": null, "message": "the group is empty; nothing to back up",
        "version": null, "items": 0, "files": 0, "bytes": 0, "leftOutCount": 0, "leftOut": [], "missingItems": [],
-       "failedItems": [], "versionsUnreadable": false}])"));
+       "failedItems": [], "versionsUnreadable": false, "passedOver": []}])"));
   EXPECT_NE(result.err.find("group \"Hollow\" is empty; nothing to back up"), std::string::npos) << result.err;
   result = runProgram({"backup", "Mixed"});
   EXPECT_TRUE(result.out.starts_with("Mixed: complete with missing items, 1 file, 4 bytes in ") &&
@@ -81,17 +86,38 @@ TEST_F(QVBackupCommandTest, ReportsMissingItemsEmptyGroupsAndDestinationsThatAre
   const std::string message = "Backup destination directory not found. Check your Backup Preferences.";
   result = runProgram({"backup", "Mixed"});
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, "Mixed: failed (-120): " + message + "\n");
-  EXPECT_EQ(result.err.find("Mixed - " + message), result.err.rfind("Mixed - " + message)) << result.err;
-  EXPECT_NE(result.err.find("Mixed - " + message), std::string::npos) << result.err;
+  EXPECT_EQ(result.out, "Mixed: failed (-120): " + message + " The destination folder \"" + backups() +
+                            "\" does not exist (is its volume mounted?)\n");
+  EXPECT_EQ(result.err, "") << "the outcome once, and no diagnostics";
   EXPECT_EQ(show("Mixed")["statusCode"], -120);
 
   // The destination removed.
-  runJSON({"target", "remove", "My Mac"});
+  runJSON({"target", "remove", "My Mac", "--force"});
   result = runProgram({"backup", "Mixed"});
   EXPECT_EQ(result.status, 1);
   EXPECT_EQ(result.out, "Mixed: failed: no usable destination\n");
   EXPECT_NE(result.err.find("group \"Mixed\" has no usable destination"), std::string::npos) << result.err;
+}
+
+// The default destination lies inside the home folder: each version holds the home, never the versions before.
+TEST_F(QVBackupCommandTest, NeverCopiesADestinationIntoItsOwnVersions) {
+  makeFile("notes.txt", std::string(5000, 'n'));
+  const ProgramResult added = runProgram({"group", "add", "Home", m_env.home()});
+  EXPECT_NE(added.out.find("will be passed over (a backup destination or this program's own folder): " + backups()),
+            std::string::npos) << added.out;
+  const std::string passed = "  passed over (a backup destination or this program's own folder): " + backups() + "\n";
+  for (int run = 0; run < 4; ++run) {
+    const std::string out = runProgram({"backup", "Home"}).out;
+    EXPECT_TRUE(out.starts_with("Home: complete, 1 file, 4.9 KiB in ") && out.ends_with(".backup\n" + passed)) << out;
+  }
+  const auto versions = versionsIn("Home");
+  ASSERT_EQ(versions.size(), 3u);
+  for (const auto& version : versions) {
+    std::uintmax_t bytes = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(backups() + "/Home/" + version))
+      bytes += entry.is_regular_file() ? entry.file_size() : 0;
+    EXPECT_EQ(bytes, 5000u) << version;
+  }
 }
 
 // On a terminal a bar rises until Ctrl-C, which cancels the run and exits with 130.
@@ -116,17 +142,85 @@ TEST_F(QVBackupCommandTest, DrawsARisingProgressBarUntilAnInterruptCancelsTheRun
   EXPECT_TRUE(result.out.ends_with("\033[J\033[33mBig: cancelled\033[0m\r\n")) << "the bar erased for the outcome:\n"
                                                                                 << result.out;
 
-  // The version it leaves is known as partial, also beside a complete one, newest first.
+  // The version it leaves is partial, until a complete one stands.
   const std::string partial = versionsIn("Big").at(0);
+  EXPECT_TRUE(partial.ends_with(".partial")) << partial;
+  EXPECT_EQ(runProgram({"versions", "Big"}).out, partial + "  (partial)\n");
+  EXPECT_EQ(json({runJSON({"versions", "Big", "--json"})[0]["name"], runJSON({"versions", "Big", "--json"})[0]["partial"]}),
+            json({partial, true}));
   std::filesystem::resize_file(m_env.home() + "/big.bin", 1000);
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // versions are named by the second
   ASSERT_EQ(runProgram({"backup", "Big"}).status, 0);
-  const std::string complete = versionsIn("Big").at(1);
-  EXPECT_EQ(runProgram({"versions", "Big"}).out, complete + "\n" + partial + "  (partial)\n");
-  EXPECT_EQ(runJSON({"versions", "Big", "--json"})[1]["partial"], true);
+  ASSERT_EQ(versionsIn("Big").size(), 1u);
+  const std::string complete = versionsIn("Big").at(0);
   const json runs = runJSON({"log", "Big", "--json"});
   EXPECT_EQ(json({runs[0]["version"], runs[1]["outcome"], runs[1]["statusCode"], runs[1]["version"]}),
             json({complete, "cancelled", -128, partial})) << runs;
+}
+
+// Three runs cancelled after the last complete one: restore and verify pass them over, and the next complete run
+// keeps the three newest complete versions and no partial one.
+TEST_F(QVBackupCommandTest, KeepsCompleteVersionsWhateverRunsAreCancelled) {
+  runJSON({"group", "add", "Big", makeFile("a.txt"), makeFile("big.bin")});
+  std::vector<std::string> complete;
+  const auto completeRun = [&](const std::string& text) {
+    makeFile("a.txt", text);
+    std::filesystem::resize_file(m_env.home() + "/big.bin", 10);
+    ASSERT_EQ(runProgram({"backup", "Big"}).status, 0);
+    complete.push_back(runJSON({"log", "Big", "--json"})[0]["version"]);
+  };
+  for (const char* text : {"one", "two", "three"}) completeRun(text);
+  std::filesystem::resize_file(m_env.home() + "/big.bin", 4ull << 30);
+  for (int run = 0; run < 3; ++run) {
+    const std::size_t before = versionsIn("Big").size();
+    RunningProgram program({"backup", "Big"});
+    ASSERT_TRUE(program.waitFor([&] {
+      const auto names = versionsIn("Big");
+      return names.size() > before && std::filesystem::exists(backups() + "/Big/" + names.back() + "/big.bin");
+    }, std::chrono::seconds(60)));
+    kill(program.pid, SIGINT);
+    ASSERT_EQ(program.finish().status, 130) << program.out;
+  }
+  const auto names = versionsIn("Big");
+  ASSERT_EQ(names.size(), 6u);
+  for (std::size_t i = 3; i < 6; ++i) EXPECT_TRUE(names[i].ends_with(".partial")) << names[i];
+  EXPECT_NE(runProgram({"versions", "Big"}).out.find(names[5] + "  (partial)\n"), std::string::npos);
+
+  TemporaryDirectory scratch;
+  ProgramResult result = runProgram({"restore", "Big", "--to", scratch / "newest"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(readFile(scratch / "newest/a.txt"), "three");
+  EXPECT_NE(runProgram({"verify", "Big"}).out.find("of version " + complete[2]), std::string::npos);
+  result = runProgram({"restore", "Big", "--version", names[5].substr(0, 14), "--to", scratch / "partial", "a.txt"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.err.find("warning: version " + names[5] + " is partial"), std::string::npos) << result.err;
+  result = runProgram({"restore", "Big", "--version", complete[0].substr(0, 8), "--to", scratch / "x"});
+  EXPECT_EQ(result.status, 2) << "a beginning that more than one version has";
+  EXPECT_FALSE(std::filesystem::exists(scratch / "x"));
+  result = runProgram({"restore", "Big", "--version", "latest", "--to", scratch / "latest"});
+  EXPECT_EQ(readFile(scratch / "latest/a.txt"), "three") << result.err;
+
+  completeRun("four");
+  EXPECT_EQ(versionsIn("Big"), std::vector<std::string>(complete.begin() + 1, complete.end()));
+}
+
+// Without a daemon no schedule starts, and says so; a backup in another process keeps no reader waiting.
+TEST_F(QVBackupCommandTest, SaysWhenNoDaemonRunsAndAnswersWhileAnotherProcessBacksUp) {
+  runJSON({"group", "add", "Big", makeFile("big.bin", "", 4ull << 30)});
+  runJSON({"group", "set", "Big", "--schedule", "daily@03:00"});
+  for (const char* command : {"status", "group list", "group show Big"})
+    EXPECT_NE(runProgram(split(command)).out.find("No daemon is running, so scheduled backups will not start"),
+              std::string::npos) << command;
+  RunningProgram backup({"backup", "Big"});
+  ASSERT_TRUE(backup.waitFor([&] { return copying("Big", "big.bin"); }, std::chrono::seconds(60)));
+  const auto asked = std::chrono::steady_clock::now();
+  const ProgramResult status = runProgram({"status"});
+  EXPECT_LT(std::chrono::steady_clock::now() - asked, std::chrono::seconds(1));
+  EXPECT_EQ(status.status, 0) << status.err;
+  EXPECT_NE(status.err.find("(stellwin-backup backup Big) is at work"), std::string::npos) << status.err;
+  EXPECT_NE(status.out.find("No daemon is running"), std::string::npos) << status.out;
+  kill(backup.pid, SIGINT);
+  EXPECT_EQ(backup.finish().status, 130);
 }
 
 // Twelve files nobody may read, a pipe, one file that is read, and a folder of links only: the run completes, and
@@ -184,6 +278,7 @@ TEST_F(QVBackupCommandTest, KeepsEveryVersionWhenTheStoredCountCannotBeRead) {
   }
   std::vector<std::string> arguments = {"backup", "--json"};
   arguments.insert(arguments.end(), titles.begin(), titles.end());
+  arguments.push_back("--verbose");  // the agent's log lines too
   ProgramResult result = runProgram(arguments);
   ASSERT_EQ(result.status, 0) << result.err;
   const json outcomes = json::parse(result.out, nullptr, false);

@@ -43,8 +43,47 @@ TEST_F(QVCommandLineTest, KeepsTheFirstDestinationAndMovesTheDefaultMark) {
   runJSON({"target", "set", "My Mac", "--default"});
   EXPECT_EQ(byTitle("target", "USB")["isDefault"], false);
   EXPECT_EQ(byTitle("target", "My Mac")["isDefault"], true);
-  runJSON({"target", "remove", "My Mac"});
+  runJSON({"target", "remove", "My Mac", "--force"});
   EXPECT_EQ(runJSON({"target", "list", "--json"}).size(), 1u);
+}
+
+// A destination that groups use goes only with its groups moved, or with --force; a second one at the same
+// folder is refused.
+TEST_F(QVCommandLineTest, NeverLeavesGroupsWithoutTheirDestinationUnasked) {
+  runJSON({"group", "add", "Docs", makeFile("n.txt")});
+  const std::string before = readFile(m_env.preferencesPath());
+  ProgramResult result = runProgram({"target", "remove", "My Mac"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("the group \"Docs\" backs up to \"My Mac\"; move it with --groups-to"), std::string::npos)
+      << result.err;
+  result = runProgram({"target", "add", "--type", "local", "--title", "Again", "--path", backups() + "/"});
+  EXPECT_EQ(result.status, 2);
+  EXPECT_NE(result.err.find("\"My Mac\""), std::string::npos) << result.err;
+  EXPECT_EQ(readFile(m_env.preferencesPath()), before);
+
+  runJSON(split("target add --type local --title USB --path " + m_env.root()));
+  EXPECT_EQ(runProgram({"target", "remove", "My Mac", "--groups-to", "Nope"}).status, 2);
+  result = runProgram({"target", "remove", "My Mac", "--groups-to", "USB"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(byTitle("group", "Docs")["target"], byTitle("target", "USB")["id"]);
+  EXPECT_EQ(runProgram(split("target remove USB")).status, 2);
+  EXPECT_EQ(runProgram(split("target remove USB --force")).status, 0);
+}
+
+TEST_F(QVCommandLineTest, OffersWhatAOneLetterTypoMeant) {
+  runJSON({"group", "add", "Photos", makeFile("p.jpg")});
+  for (const auto& [arguments, hint] : std::vector<std::pair<Arguments, std::string>>{
+           {{"bakup", "Photos"}, "unknown command \"bakup\" (did you mean \"backup\"?)"},
+           {{"group", "shwo", "Photos"}, "(did you mean \"show\"?)"},
+           {{"group", "show", "Photo"}, "unknown group \"Photo\" (did you mean \"Photos\"?)"},
+           {{"destination", "remove", "My Ma"}, "(did you mean \"My Mac\"?)"},
+           {{"menu", "Photos", "Backup Nwo"}, "(did you mean \"Backup Now\"?)"}}) {
+    const ProgramResult result = runProgram(arguments);
+    EXPECT_EQ(result.status, 2) << hint;
+    EXPECT_NE(result.err.find(hint), std::string::npos) << result.err;
+  }
+  EXPECT_EQ(runJSON({"group", "show", "pHOTOS", "--json"})["groupTitle"], "Photos");
+  EXPECT_EQ(runJSON({"destination", "list", "--json"}), runJSON({"target", "list", "--json"}));
 }
 
 TEST_F(QVCommandLineTest, AddsShowsChangesAndRemovesGroups) {
@@ -181,7 +220,7 @@ TEST_F(QVCommandLineTest, AnswersInJSONWhenItFailsAndKeepsTablesPlain) {
   EXPECT_EQ(runProgram({"group", "list"}).out.find(id), std::string::npos);
   EXPECT_NE(runProgram({"group", "list", "--ids"}).out.find(id), std::string::npos);
 
-  runJSON({"target", "remove", "My Mac"});
+  runJSON({"target", "remove", "My Mac", "--force"});
   for (const auto& [command, exitStatus, message] : std::vector<std::tuple<std::string, int, std::string>>{
            {"group show Nope --json", 2, "unknown group"},
            {"log --json --bogus", 2, "--bogus"},

@@ -40,6 +40,29 @@ TEST_F(QVRestoreCommandTest, RestoresAndVerifiesKeepingModesTimesAndLinks) {
   EXPECT_EQ(result.status, 1) << "a version that is not there";
 }
 
+TEST_F(QVRestoreCommandTest, ListsAVersionAndRestoresAFileByItsOwnPath) {
+  ASSERT_EQ(runProgram({"backup", "Photos"}).status, 0);
+  ProgramResult result = runProgram({"files", "Photos"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_NE(result.out.find("  Tree/\n"), std::string::npos) << result.out;
+  const auto listing = nlohmann::json::parse(runProgram({"files", "Photos", tree(), "--json"}).out, nullptr, false);
+  ASSERT_TRUE(listing.contains("entries")) << listing;
+  EXPECT_EQ(listing["folder"], "Tree");
+  ASSERT_EQ(listing["entries"].size(), 6u) << listing;
+  const auto& a = listing["entries"][1];  // after "Grüße": names in byte order
+  EXPECT_EQ(a, nlohmann::json({{"name", "a.txt"}, {"path", "Tree/a.txt"}, {"kind", "file"}, {"size", 200000},
+                               {"modified", a["modified"]}}));
+  EXPECT_TRUE(a["modified"].get<std::string>().starts_with("20")) << a;
+
+  TemporaryDirectory scratch;
+  result = runProgram({"restore", "Photos", "--to", scratch / "one", tree() + "/with space/b c.txt"});
+  EXPECT_EQ(result.status, 0) << result.err;
+  EXPECT_EQ(readFile(scratch / "one/Tree/with space/b c.txt"), readFile(tree() + "/with space/b c.txt"));
+  result = runProgram({"restore", "Photos", "--to", scratch / "none", m_env.home() + "/elsewhere.txt"});
+  EXPECT_EQ(result.status, 1);
+  EXPECT_FALSE(fs::exists(scratch / "none")) << "no empty folder is left behind";
+}
+
 TEST_F(QVRestoreCommandTest, CtrlCEndsARestoreAndKeepsWhatWasRestored) {
   makeFile("Tree/zz large.bin", "large", 1ull << 30);
   ASSERT_EQ(runProgram({"backup", "Photos"}).status, 0);

@@ -130,6 +130,7 @@ int QVBackupCommand::waitForRuns(const std::vector<std::string>& requested, bool
   QVRunPresenter presenter(requested, json, m_out);
   presenter.setBusyQuery([this] { return m_host.animationDepth() > 0; });
   m_host.setMessageWriter([&](const std::string& line) { presenter.say(line); });
+  m_host.setNotificationsPrintedElsewhere(true);
   const QVSubscription starts =
       m_monitor.addStartListener([&](const QVGroup& group) { presenter.begin(group.identifier, group.title); });
   const QVSubscription progress = m_monitor.addProgressListener(
@@ -156,5 +157,6 @@ int QVBackupCommand::waitForRuns(const std::vector<std::string>& requested, bool
   qv::removeSignalHandler(sigint);
   qv::removeSignalHandler(sigterm);
   m_host.setMessageWriter(nullptr);
+  m_host.setNotificationsPrintedElsewhere(false);
   return presenter.finish(interrupted);
 }

@@ -39,7 +39,8 @@ struct QVCommandLine::Impl {
   // Values as CLI11 fills them; copied into the options after a successful parse.
   std::string name, group, target, title, groupTarget, versions, schedule, type, path, server, port, user;
   std::vector<std::string> paths, groups;
-  bool json = false, ids = false, passwordStdin = false, makeDefault = false, yes = false;
+  bool json = false, ids = false, passwordStdin = false, makeDefault = false, yes = false, force = false,
+       verbose = false;
 
   CLI::App* groupCommand = nullptr;
   CLI::App* groupAdd = nullptr;
@@ -59,10 +60,11 @@ struct QVCommandLine::Impl {
   CLI::App* menu = nullptr;
   CLI::App* restore = nullptr;
   CLI::App* verify = nullptr;
-  std::string restoreFolder, version, menuEntry;
+  std::string restoreFolder, version, menuEntry, groupsTo;
   CLI::App* log = nullptr;
   CLI::App* status = nullptr;
   CLI::App* cancel = nullptr;
+  CLI::App* files = nullptr;
 
   // Options given, by the member they fill.
   std::vector<std::pair<CLI::Option*, std::optional<std::string> QVCommandOptions::*>> optionalValues;
@@ -97,6 +99,9 @@ struct QVCommandLine::Impl {
   Impl() {
     addIDs(&app);
     app.set_version_flag("--version", std::string(kProgram) + " " + "0.1.0");
+    app.add_flag("--verbose", verbose, "Also print diagnostics (the daemon always writes them to its log)");
+    // --verbose may follow the command too; subcommands made from here on pass it up.
+    app.fallthrough();
 
     groupCommand = app.add_subcommand("group", "Add, list, show, change and remove backup groups");
     groupCommand->require_subcommand(1);
@@ -134,7 +139,8 @@ struct QVCommandLine::Impl {
     groupRemoveItems->add_option("PATH", paths, "Items to remove, as added")->required();
     groupRemoveItems->footer(kGroupHelp);
 
-    targetCommand = app.add_subcommand("target", "Add, list, change and remove backup destinations");
+    targetCommand = app.add_subcommand("destination", "Add, list, change and remove backup destinations (also: target)");
+    targetCommand->alias("target");
     targetCommand->require_subcommand(1);
     targetAdd = targetCommand->add_subcommand("add", "Add a destination");
     addTargetOptions(targetAdd, true);
@@ -149,8 +155,12 @@ struct QVCommandLine::Impl {
     targetSet->footer(kTargetHelp);
 
     targetRemove = targetCommand->add_subcommand(
-        "remove", "Remove a destination (groups that use it keep naming it and cannot be backed up)");
+        "remove", "Remove a destination; one that groups use only with --groups-to or --force");
     targetRemove->add_option("TARGET", target, "The destination")->required();
+    addOptional(targetRemove, "--groups-to", groupsTo, &QVCommandOptions::groupsTo,
+                "Move the groups that use it to this destination first");
+    targetRemove->add_flag("--force", force,
+                           "Remove it although groups use it; they cannot be backed up until given another destination");
     targetRemove->footer(kTargetHelp);
 
     versionsCommand = app.add_subcommand("versions", "List the versions of a group at its destination");
@@ -188,8 +198,10 @@ struct QVCommandLine::Impl {
     restore->add_option("GROUP", group, "The group")->required();
     restore->add_option("--to", restoreFolder, "Folder to restore into; it must not exist or be empty")->required();
     addOptional(restore, "--version", version, &QVCommandOptions::version,
-                "The version to restore (yyyyMMddHHmmss.backup); default: the newest");
-    restore->add_option("PATH", paths, "Only these items or files, as paths inside the version");
+                "The version to restore: its name (with or without \".backup\"), a unique beginning of it, or "
+                "\"latest\"; default: the newest complete version");
+    restore->add_option("PATH", paths,
+                        "Only these items or files: paths inside the version, or the files' own absolute paths");
     restore->footer(std::string(kGroupHelp) +
                     "\nNothing is ever overwritten. Ctrl-C cancels; what was restored stays; the status is then 130.");
     addJSON(restore);
@@ -197,12 +209,23 @@ struct QVCommandLine::Impl {
     verify = app.add_subcommand("verify", "Check a version of a group against the group's files as they are now");
     verify->add_option("GROUP", group, "The group")->required();
     addOptional(verify, "--version", version, &QVCommandOptions::version,
-                "The version to check (yyyyMMddHHmmss.backup); default: the newest");
+                "The version to check: its name (with or without \".backup\"), a unique beginning of it, or "
+                "\"latest\"; default: the newest complete version");
     verify->footer(std::string(kGroupHelp) +
                    "\nEvery file of the version is read back. A file unchanged since the version was made must match"
                    "\nbyte for byte; files changed, added or removed since are listed, not counted as errors."
                    "\nExit status 0 when there is no error, 1 otherwise. Nothing is written to the destination.");
     addJSON(verify);
+    files = app.add_subcommand("files", "List what a version of a group holds: names, sizes and times");
+    files->add_option("GROUP", group, "The group")->required();
+    addOptional(files, "--version", version, &QVCommandOptions::version,
+                "The version: its name (with or without \".backup\"), a unique beginning of it, or \"latest\"; "
+                "default: the newest complete version");
+    files->add_option("PATH", paths, "A folder inside the version, or its own absolute path (default: the version itself)")
+        ->expected(0, 1);
+    files->footer(kGroupHelp);
+    addJSON(files);
+
     log = app.add_subcommand("log", "Show the outcomes of past backup runs, newest first");
     log->add_option("GROUP", group, "Only this group's runs");
     log->footer(std::string(kGroupHelp) + " A group that has been removed can be given by its former title.");
@@ -220,14 +243,22 @@ struct QVCommandLine::Impl {
     if (argc < 2 || argv[1][0] == '-') return "";
     const std::string first = argv[1];
     const CLI::App* command = nullptr;
-    for (const CLI::App* candidate : app.get_subcommands([](const CLI::App*) { return true; }))
-      if (candidate->get_name() == first) command = candidate;
-    if (!command) return "unknown command " + qv::quoted(first) + " (see \"" + kProgram + " --help\")";
+    std::vector<std::string> names;
+    for (const CLI::App* candidate : app.get_subcommands([](const CLI::App*) { return true; })) {
+      if (candidate->check_name(first)) command = candidate;
+      names.push_back(candidate->get_name());
+    }
+    if (!command)
+      return "unknown command " + qv::quoted(first) + qv::didYouMean(first, names) + " (see \"" + kProgram + " --help\")";
     if ((command != groupCommand && command != targetCommand) || argc < 3 || argv[2][0] == '-') return "";
     const std::string second = argv[2];
-    for (const CLI::App* candidate : command->get_subcommands([](const CLI::App*) { return true; }))
+    names.clear();
+    for (const CLI::App* candidate : command->get_subcommands([](const CLI::App*) { return true; })) {
       if (candidate->get_name() == second) return "";
-    return "unknown command " + qv::quoted(first + " " + second) + " (see \"" + kProgram + " " + first + " --help\")";
+      names.push_back(candidate->get_name());
+    }
+    return "unknown command " + qv::quoted(first + " " + second) + qv::didYouMean(second, names) + " (see \"" +
+           kProgram + " " + first + " --help\")";
   }
 
   QVCommand chosen() const {
@@ -241,7 +272,7 @@ struct QVCommandLine::Impl {
         {daemon, QVCommand::daemon},             {menu, QVCommand::menu},
         {restore, QVCommand::restore},           {verify, QVCommand::verify},
         {log, QVCommand::log},                   {status, QVCommand::status},
-        {cancel, QVCommand::cancel},
+        {cancel, QVCommand::cancel},             {files, QVCommand::files},
     };
     for (const auto& [command, value] : table)
       if (command->parsed()) return value;
@@ -280,7 +311,8 @@ std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out
     std::string command = kProgram;
     if (argc > 1 && argv[1][0] != '-') {
       command += std::string(" ") + argv[1];
-      if (argc > 2 && argv[2][0] != '-' && (std::string(argv[1]) == "group" || std::string(argv[1]) == "target"))
+      const std::string first = argv[1];
+      if (argc > 2 && argv[2][0] != '-' && (first == "group" || first == "target" || first == "destination"))
         command += std::string(" ") + argv[2];
     }
     err << kProgram << ": " << qv::singleLine(e.what()) << " (see \"" << command << " --help\")" << std::endl;
@@ -294,6 +326,7 @@ std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out
   options.command = impl.chosen();
   options.json = impl.json;
   options.ids = impl.ids;
+  options.verbose = impl.verbose;
   options.name = impl.name;
   options.group = impl.group;
   options.target = impl.target;
@@ -303,6 +336,7 @@ std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out
   options.makeDefault = impl.makeDefault;
   options.restoreFolder = impl.restoreFolder;
   options.yes = impl.yes;
+  options.force = impl.force;
   options.menuEntry = impl.menuEntry;
   if (options.command == QVCommand::menu && options.group.empty() != options.menuEntry.empty()) {
     err << kProgram << ": menu needs both GROUP and ENTRY, or neither (see \"" << kProgram << " menu --help\")"

@@ -31,6 +31,7 @@ enum class QVCommand {
   log,
   status,
   cancel,
+  files,
 };
 
 // The arguments of the chosen command. Options that were not given stay nullopt.
@@ -38,6 +39,7 @@ struct QVCommandOptions {
   QVCommand command = QVCommand::summary;
   bool json = false;
   bool ids = false;  // --ids: tables show each record's identifier
+  bool verbose = false;  // --verbose: diagnostics on stderr too
 
   std::string name;                 // group add NAME
   std::string group;                // GROUP of group show/set/remove/remove-items, versions, log ("" for all)
@@ -61,6 +63,10 @@ struct QVCommandOptions {
   std::optional<std::string> user;
   bool passwordStdin = false;
   bool makeDefault = false;
+
+  // target remove
+  std::optional<std::string> groupsTo;  // --groups-to: the destination its groups move to
+  bool force = false;                   // --force: remove it although groups use it
 
   // restore / verify (GROUP in group, PATH... of restore in paths)
   std::optional<std::string> version;

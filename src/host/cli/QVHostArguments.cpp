@@ -1,5 +1,7 @@
 #include "host/cli/QVHostArguments.h"
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <filesystem>
 #include <system_error>
@@ -78,6 +80,26 @@ Ref otherTitled(const std::vector<Ref>& records, const std::string& title, const
   return nullptr;
 }
 
+std::string lowercase(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+// Whether a becomes b by one letter added, dropped, changed, or two neighbours swapped; case aside.
+bool oneTypoApart(const std::string& given, const std::string& candidate) {
+  const std::string a = lowercase(given), b = lowercase(candidate);
+  if (a == b) return true;
+  const std::size_t sizeA = a.size(), sizeB = b.size();
+  if (sizeA > sizeB + 1 || sizeB > sizeA + 1) return false;
+  std::size_t head = 0;
+  while (head < sizeA && head < sizeB && a[head] == b[head]) ++head;
+  auto sameTail = [&](std::size_t fromA, std::size_t fromB) { return a.compare(fromA, std::string::npos, b, fromB) == 0; };
+  if (sizeA == sizeB)
+    return sameTail(head + 1, head + 1) ||
+           (head + 1 < sizeA && a[head] == b[head + 1] && a[head + 1] == b[head] && sameTail(head + 2, head + 2));
+  return sizeA > sizeB ? sameTail(head + 1, head) : sameTail(head, head + 1);
+}
+
 template <typename Ref>
 QVFoundRecord<Ref> findRecord(const std::vector<Ref>& records, const std::string& argument, const char* kind) {
   for (const auto& record : records)
@@ -86,13 +108,34 @@ QVFoundRecord<Ref> findRecord(const std::vector<Ref>& records, const std::string
   for (const auto& record : records)
     if (record->title == argument) titled.push_back(record);
   if (titled.size() == 1) return {titled.front(), ""};
-  if (titled.empty()) return {nullptr, std::string("unknown ") + kind + " " + quoted(argument)};
+  if (titled.empty()) {
+    // A title typed in another case names the one record it can name.
+    std::vector<Ref> alike;
+    for (const auto& record : records)
+      if (lowercase(record->title) == lowercase(argument)) alike.push_back(record);
+    if (alike.size() == 1) return {alike.front(), ""};
+    std::vector<std::string> titles;
+    for (const auto& record : records) titles.push_back(record->title);
+    return {nullptr, std::string("unknown ") + kind + " " + quoted(argument) + didYouMean(argument, titles)};
+  }
   std::string identifiers;
   for (const auto& record : titled) identifiers += (identifiers.empty() ? "" : ", ") + record->identifier;
   return {nullptr, std::to_string(titled.size()) + " " + kind + "s are titled " + quoted(argument) + " (" + identifiers + "); name one by its identifier"};
 }
 
 }  // namespace
+
+std::string didYouMean(const std::string& given, const std::vector<std::string>& candidates) {
+  std::vector<std::string> near;
+  for (const auto& candidate : candidates)
+    if (oneTypoApart(given, candidate) && std::find(near.begin(), near.end(), candidate) == near.end())
+      near.push_back(candidate);
+  if (near.empty()) return "";
+  std::string text = " (did you mean ";
+  for (std::size_t i = 0; i < near.size(); ++i)
+    text += std::string(i == 0 ? "" : i + 1 == near.size() ? " or " : ", ") + qv::quoted(near[i]);
+  return text + "?)";
+}
 
 QVFoundRecord<QVGroupRef> findGroup(const QVBackupAgent& agent, const std::string& argument) {
   return findRecord(agent.groups(), argument, "group");

@@ -50,14 +50,19 @@ struct QVFoundRecord {
   std::string error;  // e.g. unknown group "Foo"
 };
 
-// An argument names the record whose identifier it equals; else the one record with that title. No
-// record, or a title that several records share (their identifiers are listed), is an error.
+// An argument names the record whose identifier it equals; else the one record with that title; else the
+// one record whose title differs from it only in the case of ASCII letters. No record (with the titles
+// one typo away offered), or a title that several records share (their identifiers are listed), is an error.
 QVFoundRecord<QVGroupRef> findGroup(const QVBackupAgent& agent, const std::string& argument);
 QVFoundRecord<QVTargetRef> findTarget(const QVBackupAgent& agent, const std::string& argument);
 
 // Another record than the one with identifier exceptID that has exactly this title (case-sensitive).
 QVGroupRef otherGroupTitled(const QVBackupAgent& agent, const std::string& title, const std::string& exceptID);
 QVTargetRef otherTargetTitled(const QVBackupAgent& agent, const std::string& title, const std::string& exceptID);
+
+// " (did you mean "backup"?)" with the candidates one typo (a letter added, dropped, changed, or two
+// neighbours swapped, case aside) away from given; "" when there is none.
+std::string didYouMean(const std::string& given, const std::vector<std::string>& candidates);
 
 // One line for the user: newlines and tabs become spaces.
 std::string singleLine(const std::string& text);

@@ -1,5 +1,7 @@
 #include "host/cli/QVRegistryCommands.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
 #include <chrono>
@@ -16,9 +18,12 @@
 #include "host/run/QVRecords.h"
 #include "host/run/QVReadableText.h"
 #include "host/run/QVRunJournal.h"
+#include "host/run/QVRunMonitor.h"
+#include "host/run/QVVersionNames.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVLog.h"
 #include "platform/QVMenu.h"
+#include "platform/QVPassedOverFolders.h"
 #include "platform/QVSchedule.h"
 #include "platform/QVStatusTexts.h"
 
@@ -34,6 +39,19 @@ bool contains(const std::vector<std::string>& list, const std::string& value) {
 }
 
 QVDate now() { return std::chrono::system_clock::now(); }
+
+// Whether two paths name one place: the same folder where both exist, else the same text without
+// trailing slashes.
+bool samePath(const std::string& a, const std::string& b) {
+  struct stat first, second;
+  if (::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0)
+    return first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+  auto trimmed = [](std::string path) {
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    return path;
+  };
+  return trimmed(a) == trimmed(b);
+}
 
 }  // namespace
 
@@ -75,7 +93,8 @@ int QVRegistryCommands::run(const QVCommandOptions& options) {
     case QVCommand::backup:
     case QVCommand::daemon:
     case QVCommand::restore:
-    case QVCommand::verify: break;
+    case QVCommand::verify:
+    case QVCommand::files: break;
   }
   return refuse("internal error: not a registry command");
 }
@@ -143,6 +162,11 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
     else if (contains(group->items, path)) m_out << "added: " << path << "\n";
     else m_out << "already covered by a folder of the group: " << path << "\n";
   }
+  // A version that held its destination would hold every version before it.
+  qv::passOverOwnFolders(m_agent);
+  for (const auto& path : existing)
+    for (const auto& folder : qv::foldersPassedOverInside(path))
+      m_out << "will be passed over (a backup destination or this program's own folder): " << folder << "\n";
   m_out << "group " << qv::quoted(group->title) << " (" << group->identifier << ") has " << group->items.size()
         << (group->items.size() == 1 ? " item" : " items") << "\n";
   if (!group->target || *group->target == "nil" || !m_agent.targetWithIdentifier(*group->target))
@@ -153,13 +177,26 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
 
 int QVRegistryCommands::groupList(const QVCommandOptions& options) {
   m_out << (options.json ? qv::groupsJSON(m_agent, now()) : qv::groupsTable(m_agent, now(), options.ids));
+  noteWithoutDaemon(options, m_agent.groups());
   return 0;
+}
+
+void QVRegistryCommands::noteWithoutDaemon(const QVCommandOptions& options, const std::vector<QVGroupRef>& groups) {
+  // A command carried out by the daemon comes from another process; any other runs without one.
+  if (options.remote || options.json) return;
+  const bool scheduled = std::any_of(groups.begin(), groups.end(), [&](const QVGroupRef& group) {
+    return m_agent.timerFireDateForGroupWithID(group->identifier).has_value();
+  });
+  if (scheduled)
+    m_out << "\nNo daemon is running, so scheduled backups will not start. Start it with \"stellwin-backup daemon\", "
+             "or for every login with \"systemctl --user enable --now stellwin-backup\".\n";
 }
 
 int QVRegistryCommands::groupShow(const QVCommandOptions& options) {
   auto found = qv::findGroup(m_agent, options.group);
   if (!found.record) return refuse(found.error);
   m_out << (options.json ? qv::groupJSON(*found.record) : qv::groupDetails(m_agent, *found.record, now()));
+  noteWithoutDaemon(options, {found.record});
   return 0;
 }
 
@@ -328,6 +365,18 @@ int QVRegistryCommands::targetAdd(const QVCommandOptions& options) {
   QVTarget target;
   target.identifier = qv::stringWithUUID();
   if (std::string problem = applyTargetOptions(options, target, true); !problem.empty()) return refuse(problem);
+  // A second destination at one place would split its groups' versions between two records.
+  for (const auto& other : m_agent.targets()) {
+    const bool samePlace = other->type == "local" || target.type == "local"
+                               ? other->type == target.type && samePath(other->path, target.path)
+                               : other->server == target.server && other->portString() == target.portString() &&
+                                     samePath(other->path, target.path) &&
+                                     (other->type == "dav") == (target.type == "dav");
+    if (samePlace)
+      return refuse("the destination " + qv::quoted(other->title) + " (" + other->identifier + ") is at " +
+                    qv::quoted(qv::redactedString(qv::locationText(*other))) + " already; use it, or change it with "
+                    "\"stellwin-backup target set\"");
+  }
   if (target.type == "local" && !qv::fileExistsAtPath(target.path))
     warn("the folder " + qv::quoted(target.path) + " does not exist; backups to it fail until it does");
   if (options.makeDefault) {
@@ -365,12 +414,45 @@ int QVRegistryCommands::targetRemove(const QVCommandOptions& options) {
   auto found = qv::findTarget(m_agent, options.target);
   if (!found.record) return refuse(found.error);
   const QVTargetRef target = found.record;
-  std::string users;
-  for (const auto& group : m_agent.groups())
-    if (group->target == target->identifier) users += (users.empty() ? "" : ", ") + qv::quoted(group->title);
+  std::vector<QVGroupRef> users;
+  std::string titles;
+  for (const auto& group : m_agent.groups()) {
+    if (group->target != target->identifier) continue;
+    users.push_back(group);
+    titles += (titles.empty() ? "" : ", ") + qv::quoted(group->title);
+  }
+  // Everything is checked before anything changes.
+  QVTargetRef heir;
+  if (options.groupsTo) {
+    auto other = qv::findTarget(m_agent, *options.groupsTo);
+    if (!other.record) return refuse(other.error);
+    if (other.record->identifier == target->identifier)
+      return refuse("--groups-to names the destination being removed; name another one");
+    heir = other.record;
+  }
+  if (!users.empty() && !heir && !options.force) {
+    const bool one = users.size() == 1;
+    return refuse(std::string(one ? "the group " : "the groups ") + titles + (one ? " backs up to " : " back up to ") +
+                  qv::quoted(target->title) + (one ? "; move it" : "; move them") + " with --groups-to OTHER, or give "
+                  "--force to leave " + (one ? "it" : "them") + " without a destination");
+  }
+  for (const auto& group : users) {
+    if (!heir) break;
+    if (m_agent.isBackingUpGroupWithID(group->identifier))
+      return fail("group " + qv::quoted(group->title) + " is being backed up; try again when it has finished");
+  }
+  for (const auto& group : users) {
+    if (!heir) break;
+    auto moved = std::make_shared<QVGroup>(*group);
+    moved->target = heir->identifier;
+    m_agent.updateGroup(moved);
+    m_out << "group " << qv::quoted(group->title) << " now backs up to " << qv::quoted(heir->title) << "\n";
+  }
   m_agent.removeTargetWithID(target->identifier);
   m_out << "removed destination " << qv::quoted(target->title) << " (" << target->identifier << ")\n";
-  if (!users.empty()) warn("groups " + users + " still name it and cannot be backed up until given another destination");
+  if (!users.empty() && !heir)
+    warn((users.size() == 1 ? "the group " : "the groups ") + titles +
+         " cannot be backed up until given another destination with \"stellwin-backup group set GROUP --target TARGET\"");
   return 0;
 }
 
@@ -384,8 +466,7 @@ std::string QVRegistryCommands::listingFailure(const QVGroup& group) const {
     return "the destination " + qv::quoted(target->title) + " (" + qv::redactedString(qv::locationText(*target)) +
            ") could not be listed: the server could not be reached or refused the listing";
   // A local folder tells for itself: no group folder yet is no versions; anything else is a failure.
-  if (!qv::fileExistsAtPath(target->path))
-    return "the destination folder " + qv::quoted(target->path) + " does not exist (is its volume mounted?)";
+  if (std::string missing = qv::missingDestinationText(*target); !missing.empty()) return missing;
   const std::string folder = qv::stringByAppendingPathComponent(target->path, group.title);
   bool isDirectory = false;
   if (!qv::fileExistsAtPath(folder, &isDirectory)) return "";
@@ -407,10 +488,9 @@ int QVRegistryCommands::versions(const QVCommandOptions& options) {
   std::vector<std::string> names = listing.value_or(std::vector<std::string>{});
   std::sort(names.begin(), names.end(), std::greater<>());  // newest first
 
-  // A version that the journal knows from a run that was cancelled or failed lacks items.
   std::vector<std::string> partial;
-  for (const auto& entry : QVRunJournal(QVRunJournal::defaultDirectory()).entries())
-    if (entry.groupID == group->identifier && !entry.version.empty() && entry.isPartial()) partial.push_back(entry.version);
+  for (const auto& version : qv::versionsInListing(names, qv::partialVersionsInJournal(group->identifier)))
+    if (version.partial) partial.push_back(version.name);
   if (options.json) {
     m_out << qv::versionsJSON(*group, names, partial);
   } else if (names.empty()) {
@@ -466,7 +546,7 @@ int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
   };
   // The group's item is the one whose submenu entries stand for the group.
   std::shared_ptr<QVMenuItem> entry;
-  std::vector<std::string> offered;
+  std::vector<std::string> offered, titles;
   for (const auto& item : m_agent.menuItems().value_or(std::vector<std::shared_ptr<QVMenuItem>>{})) {
     if (!item->submenu()) continue;
     const auto& entries = item->submenu()->itemArray();
@@ -476,6 +556,7 @@ int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
     for (const auto& candidate : entries) {
       if (!candidate->hasAction()) continue;
       if (!candidate->isHidden()) offered.push_back(qv::quoted(candidate->title()));
+      titles.push_back(candidate->title());
       if (names(*candidate, options.menuEntry) && (!entry || entry->isHidden())) entry = candidate;
     }
   }
@@ -483,7 +564,7 @@ int QVRegistryCommands::menuEntry(const QVCommandOptions& options) {
   for (const auto& title : offered) offers += (offers.empty() ? "" : ", ") + title;
   if (!entry)
     return refuse("the menu of group " + qv::quoted(group->title) + " has no entry " + qv::quoted(options.menuEntry) +
-                  "; it offers " + offers);
+                  qv::didYouMean(options.menuEntry, titles) + "; it offers " + offers);
   if (entry->isHidden())
     return fail("the menu of group " + qv::quoted(group->title) + " does not offer " + qv::quoted(options.menuEntry) +
                 " now; it offers " + offers);
@@ -518,8 +599,11 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
     std::string message;
     if (group->lastBackupAttemptDate && code != 0) {
       message = qv::statusText(*group);
-      if (std::string comment = qv::statusCommentString(static_cast<std::int32_t>(code)); !comment.empty())
+      const QVTargetRef target = group->target ? m_agent.targetWithIdentifier(*group->target) : nullptr;
+      if (std::string comment = qv::statusCommentStringForDestination(target ? target->type : "", code); !comment.empty())
         message += ": " + comment;
+      if (std::string missing = target ? qv::missingDestinationText(*target) : ""; !missing.empty() && code == -120)
+        message += " T" + missing.substr(1);
     }
     auto lastRun = lastRuns.find(group->identifier);
     const std::string lastOutcome = lastRun == lastRuns.end() ? "" : lastRun->second.outcome;
@@ -547,6 +631,7 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
   if (options.json) m_out << qv::recordJSON(QVValue(records));
   else if (records.empty()) m_out << "No groups.\n";
   else m_out << table.text();
+  noteWithoutDaemon(options, m_agent.groups());
   return 0;
 }
 

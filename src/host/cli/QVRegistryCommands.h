@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "host/cli/QVCommandLine.h"
+#include "targets/QVGroup.h"
 
 class QVBackupAgent;
 struct QVGroup;
@@ -59,6 +60,9 @@ class QVRegistryCommands {
   // Why the group's versions could not be listed, given that its destination gave no listing; "" when
   // that only means the group has no folder there yet (no versions).
   std::string listingFailure(const QVGroup& group) const;
+  // Under the groups shown: that no scheduled backup starts while no daemon runs, when one of groups has a
+  // schedule, and how to start one. Nothing for --json or for a command that the daemon carries out.
+  void noteWithoutDaemon(const QVCommandOptions& options, const std::vector<QVGroupRef>& groups);
   // Removes the default mark of every destination but keepID.
   void clearOtherDefaults(const std::string& keepID);
 

@@ -28,6 +28,7 @@ constexpr std::pair<QVCommand, const char*> kCommandNames[] = {
     {QVCommand::log, "log"},
     {QVCommand::status, "status"},
     {QVCommand::cancel, "cancel"},
+    {QVCommand::files, "files"},
 };
 
 // The string fields of the options, by key.
@@ -42,7 +43,7 @@ constexpr std::pair<const char*, std::optional<std::string> QVCommandOptions::*>
     {"type", &QVCommandOptions::type},       {"path", &QVCommandOptions::path},
     {"server", &QVCommandOptions::server},   {"port", &QVCommandOptions::port},
     {"user", &QVCommandOptions::user},       {"version", &QVCommandOptions::version},
-    {"password", &QVCommandOptions::suppliedPassword},
+    {"password", &QVCommandOptions::suppliedPassword}, {"groupsTo", &QVCommandOptions::groupsTo},
 };
 constexpr std::pair<const char*, std::vector<std::string> QVCommandOptions::*> kLists[] = {
     {"paths", &QVCommandOptions::paths}, {"groups", &QVCommandOptions::groups}};
@@ -53,6 +54,7 @@ constexpr std::pair<const char*, bool QVCommandOptions::*> kFlags[] = {
     {"yes", &QVCommandOptions::yes},
     {"passwordStdin", &QVCommandOptions::passwordStdin},
     {"makeDefault", &QVCommandOptions::makeDefault},
+    {"force", &QVCommandOptions::force},
 };
 
 // How deep the body's arrays and objects nest, counted before it is parsed (outside strings).

@@ -23,6 +23,7 @@
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVProgressDisplay.h"
 #include "host/run/QVReadableText.h"
+#include "host/run/QVVersionNames.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVLog.h"
 #include "platform/QVRunLoop.h"
@@ -132,6 +133,32 @@ std::string normalised(const std::string& path) {
   return result;
 }
 
+// A path as the user gave it for a version: a file's or folder's own absolute path, inside one of the
+// group's items, becomes its path inside the version (under the name the run gave the item); any
+// other path is read as a path inside the version.
+std::string pathInVersion(const QVGroup& group, const std::string& given) {
+  if (!given.empty() && given.front() == '/') {
+    std::vector<std::string> used;
+    for (const auto& item : group.items) {
+      const std::string name = qv::uniqueItemName(item, used);
+      if (given == item) return name;
+      if (given.size() > item.size() && given.compare(0, item.size(), item) == 0 && given[item.size()] == '/')
+        return normalised(name + given.substr(item.size()));
+    }
+  }
+  return normalised(given);
+}
+
+// "2026-11-25 12:33:05", local time, from nanoseconds since the epoch.
+std::string localTime(std::int64_t nanoseconds) {
+  const std::time_t seconds = static_cast<std::time_t>(nanoseconds / 1000000000);
+  std::tm tm{};
+  ::localtime_r(&seconds, &tm);
+  char text[32];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &tm);
+  return text;
+}
+
 // Sets a restored file's or folder's mode and time where the destination kept them.
 void applyAttributes(int fd, const std::string& path, const QVVersionEntry& entry) {
   if (entry.mode) fd >= 0 ? ::fchmod(fd, *entry.mode) : ::chmod(path.c_str(), *entry.mode);
@@ -170,20 +197,38 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
       group.target ? m_agent.backupTargetWithIdentifier(*group.target) : nullptr;
   if (!target) return fail("group " + qv::quoted(group.title) + " has no usable destination", 1);
 
-  // The newest version, or the one asked for.
-  std::string version = options.version.value_or("");
-  if (version.empty()) {
-    std::vector<std::string> versions;
-    for (const auto& name : target->entriesInDirectoryForItem(group).value_or(std::vector<std::string>{}))
-      if (qv::isVersionName(name)) versions.push_back(name);
+  // The newest complete version, or the one asked for; a partial one only when asked for.
+  const std::vector<QVVersionName> versions =
+      qv::versionsInListing(target->entriesInDirectoryForItem(group).value_or(std::vector<std::string>{}),
+                            qv::partialVersionsInJournal(group.identifier));
+  std::optional<QVVersionName> chosen;
+  if (!options.version) {
     if (versions.empty())
       return fail("no version of group " + qv::quoted(group.title) + " could be found at its destination", 1);
-    version = *std::max_element(versions.begin(), versions.end());
-  } else if (!qv::isVersionName(version)) {
-    return fail(qv::quoted(version) + " is not a version name (yyyyMMddHHmmss.backup)", 2);
+    chosen = qv::newestCompleteVersion(versions);
+    if (!chosen)
+      return fail("group " + qv::quoted(group.title) + " has no complete version, only partial ones, whose runs were "
+                  "cancelled or failed; name one with --version (the newest is " + versions.back().name + ")", 1);
+  } else {
+    std::string why;
+    bool usage = false;
+    chosen = qv::findVersion(versions, *options.version, &why, &usage);
+    // A whole name is read as it is, also where the listing does not show it (a server may list a
+    // group's folder in part); reading then tells whether it is there.
+    for (const std::string& name : {*options.version, *options.version + ".backup"})
+      if (!chosen && !usage && (qv::isVersionName(name) || qv::isPartialVersionName(name)))
+        chosen = QVVersionName{name, qv::isPartialVersionName(name)};
+    if (!chosen) return fail(why + " of group " + qv::quoted(group.title), usage ? 2 : 1);
   }
+  const std::string version = chosen->name;
+  if (chosen->partial)
+    m_err << kProgram << ": warning: version " << version << " is partial: its run was cancelled or failed, so it "
+          << "may lack files" << std::endl;
+  if (options.command == QVCommand::files) return listFiles(*target, group, version, options);
+  bool madeFolder = false;
   if (restoring) {
     std::error_code ec;
+    madeFolder = !fs::exists(fs::symlink_status(restoreFolder, ec));
     fs::create_directories(restoreFolder, ec);
     if (ec) return fail("cannot make " + qv::quoted(restoreFolder) + ": " + ec.message(), 1);
   }
@@ -210,7 +255,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
       if (!reader.walk("", plan, errors, &error)) errors.push_back({"", describe(error)});
     }
     for (const auto& given : options.paths) {
-      const std::string path = normalised(given);
+      const std::string path = pathInVersion(group, given);
       auto member = path.empty() ? std::nullopt : reader.find(path, &error);
       if (!member) {
         errors.push_back({given, path.empty() || error.domain.empty() ? "not in the version" : describe(error)});
@@ -389,6 +434,12 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
   qv::removeSignalHandler(sigterm);
   display.end(group.identifier);
 
+  // A refused restore leaves no empty folder of its own behind.
+  if (restoring && madeFolder && filesHandled == 0) {
+    std::error_code ec;
+    if (fs::is_empty(restoreFolder, ec)) fs::remove(restoreFolder, ec);
+  }
+
   if (options.json) {
     nlohmann::json result = {{"groupID", group.identifier}, {"groupTitle", group.title}, {"version", version},
                              {"bytesRead", bytesDone.load()},       {"interrupted", interrupted}};
@@ -419,4 +470,63 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
   }
   if (interrupted) return 130;
   return errors.empty() ? 0 : 1;
+}
+
+int QVRestoreCommand::fail(const std::string& line, int status) {
+  m_err << kProgram << ": " << qv::singleLine(line) << std::endl;
+  return status;
+}
+
+int QVRestoreCommand::listFiles(QVBackupTarget& target, const QVGroup& group, const std::string& version,
+                                const QVCommandOptions& options) {
+  const std::string given = options.paths.empty() ? "" : options.paths.front();
+  const std::string folder = given.empty() ? "" : pathInVersion(group, given);
+  if (!given.empty() && folder.empty())
+    return fail(qv::quoted(given) + " is not a path inside version " + version, 2);
+  QVError error;
+  VersionReader reader(target, group, version);
+  std::optional<std::vector<QVVersionEntry>> entries = target.contentsOfVersion(group, version, folder, &error);
+  if (!entries && !folder.empty()) {
+    // A file: shown by itself.
+    QVError notFolder;
+    if (auto member = reader.find(folder, &notFolder); member && !member->entry.isDirectory)
+      entries = std::vector<QVVersionEntry>{member->entry};
+  }
+  if (!entries)
+    return fail(qv::quoted(given.empty() ? version : given) + " could not be listed in version " + version + ": " +
+                describe(error), 1);
+  std::sort(entries->begin(), entries->end(), [](const auto& a, const auto& b) { return a.name < b.name; });
+  if (options.json) {
+    nlohmann::json array = nlohmann::json::array();
+    for (const auto& entry : *entries) {
+      nlohmann::json object = {{"name", entry.name},
+                               {"path", joined(folder, entry.name)},
+                               {"kind", entry.symbolicLinkTarget ? "link" : entry.isDirectory ? "folder" : "file"},
+                               {"size", entry.size}};
+      object["modified"] = entry.modificationTimeNanoseconds
+                               ? nlohmann::json(qv::iso8601(QVDate(std::chrono::duration_cast<QVDate::duration>(
+                                                     std::chrono::nanoseconds(*entry.modificationTimeNanoseconds)))))
+                               : nlohmann::json(nullptr);
+      if (entry.symbolicLinkTarget) object["linkTarget"] = *entry.symbolicLinkTarget;
+      array.push_back(std::move(object));
+    }
+    m_out << nlohmann::json({{"group", group.title}, {"version", version}, {"folder", folder}, {"entries", array}})
+                 .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+          << "\n";
+    return 0;
+  }
+  m_out << "version " << version << " of group " << qv::quoted(group.title)
+        << (folder.empty() ? std::string() : ", folder " + qv::quoted(folder)) << ":\n";
+  if (entries->empty()) m_out << "  (empty)\n";
+  for (const auto& entry : *entries) {
+    std::string name = qv::singleLine(entry.name);
+    if (entry.symbolicLinkTarget) name += " -> " + qv::singleLine(*entry.symbolicLinkTarget);
+    else if (entry.isDirectory) name += "/";
+    const std::string size = entry.isDirectory || entry.symbolicLinkTarget ? "" : std::to_string(entry.size);
+    const std::string time = entry.modificationTimeNanoseconds ? localTime(*entry.modificationTimeNanoseconds) : "";
+    char line[64];
+    std::snprintf(line, sizeof line, "  %14s  %-19s  ", size.c_str(), time.c_str());
+    m_out << line << name << "\n";
+  }
+  return 0;
 }

@@ -35,7 +35,7 @@ void QVDesktopNCTemplate::show() {
   if (id == 0) {
     // Written once: the next message must not repeat this one.
     m_bubbleId = 0;
-    m_host.writeMessage(text);
+    m_host.writeNotificationText(text);
     clearItems();
     return;
   }

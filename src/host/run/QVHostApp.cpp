@@ -45,6 +45,14 @@ void QVHostApp::writeMessage(const std::string& shown) {
   std::fflush(stderr);
 }
 
+void QVHostApp::writeNotificationText(const std::string& text) {
+  if (m_notificationsElsewhere) {
+    qv::debugLog("host", "notification (its run's outcome says it): " + qv::redactedString(text));
+    return;
+  }
+  writeMessage(text);
+}
+
 void QVHostApp::templateWillShow(const QVNCTemplate& nctemplate) {
   if (!nctemplate.items().empty()) m_templateListeners.notify(nctemplate, nctemplate.items().back());
 }
@@ -78,7 +86,7 @@ QVNotification QVHostApp::notificationInstance() { return {}; }
 void QVHostApp::showNotification(const QVNotification& notification) {
   QVDesktopNotifications* desktop = desktopNotifications();
   if (!desktop) {
-    writeMessage(notification.text);
+    writeNotificationText(notification.text);
     return;
   }
   std::vector<QVDesktopNotifications::Action> actions;
@@ -97,7 +105,7 @@ void QVHostApp::showNotification(const QVNotification& notification) {
       },
       [this, tag](std::uint32_t) { m_bubblesByTag.erase(tag); });
   if (id == 0) {
-    writeMessage(notification.text);
+    writeNotificationText(notification.text);
     return;
   }
   if (!tag.empty()) m_bubblesByTag[tag] = id;

@@ -46,6 +46,11 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
   // "stellwin-backup: <text>" to stderr.
   void setMessageWriter(std::function<void(const std::string& text)> writer) { m_messageWriter = std::move(writer); }
   void writeMessage(const std::string& text);
+  // On: a notification that no bubble shows is not written either (to the debug log only), as the
+  // command prints each run's outcome itself.
+  void setNotificationsPrintedElsewhere(bool elsewhere) { m_notificationsElsewhere = elsewhere; }
+  // Where a notification's text goes when no bubble shows it.
+  void writeNotificationText(const std::string& text);
 
   // Told each time a template shows, before it shows, with the item just pushed.
   using TemplateListener = std::function<void(const QVNCTemplate& nctemplate, const QVNCTemplateItem& item)>;
@@ -84,6 +89,7 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
   const QVBackupAgent* m_agent = nullptr;
   bool m_desktopEnabled = true;
   bool m_desktopTried = false;
+  bool m_notificationsElsewhere = false;
   std::unique_ptr<QVDesktopNotifications> m_desktop;
   std::function<void(const std::string&)> m_messageWriter;
   QVListeners<const QVNCTemplate&, const QVNCTemplateItem&> m_templateListeners;

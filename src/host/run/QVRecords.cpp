@@ -66,6 +66,7 @@ QVJournalEntry entryFrom(const QVDictionary& record) {
   read(record, "missingItems", entry.missingItems);
   read(record, "failedItems", entry.failedItems);
   read(record, "versionsUnreadable", entry.versionsUnreadable);
+  read(record, "passedOver", entry.passedOver);
   return entry;
 }
 
@@ -93,7 +94,8 @@ QVDictionary journalRecord(const QVJournalEntry& entry) {
                       {"leftOut", stringArray(entry.leftOut)},
                       {"missingItems", stringArray(entry.missingItems)},
                       {"failedItems", stringArray(entry.failedItems)},
-                      {"versionsUnreadable", entry.versionsUnreadable}};
+                      {"versionsUnreadable", entry.versionsUnreadable},
+                      {"passedOver", stringArray(entry.passedOver)}};
 }
 
 std::optional<QVJournalEntry> journalEntryFromRecord(const QVDictionary& record) {
@@ -122,6 +124,7 @@ QVRunOutcome outcomeFromRecord(const QVDictionary& record) {
   report.missingItems = entry.missingItems;
   report.failedItems = entry.failedItems;
   report.versionsUnreadable = entry.versionsUnreadable;
+  report.passedOver = entry.passedOver;
   outcome.report = std::move(report);
   return outcome;
 }

@@ -23,7 +23,7 @@ namespace qv {
 
 // A run's outcome: "groupID", "groupTitle", "outcome", "statusCode", "message", "version", "started",
 // "ended", "items", "files", "bytes", "leftOutCount", "leftOut" (at most leftOutLimit paths),
-// "missingItems", "failedItems" ("path (reason)"), "versionsUnreadable".
+// "missingItems", "failedItems" ("path (reason)"), "versionsUnreadable", "passedOver".
 QVDictionary outcomeRecord(const QVRunOutcome& outcome,
                            std::size_t leftOutLimit = std::numeric_limits<std::size_t>::max());
 QVDictionary journalRecord(const QVJournalEntry& entry);

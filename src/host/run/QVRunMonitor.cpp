@@ -3,10 +3,15 @@
 #include "agent/QVBackupAgent.h"
 #include "host/run/QVHostApp.h"
 #include "host/run/QVReadableText.h"
+#include "host/run/QVVersionNames.h"
+#include "platform/QVFoundation.h"
 #include "platform/QVLog.h"
 #include "platform/QVNCTemplate.h"
+#include "platform/QVPassedOverFolders.h"
 #include "platform/QVRunLoop.h"
 #include "platform/QVStatusTexts.h"
+#include "platform/QVUserDefaults.h"
+#include "targets/QVBackupTarget.h"
 
 std::string QVRunOutcome::kindName(Kind kind) {
   switch (kind) {
@@ -54,6 +59,8 @@ std::vector<std::string> QVRunOutcome::detailLines() const {
     for (std::size_t i = 0; i < leftOut && i < kShown; ++i) lines.push_back("  " + report->leftOut[i]);
     if (leftOut > kShown) lines.push_back("  and " + std::to_string(leftOut - kShown) + " more (see --json)");
   }
+  for (const auto& folder : report->passedOver)
+    lines.push_back("passed over (a backup destination or this program's own folder): " + folder);
   if (report->versionsUnreadable)
     lines.push_back("the group's stored \"versions\" cannot be read, so no old version was removed; set it with "
                     "\"stellwin-backup group set " + groupID + " --versions N\"");
@@ -80,11 +87,28 @@ QVJournalEntry QVRunOutcome::journalEntry(std::size_t leftOutLimit) const {
     entry.missingItems = report->missingItems;
     entry.failedItems = report->failedItems;
     entry.versionsUnreadable = report->versionsUnreadable;
+    entry.passedOver = report->passedOver;
   } else {
     entry.started = entry.ended = qv::iso8601(std::chrono::system_clock::now());
   }
   return entry;
 }
+
+namespace qv {
+
+void passOverOwnFolders(const QVBackupAgent& agent) {
+  std::vector<std::string> folders{QVUserDefaults::configDirectory(), QVRunJournal::defaultDirectory()};
+  for (const auto& target : agent.targets())
+    if (target->type == "local" && !target->path.empty() && target->path.front() == '/') folders.push_back(target->path);
+  setFoldersPassedOver(std::move(folders));
+}
+
+std::string missingDestinationText(const QVTarget& target) {
+  if (target.type != "local" || fileExistsAtPath(target.path)) return "";
+  return "the destination folder \"" + target.path + "\" does not exist (is its volume mounted?)";
+}
+
+}  // namespace qv
 
 std::shared_ptr<QVRunMonitor> QVRunMonitor::make(QVBackupAgent& agent, QVHostApp& host) {
   std::shared_ptr<QVRunMonitor> monitor(new QVRunMonitor(agent, host, QVRunJournal(QVRunJournal::defaultDirectory())));
@@ -92,6 +116,8 @@ std::shared_ptr<QVRunMonitor> QVRunMonitor::make(QVBackupAgent& agent, QVHostApp
   // The agent starts the icon animation before the run is filed: look once the start is done.
   monitor->m_hostSubscriptions.push_back(host.addAnimationListener([weak](bool started, int) {
     if (!started) return;
+    // Before the run's thread starts: its copies read the list as it stands then.
+    if (auto self = weak.lock()) qv::passOverOwnFolders(self->m_agent);
     qv::postToMainThread([weak] {
       if (auto self = weak.lock()) self->findStartedRuns();
     });
@@ -199,6 +225,7 @@ void QVRunMonitor::finishRun(const std::string& groupID) {
     outcome.kind = QVRunOutcome::Kind::cancelled;
   } else {
     outcome.kind = QVRunOutcome::Kind::failed;
+    const QVTargetRef target = group && group->target ? m_agent.targetWithIdentifier(*group->target) : nullptr;
     // The failure notification's item reads "<title> - <message>".
     const std::string prefix = outcome.title + " - ";
     if (run.error && run.error->recoverySuggestion) {
@@ -209,16 +236,49 @@ void QVRunMonitor::finishRun(const std::string& groupID) {
       outcome.message = *run.failureText;
     }
     if (outcome.message.empty() || outcome.message == "(null)")
-      outcome.message = qv::statusCommentString(static_cast<std::int32_t>(code));
+      outcome.message = qv::statusCommentStringForDestination(target ? target->type : "", code);
+    // The destination's own message cannot say which folder is missing.
+    if (std::string missing = target ? qv::missingDestinationText(*target) : ""; !missing.empty() && code == -120)
+      outcome.message += " T" + missing.substr(1);
     outcome.message = qv::redactedString(outcome.message);  // a server's address may carry a password
   }
   if (const QVRunReport* report = m_agent.runReportForGroupWithID(groupID)) {
     outcome.report = *report;
     for (auto& item : outcome.report->failedItems) item = qv::redactedString(item);  // the reasons name servers
+    if (group)
+      for (const auto& item : group->items)
+        for (auto& folder : qv::foldersPassedOverInside(item)) outcome.report->passedOver.push_back(std::move(folder));
   }
+  if (group) settleVersions(*group, outcome);
   if (std::string error; !m_journal.append(outcome.journalEntry(), &error))
     m_host.writeMessage("warning: the run was not recorded in the journal: " + error);
   m_outcomes.notify(outcome);
+}
+
+void QVRunMonitor::settleVersions(const QVGroup& group, QVRunOutcome& outcome) {
+  if (!outcome.report || outcome.report->version.empty() || !group.target) return;
+  const bool partial = outcome.kind == QVRunOutcome::Kind::cancelled || outcome.kind == QVRunOutcome::Kind::failed;
+  if (!partial && !outcome.isSuccess()) return;
+  std::unique_ptr<QVBackupTarget> target = m_agent.backupTargetWithIdentifier(*group.target);
+  if (!target) return;
+  const std::vector<std::string> entries = target->entriesInDirectoryForItem(group).value_or(std::vector<std::string>{});
+  const std::string version = outcome.report->version;
+  if (std::find(entries.begin(), entries.end(), version) == entries.end()) return;  // removed, or never made
+  if (partial) {
+    // Out of the names the agent's pruning counts: a partial version never pushes out a complete one.
+    const std::string renamed = qv::partialVersionName(version);
+    if (target->renameEntry(version, renamed, group)) outcome.report->version = renamed;
+    else qv::debugLog("host", "QVRunMonitor could not mark the version " + version + " of \"" + group.title + "\" as partial");
+    return;
+  }
+  // A complete version now stands: the partial ones before it hold nothing that it lacks (also those
+  // the journal knows as partial under their first name, where a destination could not rename them).
+  for (const auto& entry : qv::versionsInListing(entries, qv::partialVersionsInJournal(group.identifier))) {
+    const std::string& name = entry.name;
+    if (!entry.partial || name >= version) continue;
+    if (!target->removeEntry(name, group))
+      qv::debugLog("host", "QVRunMonitor could not remove the partial version " + name + " of \"" + group.title + "\"");
+  }
 }
 
 void QVRunMonitor::emptyGroupEnded(const std::string& groupID) {

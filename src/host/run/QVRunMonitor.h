@@ -42,7 +42,8 @@ struct QVRunOutcome {
   std::optional<QVRunReport> report;  // what the run did; none for a group that was not run
 
   // Names what the run left out, one line each, for under the outcome line: the missing items, the
-  // files the copy passed over (at most ten, then how many more), and old versions kept for want of a
+  // files the copy passed over (at most ten, then how many more), the folders inside the items that are
+  // never copied (destinations, the program's own), and old versions kept for want of a
   // readable "versions". Empty when nothing was left out.
   std::vector<std::string> detailLines() const;
   // The journal's entry for the run, naming at most leftOutLimit of the files left out.
@@ -58,6 +59,18 @@ struct QVRunOutcome {
   // 20261125121202.backup".
   std::string line() const;
 };
+
+namespace qv {
+
+// Makes every local destination's folder and the program's own configuration and state folders the ones
+// that no copy enters (QVPassedOverFolders), as the agent's destinations stand now.
+void passOverOwnFolders(const QVBackupAgent& agent);
+
+// For a local destination whose folder is missing: "the destination folder "/media/usb/Backups" does not
+// exist (is its volume mounted?)"; "" otherwise.
+std::string missingDestinationText(const QVTarget& target);
+
+}  // namespace qv
 
 class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_from_this<QVRunMonitor> {
  public:
@@ -120,6 +133,9 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   void templateDidShowItem(const QVNCTemplate& nctemplate, const QVNCTemplateItem& item);
   void finishRun(const std::string& groupID);
   void emptyGroupEnded(const std::string& groupID);
+  // After a run: a version it left unfinished is renamed partial; a complete one removes the partial
+  // versions older than itself. Requires: the agent has finished handling the run.
+  void settleVersions(const QVGroup& group, QVRunOutcome& outcome);
 
   QVBackupAgent& m_agent;
   QVHostApp& m_host;
