@@ -171,15 +171,222 @@ void applyAttributes(int fd, const std::string& path, const QVVersionEntry& entr
 
 }  // namespace
 
+// One reading of a version, shared by the worker that reads and the main thread that shows progress:
+// the counters are atomic, the file being read is guarded by currentMutex, and everything else is
+// written by the worker only and read after it has ended.
+struct QVRestoreCommand::Reading {
+  Reading(QVBackupTarget& target, const QVGroup& group, std::string version, std::string restoreFolder)
+      : target(target), group(group), version(std::move(version)), restoreFolder(std::move(restoreFolder)) {}
+
+  QVBackupTarget& target;
+  const QVGroup& group;
+  std::string version;
+  std::string restoreFolder;  // restore: where the files go
+
+  std::atomic<std::uint64_t> bytesDone{0}, bytesTotal{0};
+  std::vector<Problem> errors;
+  std::map<std::string, std::vector<std::string>> reported;  // verify: changed, added, gone
+  std::uint64_t filesHandled = 0;
+  std::uint64_t bytesKept = 0;  // restore: the bytes of the files it wrote whole, and left in place
+  std::mutex currentMutex;
+  std::string current;  // the file being read; guarded by currentMutex
+
+  void setCurrent(const std::string& path) {
+    std::lock_guard<std::mutex> lock(currentMutex);
+    current = path;
+  }
+  std::string currentFile() {
+    std::lock_guard<std::mutex> lock(currentMutex);
+    return current;
+  }
+
+  // Writes the given paths of the version (all of it when none) into restoreFolder.
+  void restore(VersionReader& reader, const std::vector<std::string>& paths);
+  // Writes one file; false when it was not restored (its error noted, nothing of it left).
+  bool restoreFile(VersionReader& reader, const Member& member, const std::string& local);
+  // Compares the version with the group's sources as they are now.
+  void verify(VersionReader& reader);
+  // One file of the version against its source.
+  void verifyFile(VersionReader& reader, const Member& member, const std::string& source);
+  // Sources the version should hold: missing when unchanged since it was made, added when newer.
+  void findSourcesNotInVersion(const std::map<std::string, std::string>& sourceOfItem,
+                               const std::set<std::string>& inVersion, std::time_t madeAt);
+};
+
+void QVRestoreCommand::Reading::restore(VersionReader& reader, const std::vector<std::string>& paths) {
+  std::vector<Member> plan;
+  QVError error;
+  if (paths.empty()) {
+    if (!reader.walk("", plan, errors, &error)) errors.push_back({"", describe(error)});
+  }
+  for (const auto& given : paths) {
+    const std::string path = pathInVersion(group, given);
+    auto member = path.empty() ? std::nullopt : reader.find(path, &error);
+    if (!member) {
+      errors.push_back({given, path.empty() || error.domain.empty() ? "not in the version" : describe(error)});
+      error = QVError();
+      continue;
+    }
+    plan.push_back(*member);
+    if (member->entry.isDirectory && !member->isLink() && !reader.walk(path, plan, errors, &error))
+      errors.push_back({path, describe(error)});
+  }
+  for (const auto& member : plan) bytesTotal += member.entry.size;
+  std::vector<const Member*> folders;
+  for (const auto& member : plan) {
+    if (target.isCancelled()) break;
+    const std::string local = restoreFolder + "/" + member.path;
+    std::error_code ec;
+    fs::create_directories(fs::path(local).parent_path(), ec);
+    if (member.isLink()) {
+      if (::symlink(member.entry.symbolicLinkTarget->c_str(), local.c_str()) != 0)
+        errors.push_back({member.path, std::strerror(errno)});
+      continue;
+    }
+    if (member.entry.isDirectory) {
+      fs::create_directories(local, ec);
+      folders.push_back(&member);
+      continue;
+    }
+    if (restoreFile(reader, member, local)) ++filesHandled;
+  }
+  // Folders last, deepest first, so their times are not changed again by what went into them.
+  for (auto it = folders.rbegin(); it != folders.rend(); ++it)
+    applyAttributes(-1, restoreFolder + "/" + (*it)->path, (*it)->entry);
+}
+
+bool QVRestoreCommand::Reading::restoreFile(VersionReader& reader, const Member& member, const std::string& local) {
+  QVError error;
+  int fd = ::open(local.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    errors.push_back({member.path, std::strerror(errno)});
+    return false;
+  }
+  setCurrent(member.path);
+  bool written = true;
+  int writeError = 0;
+  std::uint64_t fileBytes = 0;
+  const bool read = reader.read(member.path, [&](const char* bytes, std::size_t length) {
+    for (std::size_t at = 0; written && at < length;) {
+      ssize_t n = ::write(fd, bytes + at, length - at);
+      if (n < 0 && errno == EINTR) continue;
+      written = n > 0;
+      if (!written) writeError = n < 0 ? errno : ENOSPC;
+      at += n > 0 ? static_cast<std::size_t>(n) : 0;
+      fileBytes += n > 0 ? static_cast<std::uint64_t>(n) : 0;
+    }
+    bytesDone += length;
+    return written;
+  }, &error);
+  if (read && written) applyAttributes(fd, local, member.entry);
+  ::close(fd);
+  if (!read || !written) {
+    ::unlink(local.c_str());  // a file half restored is not restored
+    if (!target.isCancelled())
+      errors.push_back({member.path, written ? describe(error) : "cannot be written here: " + std::string(std::strerror(writeError))});
+    return false;
+  }
+  bytesKept += fileBytes;
+  return true;
+}
+
+void QVRestoreCommand::Reading::verify(VersionReader& reader) {
+  const std::time_t madeAt = versionTime(version);
+  // The name each item was given in the version, as the run gives them.
+  std::map<std::string, std::string> sourceOfItem;
+  std::vector<std::string> used;
+  for (const auto& item : group.items) sourceOfItem[qv::uniqueItemName(item, used)] = item;
+  std::vector<Member> plan;
+  QVError error;
+  if (!reader.walk("", plan, errors, &error)) errors.push_back({"", describe(error)});
+  for (const auto& member : plan) bytesTotal += member.isLink() || member.entry.isDirectory ? 0 : member.entry.size;
+  std::set<std::string> inVersion;
+  for (const auto& member : plan) {
+    if (target.isCancelled()) break;
+    if (member.isLink() || member.entry.isDirectory) continue;
+    const std::size_t slash = member.path.find('/');
+    auto item = sourceOfItem.find(member.path.substr(0, slash));
+    if (item == sourceOfItem.end()) {
+      reported["gone"].push_back(member.path);
+      continue;
+    }
+    const std::string source = slash == std::string::npos ? item->second : item->second + member.path.substr(slash);
+    inVersion.insert(source);
+    struct stat info {};
+    if (::stat(source.c_str(), &info) != 0) {
+      reported["gone"].push_back(member.path);
+      continue;
+    }
+    if (info.st_mtime >= madeAt) {
+      reported["changed"].push_back(member.path);
+      continue;
+    }
+    verifyFile(reader, member, source);
+  }
+  findSourcesNotInVersion(sourceOfItem, inVersion, madeAt);
+}
+
+void QVRestoreCommand::Reading::verifyFile(VersionReader& reader, const Member& member, const std::string& source) {
+  QVError error;
+  int fd = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    errors.push_back({member.path, "the source cannot be read: " + std::string(std::strerror(errno))});
+    return;
+  }
+  setCurrent(member.path);
+  bool same = true;
+  std::vector<char> mine;
+  const bool read = reader.read(member.path, [&](const char* bytes, std::size_t length) {
+    mine.resize(length);
+    std::size_t got = 0;
+    while (same && got < length) {
+      ssize_t n = ::read(fd, mine.data() + got, length - got);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) break;
+      got += static_cast<std::size_t>(n);
+    }
+    same = same && got == length && std::memcmp(mine.data(), bytes, length) == 0;
+    bytesDone += length;
+    return true;
+  }, &error);
+  char extra;
+  if (read && same && ::read(fd, &extra, 1) > 0) same = false;  // the source is longer
+  ::close(fd);
+  if (!read) {
+    if (!target.isCancelled()) errors.push_back({member.path, "cannot be read at the destination: " + describe(error)});
+  } else if (!same) {
+    errors.push_back({member.path, "differs from its source"});
+  }
+  ++filesHandled;
+}
+
+void QVRestoreCommand::Reading::findSourcesNotInVersion(const std::map<std::string, std::string>& sourceOfItem,
+                                      const std::set<std::string>& inVersion, std::time_t madeAt) {
+  for (const auto& [name, item] : sourceOfItem) {
+    if (target.isCancelled()) break;
+    std::vector<std::string> files;
+    std::error_code ec;
+    if (fs::is_regular_file(fs::symlink_status(item, ec))) files.push_back(item);
+    else if (fs::is_directory(fs::symlink_status(item, ec)))
+      for (fs::recursive_directory_iterator it(item, fs::directory_options::skip_permission_denied, ec), end;
+           !ec && it != end; it.increment(ec))
+        if (it->is_regular_file(ec) && !it->is_symlink(ec)) files.push_back(it->path().string());
+    for (const auto& file : files) {
+      if (inVersion.count(file)) continue;
+      const std::string shown = name + file.substr(item.size());
+      struct stat info {};
+      if (::stat(file.c_str(), &info) == 0 && info.st_mtime < madeAt) errors.push_back({shown, "missing from the version"});
+      else reported["added"].push_back(shown);
+    }
+  }
+}
+
+
 QVRestoreCommand::QVRestoreCommand(QVBackupAgent& agent, std::ostream& out, std::ostream& err)
     : m_agent(agent), m_out(out), m_err(err) {}
 
 int QVRestoreCommand::run(const QVCommandOptions& options) {
   const bool restoring = options.command == QVCommand::restore;
-  auto fail = [&](const std::string& line, int status) {
-    m_err << kProgram << ": " << qv::singleLine(line) << std::endl;
-    return status;
-  };
   auto found = qv::findGroup(m_agent, options.group);
   if (!found.record) return fail(found.error, 2);
   const QVGroup group = *found.record;
@@ -197,9 +404,64 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
       group.target ? m_agent.backupTargetWithIdentifier(*group.target) : nullptr;
   if (!target) return fail("group " + qv::quoted(group.title) + " has no usable destination", 1);
 
+  std::string version;
+  if (const int status = chooseVersion(*target, group, options, version); status != 0) return status;
+  if (options.command == QVCommand::files) return listFiles(*target, group, version, options);
+  bool madeFolder = false;
+  if (restoring) {
+    std::error_code ec;
+    madeFolder = !fs::exists(fs::symlink_status(restoreFolder, ec));
+    fs::create_directories(restoreFolder, ec);
+    if (ec) return fail("cannot make " + qv::quoted(restoreFolder) + ": " + ec.message(), 1);
+  }
+
+  // The reading runs on a thread of its own; the main loop shows its progress and hears Ctrl-C.
+  Reading reading(*target, group, version, restoreFolder);
+  QVProgressDisplay display(stderr, !options.json);
+  std::atomic<bool> done{false};
+  // This process only reads back: no schedule may start a backup in it meanwhile.
+  m_agent.stopTimers();
+  display.begin(group.identifier, group.title);
+  std::thread worker([&] {
+    VersionReader reader(*target, group, version);
+    restoring ? reading.restore(reader, options.paths) : reading.verify(reader);
+    qv::postToMainThread([&] { done = true; });
+  });
+  bool interrupted = false;
+  auto cancel = [&] {
+    interrupted = true;
+    target->cancel();
+    display.setNote("cancelling...");
+  };
+  const unsigned sigint = qv::addSignalHandler(SIGINT, cancel);
+  const unsigned sigterm = qv::addSignalHandler(SIGTERM, cancel);
+  while (!done) {
+    qv::runMainLoopUntil([&] { return done.load(); }, std::chrono::milliseconds(200));
+    const std::uint64_t total = reading.bytesTotal, doneSoFar = reading.bytesDone;
+    display.setBytes(group.identifier, doneSoFar, total);
+    display.update(group.identifier, total ? static_cast<std::int64_t>(doneSoFar * 100 / total) : 0,
+                   reading.currentFile());
+  }
+  worker.join();
+  qv::removeSignalHandler(sigint);
+  qv::removeSignalHandler(sigterm);
+  display.end(group.identifier);
+
+  // A refused restore leaves no empty folder of its own behind.
+  if (restoring && madeFolder && reading.filesHandled == 0) {
+    std::error_code ec;
+    if (fs::is_empty(restoreFolder, ec)) fs::remove(restoreFolder, ec);
+  }
+  report(reading, restoring, interrupted, options.json);
+  if (interrupted) return 130;
+  return reading.errors.empty() ? 0 : 1;
+}
+
+int QVRestoreCommand::chooseVersion(QVBackupTarget& target, const QVGroup& group, const QVCommandOptions& options,
+                                    std::string& version) {
   // The newest complete version, or the one asked for; a partial one only when asked for.
   const std::vector<QVVersionName> versions =
-      qv::versionsInListing(target->entriesInDirectoryForItem(group).value_or(std::vector<std::string>{}),
+      qv::versionsInListing(target.entriesInDirectoryForItem(group).value_or(std::vector<std::string>{}),
                             qv::partialVersionsInJournal(group.identifier));
   std::optional<QVVersionName> chosen;
   if (!options.version) {
@@ -220,256 +482,43 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
         chosen = QVVersionName{name, qv::isPartialVersionName(name)};
     if (!chosen) return fail(why + " of group " + qv::quoted(group.title), usage ? 2 : 1);
   }
-  const std::string version = chosen->name;
+  version = chosen->name;
   if (chosen->partial)
     m_err << kProgram << ": warning: version " << version << " is partial: its run was cancelled or failed, so it "
           << "may lack files" << std::endl;
-  if (options.command == QVCommand::files) return listFiles(*target, group, version, options);
-  bool madeFolder = false;
-  if (restoring) {
-    std::error_code ec;
-    madeFolder = !fs::exists(fs::symlink_status(restoreFolder, ec));
-    fs::create_directories(restoreFolder, ec);
-    if (ec) return fail("cannot make " + qv::quoted(restoreFolder) + ": " + ec.message(), 1);
-  }
+  return 0;
+}
 
-  // The reading runs on a thread of its own; the main loop shows its progress and hears Ctrl-C.
-  QVProgressDisplay display(stderr, !options.json);
-  std::atomic<bool> done{false};
-  std::atomic<std::uint64_t> bytesDone{0}, bytesTotal{0};
-  std::vector<Problem> errors;  // written by the worker, read after it ended
-  std::map<std::string, std::vector<std::string>> reported;  // verify: changed, added, gone
-  std::uint64_t filesHandled = 0;
-  std::uint64_t bytesKept = 0;  // restore: the bytes of the files it wrote whole, and left in place
-  std::mutex currentMutex;
-  std::string current;  // the file being read; guarded by currentMutex
-  auto setCurrent = [&](const std::string& path) {
-    std::lock_guard<std::mutex> lock(currentMutex);
-    current = path;
-  };
-
-  auto restore = [&](VersionReader& reader) {
-    std::vector<Member> plan;
-    QVError error;
-    if (options.paths.empty()) {
-      if (!reader.walk("", plan, errors, &error)) errors.push_back({"", describe(error)});
-    }
-    for (const auto& given : options.paths) {
-      const std::string path = pathInVersion(group, given);
-      auto member = path.empty() ? std::nullopt : reader.find(path, &error);
-      if (!member) {
-        errors.push_back({given, path.empty() || error.domain.empty() ? "not in the version" : describe(error)});
-        error = QVError();
-        continue;
-      }
-      plan.push_back(*member);
-      if (member->entry.isDirectory && !member->isLink() && !reader.walk(path, plan, errors, &error))
-        errors.push_back({path, describe(error)});
-    }
-    for (const auto& member : plan) bytesTotal += member.entry.size;
-    std::vector<const Member*> folders;
-    for (const auto& member : plan) {
-      if (target->isCancelled()) break;
-      const std::string local = restoreFolder + "/" + member.path;
-      std::error_code ec;
-      fs::create_directories(fs::path(local).parent_path(), ec);
-      if (member.isLink()) {
-        if (::symlink(member.entry.symbolicLinkTarget->c_str(), local.c_str()) != 0)
-          errors.push_back({member.path, std::strerror(errno)});
-        continue;
-      }
-      if (member.entry.isDirectory) {
-        fs::create_directories(local, ec);
-        folders.push_back(&member);
-        continue;
-      }
-      int fd = ::open(local.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-      if (fd < 0) {
-        errors.push_back({member.path, std::strerror(errno)});
-        continue;
-      }
-      setCurrent(member.path);
-      bool written = true;
-      int writeError = 0;
-      std::uint64_t fileBytes = 0;
-      const bool read = reader.read(member.path, [&](const char* bytes, std::size_t length) {
-        for (std::size_t at = 0; written && at < length;) {
-          ssize_t n = ::write(fd, bytes + at, length - at);
-          if (n < 0 && errno == EINTR) continue;
-          written = n > 0;
-          if (!written) writeError = n < 0 ? errno : ENOSPC;
-          at += n > 0 ? static_cast<std::size_t>(n) : 0;
-          fileBytes += n > 0 ? static_cast<std::uint64_t>(n) : 0;
-        }
-        bytesDone += length;
-        return written;
-      }, &error);
-      if (read && written) applyAttributes(fd, local, member.entry);
-      ::close(fd);
-      if (!read || !written) {
-        ::unlink(local.c_str());  // a file half restored is not restored
-        if (!target->isCancelled())
-          errors.push_back({member.path, written ? describe(error) : "cannot be written here: " + std::string(std::strerror(writeError))});
-        continue;
-      }
-      ++filesHandled;
-      bytesKept += fileBytes;
-    }
-    // Folders last, deepest first, so their times are not changed again by what went into them.
-    for (auto it = folders.rbegin(); it != folders.rend(); ++it)
-      applyAttributes(-1, restoreFolder + "/" + (*it)->path, (*it)->entry);
-  };
-
-  auto verify = [&](VersionReader& reader) {
-    const std::time_t madeAt = versionTime(version);
-    // The name each item was given in the version, as the run gives them.
-    std::map<std::string, std::string> sourceOfItem;
-    std::vector<std::string> used;
-    for (const auto& item : group.items) sourceOfItem[qv::uniqueItemName(item, used)] = item;
-    std::vector<Member> plan;
-    QVError error;
-    if (!reader.walk("", plan, errors, &error)) errors.push_back({"", describe(error)});
-    for (const auto& member : plan) bytesTotal += member.isLink() || member.entry.isDirectory ? 0 : member.entry.size;
-    std::set<std::string> inVersion;
-    for (const auto& member : plan) {
-      if (target->isCancelled()) break;
-      if (member.isLink() || member.entry.isDirectory) continue;
-      const std::size_t slash = member.path.find('/');
-      auto item = sourceOfItem.find(member.path.substr(0, slash));
-      if (item == sourceOfItem.end()) {
-        reported["gone"].push_back(member.path);
-        continue;
-      }
-      const std::string source = slash == std::string::npos ? item->second : item->second + member.path.substr(slash);
-      inVersion.insert(source);
-      struct stat info {};
-      if (::stat(source.c_str(), &info) != 0) {
-        reported["gone"].push_back(member.path);
-        continue;
-      }
-      if (info.st_mtime >= madeAt) {
-        reported["changed"].push_back(member.path);
-        continue;
-      }
-      int fd = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
-      if (fd < 0) {
-        errors.push_back({member.path, "the source cannot be read: " + std::string(std::strerror(errno))});
-        continue;
-      }
-      setCurrent(member.path);
-      bool same = true;
-      std::vector<char> mine;
-      const bool read = reader.read(member.path, [&](const char* bytes, std::size_t length) {
-        mine.resize(length);
-        std::size_t got = 0;
-        while (same && got < length) {
-          ssize_t n = ::read(fd, mine.data() + got, length - got);
-          if (n < 0 && errno == EINTR) continue;
-          if (n <= 0) break;
-          got += static_cast<std::size_t>(n);
-        }
-        same = same && got == length && std::memcmp(mine.data(), bytes, length) == 0;
-        bytesDone += length;
-        return true;
-      }, &error);
-      char extra;
-      if (read && same && ::read(fd, &extra, 1) > 0) same = false;  // the source is longer
-      ::close(fd);
-      if (!read) {
-        if (!target->isCancelled()) errors.push_back({member.path, "cannot be read at the destination: " + describe(error)});
-      } else if (!same) {
-        errors.push_back({member.path, "differs from its source"});
-      }
-      ++filesHandled;
-    }
-    // Sources the version should hold: missing when unchanged since, added when newer.
-    for (const auto& [name, item] : sourceOfItem) {
-      if (target->isCancelled()) break;
-      std::vector<std::string> files;
-      std::error_code ec;
-      if (fs::is_regular_file(fs::symlink_status(item, ec))) files.push_back(item);
-      else if (fs::is_directory(fs::symlink_status(item, ec)))
-        for (fs::recursive_directory_iterator it(item, fs::directory_options::skip_permission_denied, ec), end;
-             !ec && it != end; it.increment(ec))
-          if (it->is_regular_file(ec) && !it->is_symlink(ec)) files.push_back(it->path().string());
-      for (const auto& file : files) {
-        if (inVersion.count(file)) continue;
-        const std::string shown = name + file.substr(item.size());
-        struct stat info {};
-        if (::stat(file.c_str(), &info) == 0 && info.st_mtime < madeAt) errors.push_back({shown, "missing from the version"});
-        else reported["added"].push_back(shown);
-      }
-    }
-  };
-
-  // This process only reads back: no schedule may start a backup in it meanwhile.
-  m_agent.stopTimers();
-  display.begin(group.identifier, group.title);
-  std::thread worker([&] {
-    VersionReader reader(*target, group, version);
-    restoring ? restore(reader) : verify(reader);
-    qv::postToMainThread([&] { done = true; });
-  });
-  bool interrupted = false;
-  auto cancel = [&] {
-    interrupted = true;
-    target->cancel();
-    display.setNote("cancelling...");
-  };
-  const unsigned sigint = qv::addSignalHandler(SIGINT, cancel);
-  const unsigned sigterm = qv::addSignalHandler(SIGTERM, cancel);
-  while (!done) {
-    qv::runMainLoopUntil([&] { return done.load(); }, std::chrono::milliseconds(200));
-    const std::uint64_t total = bytesTotal, doneSoFar = bytesDone;
-    display.setBytes(group.identifier, doneSoFar, total);
-    std::string file;
-    {
-      std::lock_guard<std::mutex> lock(currentMutex);
-      file = current;
-    }
-    display.update(group.identifier, total ? static_cast<std::int64_t>(doneSoFar * 100 / total) : 0, file);
-  }
-  worker.join();
-  qv::removeSignalHandler(sigint);
-  qv::removeSignalHandler(sigterm);
-  display.end(group.identifier);
-
-  // A refused restore leaves no empty folder of its own behind.
-  if (restoring && madeFolder && filesHandled == 0) {
-    std::error_code ec;
-    if (fs::is_empty(restoreFolder, ec)) fs::remove(restoreFolder, ec);
-  }
-
-  if (options.json) {
-    nlohmann::json result = {{"groupID", group.identifier}, {"groupTitle", group.title}, {"version", version},
-                             {"bytesRead", bytesDone.load()},       {"interrupted", interrupted}};
-    result[restoring ? "filesRestored" : "filesChecked"] = filesHandled;
-    if (restoring) result["to"] = restoreFolder, result["bytesWritten"] = bytesKept;
+void QVRestoreCommand::report(Reading& reading, bool restoring, bool interrupted, bool json) {
+  if (json) {
+    nlohmann::json result = {{"groupID", reading.group.identifier}, {"groupTitle", reading.group.title},
+                             {"version", reading.version},         {"bytesRead", reading.bytesDone.load()},
+                             {"interrupted", interrupted}};
+    result[restoring ? "filesRestored" : "filesChecked"] = reading.filesHandled;
+    if (restoring) result["to"] = reading.restoreFolder, result["bytesWritten"] = reading.bytesKept;
     nlohmann::json problems = nlohmann::json::array();
-    for (const auto& problem : errors) problems.push_back({{"path", problem.path}, {"error", problem.text}});
+    for (const auto& problem : reading.errors) problems.push_back({{"path", problem.path}, {"error", problem.text}});
     result["errors"] = problems;
     if (!restoring)
-      for (const char* kind : {"changed", "added", "gone"}) result[std::string(kind) + "Since"] = reported[kind];
+      for (const char* kind : {"changed", "added", "gone"}) result[std::string(kind) + "Since"] = reading.reported[kind];
     m_out << result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
   } else {
-    for (const auto& problem : errors)
+    for (const auto& problem : reading.errors)
       m_err << kProgram << ": " << qv::singleLine(problem.path.empty() ? problem.text : problem.path + ": " + problem.text)
             << std::endl;
     if (restoring) {
-      m_out << "restored " << qv::countText(filesHandled, "file") << " (" << qv::sizeText(bytesKept) << ") of version "
-            << version << " into " << restoreFolder << "\n";
+      m_out << "restored " << qv::countText(reading.filesHandled, "file") << " (" << qv::sizeText(reading.bytesKept) << ") of version "
+            << reading.version << " into " << reading.restoreFolder << "\n";
     } else {
-      m_out << "checked " << qv::countText(filesHandled, "file") << " of version " << version << ", "
-            << qv::sizeText(bytesDone) << " read; "
-            << errors.size() << (errors.size() == 1 ? " error" : " errors") << "; " << reported["changed"].size()
-            << " changed since, " << reported["added"].size() << " added since, " << reported["gone"].size()
+      m_out << "checked " << qv::countText(reading.filesHandled, "file") << " of version " << reading.version << ", "
+            << qv::sizeText(reading.bytesDone) << " read; "
+            << reading.errors.size() << (reading.errors.size() == 1 ? " error" : " errors") << "; " << reading.reported["changed"].size()
+            << " changed since, " << reading.reported["added"].size() << " added since, " << reading.reported["gone"].size()
             << " no longer in the source\n";
       for (const char* kind : {"changed", "added", "gone"})
-        for (const auto& path : reported[kind]) m_out << "  " << kind << ": " << qv::singleLine(path) << "\n";
+        for (const auto& path : reading.reported[kind]) m_out << "  " << kind << ": " << qv::singleLine(path) << "\n";
     }
   }
-  if (interrupted) return 130;
-  return errors.empty() ? 0 : 1;
 }
 
 int QVRestoreCommand::fail(const std::string& line, int status) {

@@ -1,5 +1,7 @@
 #include "host/run/QVRunMonitor.h"
 
+#include <thread>
+
 #include "agent/QVBackupAgent.h"
 #include "host/run/QVHostApp.h"
 #include "host/run/QVReadableText.h"
@@ -148,7 +150,7 @@ std::vector<std::string> QVRunMonitor::runningGroupIDs() const {
 }
 
 bool QVRunMonitor::isIdle() const {
-  return m_runs.empty() && m_pendingOutcomes == 0 && m_agent.numberOfRunningBackups() == 0;
+  return m_runs.empty() && m_pendingOutcomes == 0 && m_settling == 0 && m_agent.numberOfRunningBackups() == 0;
 }
 
 void QVRunMonitor::findStartedRuns() {
@@ -249,25 +251,44 @@ void QVRunMonitor::finishRun(const std::string& groupID) {
       for (const auto& item : group->items)
         for (auto& folder : qv::foldersPassedOverInside(item)) outcome.report->passedOver.push_back(std::move(folder));
   }
-  if (group) settleVersions(*group, outcome);
+  if (group) settleVersionsThenHandOut(*group, std::move(outcome));
+  else handOut(outcome);
+}
+
+void QVRunMonitor::handOut(const QVRunOutcome& outcome) {
   if (std::string error; !m_journal.append(outcome.journalEntry(), &error))
     m_host.writeMessage("warning: the run was not recorded in the journal: " + error);
   m_outcomes.notify(outcome);
 }
 
-void QVRunMonitor::settleVersions(const QVGroup& group, QVRunOutcome& outcome) {
-  if (!outcome.report || outcome.report->version.empty() || !group.target) return;
+void QVRunMonitor::settleVersionsThenHandOut(const QVGroup& group, QVRunOutcome outcome) {
+  std::shared_ptr<QVBackupTarget> target;
+  if (outcome.report && !outcome.report->version.empty() && group.target)
+    target = m_agent.backupTargetWithIdentifier(*group.target);
+  if (!target) return handOut(outcome);
+  ++m_settling;
+  std::weak_ptr<QVRunMonitor> weak = weak_from_this();
+  std::thread([weak, target, group, outcome = std::move(outcome)]() mutable {
+    settleVersions(*target, group, outcome);
+    qv::postToMainThread([weak, outcome = std::move(outcome)] {
+      if (auto self = weak.lock()) {
+        --self->m_settling;
+        self->handOut(outcome);
+      }
+    });
+  }).detach();
+}
+
+void QVRunMonitor::settleVersions(QVBackupTarget& target, const QVGroup& group, QVRunOutcome& outcome) {
   const bool partial = outcome.kind == QVRunOutcome::Kind::cancelled || outcome.kind == QVRunOutcome::Kind::failed;
   if (!partial && !outcome.isSuccess()) return;
-  std::unique_ptr<QVBackupTarget> target = m_agent.backupTargetWithIdentifier(*group.target);
-  if (!target) return;
-  const std::vector<std::string> entries = target->entriesInDirectoryForItem(group).value_or(std::vector<std::string>{});
+  const std::vector<std::string> entries = target.entriesInDirectoryForItem(group).value_or(std::vector<std::string>{});
   const std::string version = outcome.report->version;
   if (std::find(entries.begin(), entries.end(), version) == entries.end()) return;  // removed, or never made
   if (partial) {
     // Out of the names the agent's pruning counts: a partial version never pushes out a complete one.
     const std::string renamed = qv::partialVersionName(version);
-    if (target->renameEntry(version, renamed, group)) outcome.report->version = renamed;
+    if (target.renameEntry(version, renamed, group)) outcome.report->version = renamed;
     else qv::debugLog("host", "QVRunMonitor could not mark the version " + version + " of \"" + group.title + "\" as partial");
     return;
   }
@@ -276,7 +297,7 @@ void QVRunMonitor::settleVersions(const QVGroup& group, QVRunOutcome& outcome) {
   for (const auto& entry : qv::versionsInListing(entries, qv::partialVersionsInJournal(group.identifier))) {
     const std::string& name = entry.name;
     if (!entry.partial || name >= version) continue;
-    if (!target->removeEntry(name, group))
+    if (!target.removeEntry(name, group))
       qv::debugLog("host", "QVRunMonitor could not remove the partial version " + name + " of \"" + group.title + "\"");
   }
 }

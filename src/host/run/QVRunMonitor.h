@@ -28,6 +28,7 @@
 
 class QVBackupAgent;
 class QVHostApp;
+class QVBackupTarget;
 class QVNCTemplate;
 struct QVNCTemplateItem;
 
@@ -134,14 +135,19 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   void finishRun(const std::string& groupID);
   void emptyGroupEnded(const std::string& groupID);
   // After a run: a version it left unfinished is renamed partial; a complete one removes the partial
-  // versions older than itself. Requires: the agent has finished handling the run.
-  void settleVersions(const QVGroup& group, QVRunOutcome& outcome);
+  // versions older than itself. This talks to the destination, so it runs on a thread of its own, and
+  // the outcome is handed out (journal, listeners) once it is done: a server that is slow to answer never
+  // holds up the main loop. Requires: the agent has finished handling the run.
+  void settleVersionsThenHandOut(const QVGroup& group, QVRunOutcome outcome);
+  static void settleVersions(QVBackupTarget& target, const QVGroup& group, QVRunOutcome& outcome);
+  void handOut(const QVRunOutcome& outcome);
 
   QVBackupAgent& m_agent;
   QVHostApp& m_host;
   QVRunJournal m_journal;
   std::map<std::string, Run> m_runs;
   std::size_t m_pendingOutcomes = 0;
+  std::size_t m_settling = 0;  // outcomes whose versions are being settled
   QVListeners<const QVGroup&> m_starts;
   QVListeners<const std::string&, std::int64_t, const std::string&> m_progress;
   QVListeners<const QVRunOutcome&> m_outcomes;
