@@ -233,6 +233,7 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
     // The partial version stays at the destination.
     target.setDelegate(nullptr);
     report.ended = std::chrono::system_clock::now();
+    report.notes = target.notes();
     postToSelf([group = run->group, report](QVBackupAgent& agent) {
       agent.m_runReports[report.groupID] = report;  // filed before the outcome, for the host to read with it
       agent.onBackupCancel(group);
@@ -264,6 +265,7 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
     }
     target.setDelegate(nullptr);
     report.ended = std::chrono::system_clock::now();
+    report.notes = target.notes();
     postToSelf([group = run->group, anyMissing, report](QVBackupAgent& agent) {
       agent.m_runReports[report.groupID] = report;
       agent.onBackupComplete(group, anyMissing);
@@ -278,6 +280,7 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
     if (listing.empty()) target.removeRootEntryForGroup(group);
     target.setDelegate(nullptr);
     report.ended = std::chrono::system_clock::now();
+    report.notes = target.notes();
     postToSelf([group = run->group, lastError, report](QVBackupAgent& agent) {
       agent.m_runReports[report.groupID] = report;
       agent.onBackupFailed(group, lastError);

@@ -25,4 +25,5 @@ struct QVRunReport {
   std::vector<std::string> missingItems;  // items that were not there (status -43)
   std::vector<std::string> failedItems;   // "path (reason)" of other items the destination did not take
   bool versionsUnreadable = false;        // nothing was pruned
+  std::vector<std::string> notes;         // what the destination added: refused names, removals it held back
 };

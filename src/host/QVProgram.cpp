@@ -6,6 +6,7 @@
 #include "agent/QVBackupAgent.h"
 #include "host/control/QVAgentLock.h"
 #include "host/cli/QVBackupCommand.h"
+#include "host/cli/QVDestinationChecks.h"
 #include "host/control/QVControlClient.h"
 #include "host/control/QVControlConnection.h"
 #include "host/daemon/QVDaemonCommand.h"
@@ -14,6 +15,7 @@
 #include "host/cli/QVRegistryCommands.h"
 #include "host/restore/QVRestoreCommand.h"
 #include "host/run/QVRunMonitor.h"
+#include "platform/QVLog.h"
 #include "platform/QVRunLoop.h"
 
 namespace {
@@ -61,6 +63,9 @@ bool readPasswordFirst(QVCommandOptions& options) {
 QVProgram::QVProgram(std::vector<std::string> arguments) : m_arguments(std::move(arguments)) {}
 
 int QVProgram::run(const QVCommandOptions& given) {
+  // Diagnostics (the agent's and the destinations' log lines, such as "No password for target: NAME")
+  // reach the terminal only when asked for; the daemon writes them to its journal.
+  if (!given.verbose && given.command != QVCommand::daemon) qv::setLogSink([](const std::string&) {});
   std::string error;
   const std::string folder = QVAgentLock::runtimeFolder(error);
   // Only the daemon needs the folder (for its socket); another command still finds a daemon through the
@@ -143,6 +148,16 @@ int QVProgram::runHere(const QVCommandOptions& options, QVAgentLock* lock, const
     if (readOnly) {
       agent.stopTimers();
       agent.setRunGate([](const QVGroup&) { return false; });
+    } else {
+      // A run that a menu entry or a timer starts here meets the same check as "backup": a dav server
+      // whose listings the dav kind cannot read is not written to.
+      agent.setRunGate([&agent](const QVGroup& group) {
+        QVTargetRef target = group.target ? agent.targetWithIdentifier(*group.target) : nullptr;
+        if (!target) return true;
+        qv::QVDAVListingVerdict verdict = qv::checkDAVListing(*target);
+        if (verdict.unreadable) std::cerr << kProgram << ": " << group.title << " was not backed up: " << verdict.message << std::endl;
+        return !verdict.unreadable;
+      });
     }
 
     switch (options.command) {

@@ -37,6 +37,7 @@ enum class QVCommand {
 struct QVCommandOptions {
   QVCommand command = QVCommand::summary;
   bool json = false;
+  bool verbose = false;  // --verbose: diagnostics reach standard error
 
   std::string name;                 // group add NAME
   std::string group;                // GROUP of group show/set/remove/remove-items, versions, log ("" for all)
@@ -60,6 +61,9 @@ struct QVCommandOptions {
   std::optional<std::string> user;
   bool passwordStdin = false;
   bool makeDefault = false;
+  std::optional<std::string> url;     // webdav
+  std::optional<std::string> caFile;  // webdav
+  bool allowPlainHTTP = false;        // webdav
 
   // restore / verify (GROUP in group, PATH... of restore in paths)
   std::optional<std::string> version;

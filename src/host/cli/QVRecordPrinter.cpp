@@ -8,6 +8,7 @@
 #include "platform/QVFoundation.h"
 #include "platform/QVMenu.h"
 #include "platform/QVSchedule.h"
+#include "targets/QVWebDAVBackupTarget.h"
 
 using nlohmann::json;
 
@@ -48,6 +49,12 @@ json targetObject(const QVTarget& target) {
   object["port"] = target.port && *target.port != 0 ? json(*target.port) : json(nullptr);
   object["isDefault"] = target.isDefault.value_or(false);
   object["user"] = target.user && !target.user->empty() ? json(*target.user) : json(nullptr);
+  if (target.type == "webdav") {
+    object["url"] = QVWebDAVBackupTarget::urlOfTarget(target);
+    const std::string caFile = QVWebDAVBackupTarget::caFileOfTarget(target);
+    object["caFile"] = caFile.empty() ? json(nullptr) : json(caFile);
+    object["allowPlainHTTP"] = QVWebDAVBackupTarget::allowsPlainHTTP(target);
+  }
   return object;
 }
 
@@ -146,6 +153,7 @@ std::string statusText(const QVGroup& group) {
 
 std::string locationText(const QVTarget& target) {
   if (target.type == "local") return target.path;
+  if (target.type == "webdav") return QVWebDAVBackupTarget::urlOfTarget(target);
   std::string location = target.type + "://" + target.server.value_or("");
   if (target.port && *target.port != 0) location += ":" + std::to_string(*target.port);
   if (target.path.empty() || target.path.front() != '/') location += "/";

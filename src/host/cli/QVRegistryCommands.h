@@ -54,6 +54,9 @@ class QVRegistryCommands {
   // Why the group's versions could not be listed, given that its destination gave no listing; "" when
   // that only means the group has no folder there yet (no versions).
   std::string listingFailure(const QVGroup& group) const;
+  // A dav destination whose server answers with listings the dav kind cannot read is refused (2, with
+  // how to switch to the webdav kind); one whose server gives no answer is kept with a warning (0).
+  int refuseUnreadableDAV(const QVTarget& target, bool isNew);
   // Removes the default mark of every destination but keepID.
   void clearOtherDefaults(const std::string& keepID);
 

@@ -44,6 +44,7 @@ constexpr std::pair<const char*, std::optional<std::string> QVCommandOptions::*>
     {"server", &QVCommandOptions::server},   {"port", &QVCommandOptions::port},
     {"user", &QVCommandOptions::user},       {"version", &QVCommandOptions::version},
     {"password", &QVCommandOptions::suppliedPassword},
+    {"url", &QVCommandOptions::url},         {"caFile", &QVCommandOptions::caFile},
 };
 constexpr std::pair<const char*, std::vector<std::string> QVCommandOptions::*> kLists[] = {
     {"paths", &QVCommandOptions::paths}, {"groups", &QVCommandOptions::groups}};
@@ -52,6 +53,8 @@ constexpr std::pair<const char*, bool QVCommandOptions::*> kFlags[] = {
     {"yes", &QVCommandOptions::yes},
     {"passwordStdin", &QVCommandOptions::passwordStdin},
     {"makeDefault", &QVCommandOptions::makeDefault},
+    {"allowPlainHTTP", &QVCommandOptions::allowPlainHTTP},
+    {"verbose", &QVCommandOptions::verbose},
 };
 
 // How deep the body's arrays and objects nest, counted before it is parsed (outside strings).

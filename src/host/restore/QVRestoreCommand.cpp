@@ -172,7 +172,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
   std::string version = options.version.value_or("");
   if (version.empty()) {
     std::vector<std::string> versions;
-    for (const auto& name : target->entriesInDirectoryForItem(group).value_or(std::vector<std::string>{}))
+    for (const auto& name : target->entriesForReading(group).value_or(std::vector<std::string>{}))
       if (qv::isVersionName(name)) versions.push_back(name);
     if (versions.empty())
       return fail("no version of group " + qv::quoted(group.title) + " could be found at its destination", 1);

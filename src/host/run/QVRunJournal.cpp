@@ -61,6 +61,7 @@ json entryObject(const QVJournalEntry& entry) {
   object["missingItems"] = entry.missingItems;
   object["failedItems"] = entry.failedItems;
   object["versionsUnreadable"] = entry.versionsUnreadable;
+  object["notes"] = entry.notes;
   return object;
 }
 
@@ -99,6 +100,7 @@ std::optional<QVJournalEntry> journalEntryFromLine(const std::string& line) {
   read(object, "missingItems", entry.missingItems);
   read(object, "failedItems", entry.failedItems);
   read(object, "versionsUnreadable", entry.versionsUnreadable);
+  read(object, "notes", entry.notes);
   return entry;
 }
 

@@ -28,6 +28,7 @@ struct QVJournalEntry {
   std::vector<std::string> missingItems;
   std::vector<std::string> failedItems;  // "path (reason)"
   bool versionsUnreadable = false;
+  std::vector<std::string> notes;  // what the destination added to the outcome
 
   // A run that stopped half-way: its version, if it stayed, lacks items.
   bool isPartial() const { return outcome == "cancelled" || outcome == "failed"; }

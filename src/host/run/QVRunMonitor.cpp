@@ -42,6 +42,7 @@ std::vector<std::string> QVRunOutcome::detailLines() const {
     for (std::size_t i = 0; i < leftOut && i < kShown; ++i) lines.push_back("  " + report->leftOut[i]);
     if (leftOut > kShown) lines.push_back("  and " + std::to_string(leftOut - kShown) + " more (see --json)");
   }
+  for (const auto& note : report->notes) lines.push_back(note);
   if (report->versionsUnreadable)
     lines.push_back("the group's stored \"versions\" cannot be read, so no old version was removed; set it with "
                     "\"stellwin-backup group set " + groupID + " --versions N\"");
@@ -67,6 +68,7 @@ QVJournalEntry QVRunOutcome::journalEntry() const {
     entry.missingItems = report->missingItems;
     entry.failedItems = report->failedItems;
     entry.versionsUnreadable = report->versionsUnreadable;
+    entry.notes = report->notes;
   } else {
     entry.started = entry.ended = qv::iso8601(std::chrono::system_clock::now());
   }
