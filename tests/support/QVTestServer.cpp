@@ -129,7 +129,7 @@ void TestServer::stop() {
   for (int i = 0; i < 250 && portAccepts(m_port); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
-TestCertificates::TestCertificates(const std::string& hostName) {
+TestCertificateAuthority::TestCertificateAuthority(const std::string& hostName) {
   const std::string d = m_dir.path();
   const std::string altName = hostName == "127.0.0.1" ? "IP:127.0.0.1,DNS:localhost" : "DNS:" + hostName;
   writeFile(d + "/ext.cnf", "subjectAltName=" + altName + "\nbasicConstraints=CA:FALSE\n");
@@ -166,7 +166,7 @@ SabreDAVServer::SabreDAVServer(const std::string& basePath, const std::string& u
 }
 
 ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser, long maxBody,
-                                 const TestCertificates* tls) {
+                                 const TestCertificateAuthority* tls) {
   const std::string dir = directory();
   fs::create_directories(root());
   const int port = freePort();

@@ -53,9 +53,9 @@ class TestServer {
 
 // A certificate authority made for one test (openssl), and a server certificate it signed for hostName
 // (127.0.0.1 as its address too, unless hostName is another name). Files in a temporary folder.
-class TestCertificates {
+class TestCertificateAuthority {
  public:
-  explicit TestCertificates(const std::string& hostName = "127.0.0.1");
+  explicit TestCertificateAuthority(const std::string& hostName = "127.0.0.1");
   std::string caFile() const { return m_dir.path() + "/ca.pem"; }
   std::string certificateFile() const { return m_dir.path() + "/server.pem"; }
   std::string keyFile() const { return m_dir.path() + "/server.key"; }
@@ -70,7 +70,7 @@ class TestCertificates {
 class ApacheDAVServer : public TestServer {
  public:
   explicit ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser = std::nullopt,
-                           long maxBody = 0, const TestCertificates* tls = nullptr);
+                           long maxBody = 0, const TestCertificateAuthority* tls = nullptr);
   std::string root() const { return directory() + "/www"; }
 };
 
