@@ -242,3 +242,15 @@ TEST_F(QVWebDAVServerTest, SwitchesADAVDestinationOnSabreDAVToTheWebDAVKind) {
   EXPECT_EQ(runProgram({"restore", "Work", "--version", versions[1], "--to", m_env.root() + "/back"}).status, 0);
   EXPECT_EQ(qvtest::readFile(m_env.root() + "/back/Projects/a.txt"), "a");
 }
+
+// A destination without a password is no news for the terminal: the line is a diagnostic. A dav server
+// that cannot be reached when it is added is added with a warning.
+TEST_F(QVWebDAVServerTest, ShowsTheMissingPasswordLineOnlyWhenVerbose) {
+  ProgramResult added = runProgram({"target", "add", "--type", "dav", "--title", "Open", "--server", "127.0.0.1",
+                                    "--port", std::to_string(qvtest::freePort()), "--path", "dav"});
+  ASSERT_EQ(added.status, 0);
+  EXPECT_TRUE(holds(added.err, "could not be reached, so its listing was not checked"));
+  runJSON({"group", "set", "Work", "--target", "Open"});
+  EXPECT_FALSE(holds(runProgram({"versions", "Work"}).err, "No password for target: Open"));
+  EXPECT_TRUE(holds(runProgram({"versions", "Work", "--verbose"}).err, "No password for target: Open"));
+}
