@@ -360,6 +360,11 @@ void QVURLSession::cancelUpload() {
   impl.upload.reset();
 }
 
+void QVURLSession::setIdleTimeout(long seconds) {
+  curl_easy_setopt(m_impl->easy, CURLOPT_LOW_SPEED_TIME, seconds);
+  curl_easy_setopt(m_impl->easy, CURLOPT_CONNECTTIMEOUT, std::min(seconds, kConnectTimeout));
+}
+
 void QVURLSession::setIdleTimeoutForTesting(long seconds) {
   g_idleTimeout.store(seconds > 0 ? seconds : kDefaultIdleTimeout);
 }

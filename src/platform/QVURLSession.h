@@ -108,6 +108,10 @@ class QVURLSession {
   // Ends the running upload at once; its delegate hears nothing more.
   void cancelUpload();
 
+  // A shorter idle timeout for this session alone (and a connect timeout no longer than it): for a quick
+  // question to a server that must not hold up the caller.
+  void setIdleTimeout(long seconds);
+
   // Tests: the idle timeout of sessions made from now on (seconds; 0 restores the default of 60).
   static void setIdleTimeoutForTesting(long seconds);
 

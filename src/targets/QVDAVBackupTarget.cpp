@@ -14,6 +14,10 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+constexpr long kListingCheckTimeout = 5;  // seconds
+}
+
 QVDAVBackupTarget::QVDAVBackupTarget(const QVTarget& options)
     : QVBackupTarget(options), m_session(std::make_unique<QVURLSession>()) {
   const std::string user = username().value_or("");
@@ -137,6 +141,8 @@ std::string QVDAVBackupTarget::folderURL(const QVTarget& options) {
 
 QVDAVBackupTarget::QVListingCheck QVDAVBackupTarget::checkListing(const QVTarget& options) {
   QVURLSession session;
+  // A quick question: a server that does not answer within it counts as unreachable.
+  session.setIdleTimeout(kListingCheckTimeout);
   if (options.user && options.pass && !options.user->empty() && !options.pass->empty())
     session.setCredentials(*options.user, *options.pass);
   std::string reply;
