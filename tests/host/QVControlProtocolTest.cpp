@@ -57,7 +57,7 @@ TEST(QVControlProtocolTest, OptionsAndOutcomesComeBackFieldForField) {
   QVRunOutcome outcome;
   outcome.groupID = "ID", outcome.title = "Photos", outcome.kind = QVRunOutcome::Kind::completeWithMissingItems;
   outcome.statusCode = -43, outcome.message = "m";
-  outcome.report = QVRunReport{"ID", "20240105143007.backup", {}, {}, 2, 3, 4, {"/x"}, {"/y"}, {"/z (why)"}, true};
+  outcome.report = QVRunReport{"ID", "20240105143007.backup", {}, {}, 2, 3, 4, {"/x"}, {"/y"}, {"/z (why)"}, true, {"not backed up: /w"}};
   const QVRunOutcome copy = qv::outcomeFromDictionary(qv::dictionaryFromOutcome(outcome));
   EXPECT_EQ(copy.line(), outcome.line());
   EXPECT_EQ(copy.detailLines(), outcome.detailLines());

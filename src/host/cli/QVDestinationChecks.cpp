@@ -18,7 +18,11 @@ QVDAVListingVerdict checkDAVListing(const QVTarget& target) {
           "and a failed run would remove the group's folder with every version in it. Switch it to the webdav "
           "kind, which reads any server and keeps the versions already there and the destination's identifier: "
           "stellwin-backup target set " + target.identifier + " --type webdav --url " +
-          QVDAVBackupTarget::folderURL(target);
+          QVDAVBackupTarget::folderURL(target) +
+          (target.user && !target.user->empty() && target.pass && !target.pass->empty()
+               ? " --allow-plain-http (its password already travels over plain http; give an https:// URL "
+                 "instead where the server offers one)"
+               : "");
       break;
   }
   return verdict;

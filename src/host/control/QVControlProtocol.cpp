@@ -234,7 +234,8 @@ QVDictionary dictionaryFromOutcome(const QVRunOutcome& outcome) {
                                         {"leftOut", stringArray(report->leftOut)},
                                         {"missingItems", stringArray(report->missingItems)},
                                         {"failedItems", stringArray(report->failedItems)},
-                                        {"versionsUnreadable", report->versionsUnreadable}};
+                                        {"versionsUnreadable", report->versionsUnreadable},
+                                        {"notes", stringArray(report->notes)}};
   }
   return dictionary;
 }
@@ -264,6 +265,7 @@ QVRunOutcome outcomeFromDictionary(const QVDictionary& dictionary) {
     report.missingItems = strings(fields, "missingItems");
     report.failedItems = strings(fields, "failedItems");
     report.versionsUnreadable = integer(fields, "versionsUnreadable") != 0;
+    report.notes = strings(fields, "notes");
     outcome.report = std::move(report);
   }
   return outcome;
