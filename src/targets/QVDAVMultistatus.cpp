@@ -31,17 +31,25 @@ bool propstatSucceeded(const QVXMLElement& propstat) {
 
 }  // namespace
 
-std::string QVDAVMultistatus::pathOfHref(const std::string& href) {
-  std::string path = href;
-  // Surrounding white space is not part of the href.
-  const auto first = path.find_first_not_of(" \t\r\n");
-  const auto last = path.find_last_not_of(" \t\r\n");
-  path = first == std::string::npos ? "" : path.substr(first, last - first + 1);
+namespace {
+
+// The path of a URL or href as written: without white space around it, scheme, host and query.
+std::string writtenPath(const std::string& href) {
+  const auto first = href.find_first_not_of(" \t\r\n");
+  if (first == std::string::npos) return "";
+  std::string path = href.substr(first, href.find_last_not_of(" \t\r\n") - first + 1);
   if (const std::size_t scheme = path.find("://"); scheme != std::string::npos && path.find('/') > scheme) {
     const std::size_t slash = path.find('/', scheme + 3);
     path.erase(0, slash == std::string::npos ? path.size() : slash);
   }
   if (const std::size_t query = path.find_first_of("?#"); query != std::string::npos) path.resize(query);
+  return path;
+}
+
+}  // namespace
+
+std::string QVDAVMultistatus::pathOfHref(const std::string& href) {
+  const std::string path = writtenPath(href);
   // An href written without escapes may hold a "%" of its own: it stands as it is.
   std::string result = qv::stringByReplacingPercentEscapes(path).value_or(path);
   while (result.size() > 1 && result.back() == '/') result.pop_back();
@@ -61,8 +69,11 @@ std::optional<std::vector<QVVersionEntry>> QVDAVMultistatus::membersInReply(cons
     const std::string path = pathOfHref(hrefs.front().stringValue());
     if (path == requested || path == "/") continue;
     QVVersionEntry entry;
-    entry.name = qv::lastPathComponent(path);
-    if (entry.name.empty() || entry.name == "." || entry.name == "..") continue;
+    // The name is the last piece of the path as written, unescaped after it was cut: an escaped "/" in
+    // it stays part of the name (and whoever uses the name judges it).
+    const std::string written = qv::lastPathComponent(writtenPath(hrefs.front().stringValue()));
+    entry.name = qv::stringByReplacingPercentEscapes(written).value_or(written);
+    if (entry.name.empty()) continue;
     for (const QVXMLElement& propstat : davChildren(response, "propstat")) {
       if (!propstatSucceeded(propstat)) continue;
       for (const QVXMLElement& prop : davChildren(propstat, "prop")) {

@@ -174,7 +174,7 @@ TEST_F(QVBackupCommandTest, KeepsEveryVersionWhenTheStoredCountCannotBeRead) {
       else group["versions"] = cases[i].first;
     });
   }
-  std::vector<std::string> arguments = {"backup", "--json"};
+  std::vector<std::string> arguments = {"backup", "--json", "--verbose"};  // the agent's log line too
   arguments.insert(arguments.end(), titles.begin(), titles.end());
   ProgramResult result = runProgram(arguments);
   ASSERT_EQ(result.status, 0) << result.err;

@@ -51,7 +51,7 @@ std::string outcomesJSON(const std::vector<QVRunOutcome>& outcomes) {
       object["missingItems"] = report->missingItems;
       object["failedItems"] = report->failedItems;
       object["versionsUnreadable"] = report->versionsUnreadable;
-      object["notes"] = report->notes;
+      if (!report->notes.empty()) object["notes"] = report->notes;
     }
     array.push_back(std::move(object));
   }
