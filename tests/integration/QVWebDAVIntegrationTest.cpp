@@ -254,3 +254,21 @@ TEST_F(QVWebDAVServerTest, ShowsTheMissingPasswordLineOnlyWhenVerbose) {
   EXPECT_FALSE(holds(runProgram({"versions", "Work"}).err, "No password for target: Open"));
   EXPECT_TRUE(holds(runProgram({"versions", "Work", "--verbose"}).err, "No password for target: Open"));
 }
+
+// A name the server refuses (as Nextcloud refuses ".part") is named, and the rest of the run goes on.
+TEST_F(QVWebDAVServerTest, NamesTheFilesTheServerRefusedAndBacksUpTheRest) {
+  qvtest::ApacheDAVServer server(std::nullopt, 0, nullptr, "\\.part$");
+  qvtest::writeFile(m_env.home() + "/Projects/draft.part", "d");
+  qvtest::writeFile(m_env.home() + "/Projects/sub/b.txt", "b");
+  ASSERT_EQ(runProgram({"target", "add", "--type", "webdav", "--title", "Cloud", "--url",
+                        "http://127.0.0.1:" + std::to_string(server.port()) + "/"}).status, 0);
+  runJSON({"group", "set", "Work", "--target", "Cloud"});
+  ProgramResult result = backup();
+  EXPECT_EQ(result.status, 0) << result.out;
+  EXPECT_TRUE(holds(result.out, "not backed up: " + m_env.home() + "/Projects/draft.part (the server 127.0.0.1:" +
+                                    std::to_string(server.port()) + " refused it: 403 Forbidden)"));
+  const auto versions = versionsIn(server.root() + "/Work");
+  ASSERT_EQ(versions.size(), 1u);
+  EXPECT_EQ(treeOf(server.root() + "/Work/" + versions[0] + "/Projects"),
+            (std::map<std::string, std::string>{{"a.txt", "a"}, {"sub/", ""}, {"sub/b.txt", "b"}}));
+}

@@ -166,7 +166,7 @@ SabreDAVServer::SabreDAVServer(const std::string& basePath, const std::string& u
 }
 
 ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser, long maxBody,
-                                 const TestCertificateAuthority* tls) {
+                                 const TestCertificateAuthority* tls, const std::string& refusedNames) {
   const std::string dir = directory();
   fs::create_directories(root());
   const int port = freePort();
@@ -195,6 +195,7 @@ ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std:
           "KeepAlive On\nMaxKeepAliveRequests 0\nKeepAliveTimeout 30\nTimeout 60\n"
           "DavLockDB " + dir + "/davlock\nDocumentRoot " + root() + "\n<Directory " + root() +
           ">\n    Dav On\n" + access + "</Directory>\n";
+  if (!refusedNames.empty()) conf += "<FilesMatch \"" + refusedNames + "\">\n    Require all denied\n</FilesMatch>\n";
   writeFile(dir + "/httpd.conf", conf);
   start({"/usr/sbin/apache2", "-f", dir + "/httpd.conf", "-DFOREGROUND"}, port, dir + "/error.log");
 }

@@ -66,11 +66,12 @@ class TestCertificateAuthority {
 
 // Apache httpd with mod_dav serving root() at "/", optionally behind HTTP Basic authentication, and
 // optionally refusing request bodies larger than maxBody bytes (413); over HTTPS with tls's certificate
-// when given.
+// when given; refusing (403) every name that matches the regular expression refusedNames when given.
 class ApacheDAVServer : public TestServer {
  public:
   explicit ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser = std::nullopt,
-                           long maxBody = 0, const TestCertificateAuthority* tls = nullptr);
+                           long maxBody = 0, const TestCertificateAuthority* tls = nullptr,
+                           const std::string& refusedNames = "");
   std::string root() const { return directory() + "/www"; }
 };
 
