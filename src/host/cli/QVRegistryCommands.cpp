@@ -306,9 +306,10 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
     target.user.reset();
     target.pass.reset();
   } else if (target.type == "webdav") {
-    // Its URL says where; a former dav or FTP destination's server and port no longer apply.
+    // Its URL says where; a former dav or FTP destination's server, port and path no longer apply.
     target.server = "";
     target.port.reset();
+    target.path.clear();
     if (options.user) {
       if (options.user->empty()) {
         target.user.reset();
