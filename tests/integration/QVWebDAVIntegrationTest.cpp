@@ -232,6 +232,9 @@ TEST_F(QVWebDAVServerTest, SwitchesADAVDestinationOnSabreDAVToTheWebDAVKind) {
   EXPECT_EQ(run.status, 1);
   EXPECT_TRUE(holds(run.out, "cannot read"));
   EXPECT_EQ(versionsIn(server.root() + "/Work"), versions);
+  // Read back by namespace, the dav kind's versions are found and can be checked.
+  EXPECT_EQ(runProgram({"versions", "Work"}).out, versions[0] + "\n" + versions[1] + "\n");
+  EXPECT_EQ(runProgram({"verify", "Work", "--version", versions[0]}).status, 0);
 
   ASSERT_EQ(runProgram({"target", "set", "Cloud", "--type", "webdav", "--url", url, "--allow-plain-http"}).status, 0);
   EXPECT_EQ(runProgram({"versions", "Work"}).out, versions[0] + "\n" + versions[1] + "\n");
