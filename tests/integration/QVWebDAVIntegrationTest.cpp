@@ -18,6 +18,9 @@ using qvtest::runProgram;
 namespace {
 
 enum class Server { sabre, apacheHTTPS, nginx };
+void PrintTo(Server server, std::ostream* out) {
+  *out << (server == Server::sabre ? "SabreDAV" : server == Server::apacheHTTPS ? "Apache over HTTPS" : "nginx");
+}
 const std::string kPassword = "p:@/% w";  // every character that breaks a password written into a URL
 
 // Every file below folder, by its path relative to it, with its bytes.
