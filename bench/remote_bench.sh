@@ -30,7 +30,10 @@
 # free ports, keep their config, data and logs in the work folder and are stopped by PID on exit.
 # The WebDAV password is made up for the run and never printed nor put on a command line.
 #
-# Usage: bench/remote_bench.sh [dav|ftp|all] [work folder]
+# webdav: the same tree to the same Apache over HTTPS (a certificate authority made for the run, given to
+# stellwin-backup with --ca-file, to curl with cacert and to rclone with --ca-cert), to a webdav destination.
+#
+# Usage: bench/remote_bench.sh [dav|webdav|ftp|all] [work folder]
 # Environment: QV_PROGRAM (default build/stellwin-backup), QV_BENCH_FILES (5000),
 #              QV_BENCH_LARGE_MB (512), QV_BENCH_TIMEOUT (seconds one timed command may take, 1800)
 # Exit status: 0 all measured, 1 a tool failed or its upload was incomplete, 2 bad usage or setup.
@@ -42,12 +45,12 @@ root=$(dirname "$here")
 source "$here/servers.sh"
 limit=${QV_BENCH_TIMEOUT:-1800}
 mode=${1:-all}
-case $mode in dav|ftp|all) ;; *) echo "usage: $0 [dav|ftp|all] [work folder]" >&2; exit 2 ;; esac
+case $mode in dav|webdav|ftp|all) ;; *) echo "usage: $0 [dav|webdav|ftp|all] [work folder]" >&2; exit 2 ;; esac
 [[ -x $program ]] || { echo "stellwin-backup not found at $program: build it or set QV_PROGRAM" >&2; exit 2; }
 # GNU time measures the peak memory; bc does the arithmetic. Neither is on a minimal Debian.
 ensure_tools /usr/bin/time:time bc:bc curl:curl rclone:rclone ss:iproute2
-if [[ $mode != ftp ]]; then ensure_tools /usr/sbin/apache2:apache2 htpasswd:apache2-utils; fi
-if [[ $mode != dav ]]; then ensure_tools /usr/sbin/vsftpd:vsftpd; fi
+if [[ $mode != ftp ]]; then ensure_tools /usr/sbin/apache2:apache2 htpasswd:apache2-utils openssl:openssl; fi
+if [[ $mode == ftp || $mode == all ]]; then ensure_tools /usr/sbin/vsftpd:vsftpd; fi
 
 temporary=""
 if [[ $# -ge 2 ]]; then work=$(mkdir -p "$2" && cd "$2" && pwd); else
@@ -201,27 +204,43 @@ new_home() {  # name
   unset DBUS_SESSION_BUS_ADDRESS
 }
 
-bench_dav() {
-  local d=$work/dav port user=bench pass
+bench_dav() {  # [webdav]: over HTTPS to a webdav destination
+  local kind=${1:-dav} d=$work/${1:-dav} port user=bench pass scheme=http ca=""
   rm -rf "$d"
   pass=$(head -c 24 /dev/urandom | base64 | tr -dc 'A-Za-z0-9')
   port=$(free_port)
-  start_apache "$d" "$port" "$user" "$pass" qv curl rclone1 rclone4
-  echo "dav: Apache httpd + mod_dav on 127.0.0.1:$port"
+  if [[ $kind == webdav ]]; then
+    scheme=https ca=$work/ca
+    mkdir -p "$ca"
+    ( cd "$ca"
+      openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj "/CN=Bench CA" -keyout ca.key -out ca.pem
+      openssl req -newkey rsa:2048 -nodes -subj "/CN=127.0.0.1" -keyout server.key -out server.csr
+      printf 'subjectAltName=IP:127.0.0.1\n' >server.ext
+      openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile server.ext -out server.pem
+      chmod 0644 server.key ) >"$work/openssl.log" 2>&1
+  fi
+  apache_tls=$ca start_apache "$d" "$port" "$user" "$pass" qv curl rclone1 rclone4
+  echo "$kind: Apache httpd + mod_dav on $scheme://127.0.0.1:$port"
 
-  new_home dav
-  "$program" target add --type dav --title BenchDAV --server 127.0.0.1 --port "$port" --path qv \
-    --user "$user" --password-stdin --default <<<"$pass" >/dev/null
+  new_home "$kind"
+  if [[ $kind == webdav ]]; then
+    "$program" target add --type webdav --title BenchWebDAV --url "https://127.0.0.1:$port/qv" --ca-file "$ca/ca.pem" \
+      --user "$user" --password-stdin --default <<<"$pass" >/dev/null
+  else
+    "$program" target add --type dav --title BenchDAV --server 127.0.0.1 --port "$port" --path qv \
+      --user "$user" --password-stdin --default <<<"$pass" >/dev/null
+  fi
   "$program" group add Bench "$tree" >/dev/null
 
   # One curl process: MKCOLs first (one entry each, split by `next`), then every upload.
-  local base="http://127.0.0.1:$port/curl/tree" cfg=$work/curl-dav.cfg dir f
+  local base="$scheme://127.0.0.1:$port/curl/tree" cfg=$work/curl-dav.cfg dir f trust=""
+  [[ -n $ca ]] && trust="cacert = \"$ca/ca.pem\""
   ( umask 077
-    { echo "url = \"$base/\""; echo "user = \"$user:$pass\""; echo 'request = "MKCOL"'; echo 'output = "/dev/null"'; echo "fail"
+    { echo "url = \"$base/\""; echo "user = \"$user:$pass\""; echo 'request = "MKCOL"'; echo 'output = "/dev/null"'; echo "fail"; echo "$trust"
       for dir in "${tree_dirs[@]}"; do
-        echo "next"; echo "url = \"$base/$dir/\""; echo "user = \"$user:$pass\""; echo 'request = "MKCOL"'; echo 'output = "/dev/null"'; echo "fail"
+        echo "next"; echo "url = \"$base/$dir/\""; echo "user = \"$user:$pass\""; echo 'request = "MKCOL"'; echo 'output = "/dev/null"'; echo "fail"; echo "$trust"
       done
-      echo "next"; echo "user = \"$user:$pass\""; echo "fail"
+      echo "next"; echo "user = \"$user:$pass\""; echo "fail"; echo "$trust"
       for f in "${tree_list[@]}"; do
         echo "upload-file = $(quote "$tree/$f")"; echo "url = \"$base/$f\""; echo 'output = "/dev/null"'
       done
@@ -230,10 +249,11 @@ bench_dav() {
   cmd_curl=(curl -q -s -S -K "$cfg")
   # rclone reads the (obscured) password from its environment, not from its arguments.
   RCLONE_WEBDAV_PASS=$(rclone obscure - <<<"$pass"); export RCLONE_WEBDAV_PASS
-  local -a rclone=(rclone copy -q "$tree" --webdav-url "http://127.0.0.1:$port" --webdav-user "$user")
+  local -a rclone=(rclone copy -q "$tree" --webdav-url "$scheme://127.0.0.1:$port" --webdav-user "$user")
+  [[ -n $ca ]] && rclone+=(--ca-cert "$ca/ca.pem")
   cmd_rclone_1=("${rclone[@]}" :webdav:rclone1/tree --transfers 1)
   cmd_rclone_4=("${rclone[@]}" :webdav:rclone4/tree --transfers 4)
-  measure dav "$d/data" "stellwin_backup=qv/Bench/*/tree" curl=curl/tree rclone_1=rclone1/tree rclone_4=rclone4/tree
+  measure "$kind" "$d/data" "stellwin_backup=qv/Bench/*/tree" curl=curl/tree rclone_1=rclone1/tree rclone_4=rclone4/tree
 }
 
 bench_ftp() {
@@ -265,8 +285,9 @@ bench_ftp() {
   measure ftp "$d/root" "stellwin_backup=backup/Bench/*/tree" curl=curl/tree rclone_1=rclone1/tree rclone_4=rclone4/tree
 }
 
-[[ $mode != ftp ]] && bench_dav
-[[ $mode != dav ]] && bench_ftp
+if [[ $mode == dav || $mode == all ]]; then bench_dav; fi
+if [[ $mode == webdav || $mode == all ]]; then bench_dav webdav; fi
+if [[ $mode == ftp || $mode == all ]]; then bench_ftp; fi
 
 echo
 echo "Tree: $tree_files files, $tree_bytes bytes ($files small files, one ${large_mb} MiB file); best of 2 runs each."

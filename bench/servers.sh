@@ -32,7 +32,8 @@ free_range() {  # count: prints the first port of COUNT consecutive free ports
 
 # start_apache FOLDER PORT USER PASSWORD [COLLECTION...]: serves FOLDER/data (with the collections made in
 # it) at "/"; logs each request's client port, method, status and path to FOLDER/logs/access.log. Returns
-# once the server answers.
+# once the server answers. With apache_tls set to a folder holding server.pem, server.key and ca.pem, it
+# serves HTTPS with that certificate.
 start_apache() {
   local d=$1 port=$2 user=$3 pass=$4 collection
   shift 4
@@ -50,6 +51,14 @@ start_apache() {
     for m in mpm_event authz_core authz_user authn_core authn_file auth_basic dav dav_fs; do
       echo "LoadModule ${m}_module $mods/mod_$m.so"
     done
+    if [[ -n ${apache_tls:-} ]]; then
+      echo "LoadModule ssl_module $mods/mod_ssl.so"
+      echo "LoadModule socache_shmcb_module $mods/mod_socache_shmcb.so"
+      echo "SSLSessionCache shmcb:$d/run/ssl_scache(512000)"
+      echo "SSLEngine on"
+      echo "SSLCertificateFile \"$apache_tls/server.pem\""
+      echo "SSLCertificateKeyFile \"$apache_tls/server.key\""
+    fi
     # The client's port tells the connections apart.
     echo 'LogFormat "%{remote}p %m %>s %U" bench'
     echo "CustomLog \"$d/logs/access.log\" bench"
@@ -90,7 +99,9 @@ start_apache() {
   /usr/sbin/apache2 -f "$d/httpd.conf" -DFOREGROUND &
   server_pids+=($!)
   local tries=0
-  until [[ $(curl -q -s -o /dev/null -w '%{http_code}' "http://127.0.0.1:$port/") == 401 ]]; do
+  local -a probe=(curl -q -s -o /dev/null -w '%{http_code}' "http://127.0.0.1:$port/")
+  [[ -n ${apache_tls:-} ]] && probe=(curl -q -s -o /dev/null -w '%{http_code}' --cacert "$apache_tls/ca.pem" "https://127.0.0.1:$port/")
+  until [[ $("${probe[@]}") == 401 ]]; do
     (( ++tries < 100 )) || { echo "dav: Apache did not answer; the end of its log:" >&2; tail -n 5 "$d/logs/error.log" >&2 || true; exit 2; }
     sleep 0.1
   done

@@ -20,7 +20,7 @@ packages=(build-essential cmake pkg-config gettext
   libcurl4-openssl-dev libglib2.0-dev libsecret-1-dev libxml2-dev nlohmann-json3-dev libcli11-dev uuid-dev)
 if [ "$want_tests" = 1 ]; then
   packages+=(googletest libgtest-dev dbus dbus-user-session gnome-keyring libsecret-tools
-    apache2 apache2-utils nginx-light libnginx-mod-http-dav-ext vsftpd python3-pyftpdlib rclone
+    apache2 apache2-utils nginx-light libnginx-mod-http-dav-ext vsftpd python3-pyftpdlib rclone php-cli php-sabre-dav
     openssl ca-certificates curl util-linux tzdata bc time clang-14 libclang-rt-14-dev valgrind)
 fi
 

@@ -17,7 +17,10 @@
 
 namespace {
 
-bool isNetworkedType(const std::string& type) { return type == "ftp" || type == "ftps" || type == "dav"; }
+// The kinds whose credentials the keychain keeps: the networked ones, "webdav" beside those of the record.
+bool isNetworkedType(const std::string& type) {
+  return type == "ftp" || type == "ftps" || type == "dav" || type == "webdav";
+}
 
 }  // namespace
 

@@ -14,6 +14,33 @@
 #include "platform/QVLog.h"
 #include "platform/QVRunLoop.h"
 
+namespace {
+
+// Keeps the newest "versions" of the listing's version names and removes the others, oldest first.
+// No lower bound, deliberately: "versions" 0 removes every version, the new one included. A stored
+// "versions" that cannot be read is no count at all: then nothing is removed, and the run says so.
+void pruneOldVersions(QVBackupTarget& target, const QVGroup& group, const std::vector<std::string>& listing,
+                      QVRunReport& report) {
+  std::vector<std::string> versions;
+  for (const auto& name : listing)
+    if (qv::isVersionName(name)) versions.push_back(name);
+  const std::uint64_t keep = group.versions.value_or(0);
+  if (group.hasUnreadableVersions()) {
+    report.versionsUnreadable = true;
+    QVLog("QVBackupAgent warning: the \"versions\" of group \"" + group.title +
+          "\" cannot be read; no old version was removed");
+  } else if (versions.size() > keep) {
+    std::sort(versions.begin(), versions.end());
+    const std::size_t surplus = versions.size() - static_cast<std::size_t>(keep);
+    for (std::size_t i = 0; i < surplus; ++i) {
+      if (!target.removeEntry(versions[i], group))
+        QVLog(qv::stringWithFormat("Could not remove old entry: %@", {versions[i]}));
+    }
+  }
+}
+
+}  // namespace
+
 template <typename F>
 void QVBackupAgent::postToSelf(F&& work) {
   std::weak_ptr<QVBackupAgent*> self = m_weakSelf;
@@ -179,10 +206,14 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
   report.bytes = target.bytesWritten();
   report.leftOut = target.leftOutPaths();
 
-  if (target.isCancelled()) {
-    // The partial version stays at the destination.
+  auto endReport = [&] {
     target.setDelegate(nullptr);
     report.ended = std::chrono::system_clock::now();
+    report.notes = target.notes();
+  };
+  if (target.isCancelled()) {
+    // The partial version stays at the destination.
+    endReport();
     postToSelf([group = run->group, report](QVBackupAgent& agent) {
       agent.m_runReports[report.groupID] = report;  // filed before the outcome, for the host to read with it
       agent.onBackupCancel(group);
@@ -194,26 +225,8 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
   if (target.isAvailable()) listing = target.entriesInDirectoryForItem(group).value_or(std::vector<std::string>{});
 
   if (anySucceeded && !leftEarly) {
-    std::vector<std::string> versions;
-    for (const auto& name : listing)
-      if (qv::isVersionName(name)) versions.push_back(name);
-    // No lower bound, deliberately: "versions" 0 removes every version, the new one included. A stored
-    // "versions" that cannot be read is no count at all: then nothing is removed, and the run says so.
-    const std::uint64_t keep = group.versions.value_or(0);
-    if (group.hasUnreadableVersions()) {
-      report.versionsUnreadable = true;
-      QVLog("QVBackupAgent warning: the \"versions\" of group \"" + group.title +
-            "\" cannot be read; no old version was removed");
-    } else if (versions.size() > keep) {
-      std::sort(versions.begin(), versions.end());
-      const std::size_t surplus = versions.size() - static_cast<std::size_t>(keep);
-      for (std::size_t i = 0; i < surplus; ++i) {
-        if (!target.removeEntry(versions[i], group))
-          QVLog(qv::stringWithFormat("Could not remove old entry: %@", {versions[i]}));
-      }
-    }
-    target.setDelegate(nullptr);
-    report.ended = std::chrono::system_clock::now();
+    pruneOldVersions(target, group, listing, report);
+    endReport();
     postToSelf([group = run->group, anyMissing, report](QVBackupAgent& agent) {
       agent.m_runReports[report.groupID] = report;
       agent.onBackupComplete(group, anyMissing);
@@ -226,8 +239,7 @@ void QVBackupAgent::performBackup(std::shared_ptr<Run> run) {
     }
     // With a destination that was lost the listing is empty, so this is called all the same.
     if (listing.empty()) target.removeRootEntryForGroup(group);
-    target.setDelegate(nullptr);
-    report.ended = std::chrono::system_clock::now();
+    endReport();
     postToSelf([group = run->group, lastError, report](QVBackupAgent& agent) {
       agent.m_runReports[report.groupID] = report;
       agent.onBackupFailed(group, lastError);

@@ -26,4 +26,5 @@ struct QVRunReport {
   std::vector<std::string> failedItems;   // "path (reason)" of other items the destination did not take
   bool versionsUnreadable = false;        // nothing was pruned
   std::vector<std::string> passedOver;    // folders inside the items that no copy enters; the host names them
+  std::vector<std::string> notes;         // what the destination added: refused names, removals it held back
 };

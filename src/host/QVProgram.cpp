@@ -7,6 +7,7 @@
 #include "agent/QVBackupAgent.h"
 #include "host/control/QVAgentLock.h"
 #include "host/cli/QVBackupCommand.h"
+#include "host/cli/QVDestinationChecks.h"
 #include "host/control/QVControlClient.h"
 #include "host/control/QVControlConnection.h"
 #include "host/daemon/QVDaemonCommand.h"
@@ -183,6 +184,16 @@ int QVProgram::runHere(const QVCommandOptions& options, QVAgentLock* lock, const
       if (!onlyReads(options) || options.command == QVCommand::versions || options.command == QVCommand::files)
         agent.stopTimers();
       agent.setRunGate([](const QVGroup&) { return false; });
+    } else {
+      // A run that a menu entry or a timer starts here meets the same check as "backup": a dav server
+      // whose listings the dav kind cannot read is not written to.
+      agent.setRunGate([&agent](const QVGroup& group) {
+        QVTargetRef target = group.target ? agent.targetWithIdentifier(*group.target) : nullptr;
+        if (!target) return true;
+        qv::QVDAVListingVerdict verdict = qv::checkDAVListing(*target);
+        if (verdict.unreadable) std::cerr << kProgram << ": " << group.title << " was not backed up: " << verdict.message << std::endl;
+        return !verdict.unreadable;
+      });
     }
 
     switch (options.command) {

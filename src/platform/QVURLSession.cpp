@@ -7,6 +7,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 
 #include "platform/QVFoundation.h"
@@ -19,6 +21,14 @@ constexpr long kConnectTimeout = 30;         // seconds to make a connection
 constexpr std::size_t kMaxBodySize = 256u << 20;  // a reply larger than this is refused, not held
 
 std::atomic<long> g_idleTimeout{kDefaultIdleTimeout};
+
+// A small file read whole (a certificate bundle); false when it cannot be read.
+bool readWholeFile(const std::string& path, std::string& contents) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) return false;
+  contents.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  return !file.bad();
+}
 
 void initializeLibraryOnce() {
   static std::once_flag once;
@@ -37,6 +47,10 @@ std::unique_ptr<QVInputStream> QVInputStream::inputStreamWithFileAtPath(const st
 }
 
 QVInputStream::~QVInputStream() { ::close(m_fd); }
+
+bool QVInputStream::seek(std::uint64_t offset) {
+  return offset <= m_length && ::lseek(m_fd, static_cast<off_t>(offset), SEEK_SET) == static_cast<off_t>(offset);
+}
 
 long QVInputStream::read(char* buffer, std::size_t size) {
   for (;;) {
@@ -63,6 +77,7 @@ struct QVURLSession::Impl {
   std::unique_ptr<QVInputStream> upload;
   std::int64_t sent = 0;
   QVURLConnectionDelegate* delegate = nullptr;
+  std::string trustedBundle;  // the certificates the session trusts, when more than the system's
 
   Impl() {
     initializeLibraryOnce();
@@ -80,6 +95,8 @@ struct QVURLSession::Impl {
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
     curl_easy_setopt(easy, CURLOPT_READFUNCTION, &Impl::readBody);
     curl_easy_setopt(easy, CURLOPT_READDATA, this);
+    curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &Impl::seekBody);
+    curl_easy_setopt(easy, CURLOPT_SEEKDATA, this);
     curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Impl::header);
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
   }
@@ -133,6 +150,15 @@ struct QVURLSession::Impl {
         self->delegate->connectionDidSendBodyData(n, self->sent, static_cast<std::int64_t>(self->upload->length()));
     }
     return static_cast<size_t>(n);
+  }
+
+  // Sending the body again, when the server asked for credentials after it began.
+  static int seekBody(void* context, curl_off_t offset, int origin) {
+    auto* self = static_cast<Impl*>(context);
+    if (!self->upload || origin != SEEK_SET || !self->upload->seek(static_cast<std::uint64_t>(offset)))
+      return CURL_SEEKFUNC_CANTSEEK;
+    self->sent = static_cast<std::int64_t>(offset);
+    return CURL_SEEKFUNC_OK;
   }
 
   static size_t header(char* data, size_t size, size_t count, void* context) {
@@ -204,6 +230,22 @@ struct QVURLSession::Impl {
                              : errorBuffer[0] ? errorBuffer
                                               : curl_easy_strerror(result);
     e.failingURLString = url;
+    const std::string text = errorBuffer;
+    switch (result) {
+      case CURLE_COULDNT_CONNECT:
+      case CURLE_COULDNT_RESOLVE_HOST: e.kind = QVURLError::Kind::couldNotConnect; break;
+      case CURLE_OPERATION_TIMEDOUT: e.kind = QVURLError::Kind::timedOut; break;
+      case CURLE_PEER_FAILED_VERIFICATION:
+        if (text.find("expired") != std::string::npos) e.kind = QVURLError::Kind::expiredCertificate;
+        else if (text.find("host name") != std::string::npos || text.find("subject name") != std::string::npos)
+          e.kind = QVURLError::Kind::wrongHostName;
+        else e.kind = QVURLError::Kind::untrustedCertificate;
+        break;
+      case CURLE_SSL_CONNECT_ERROR:
+      case CURLE_SSL_CERTPROBLEM:
+      case CURLE_SSL_CACERT_BADFILE: e.kind = QVURLError::Kind::tls; break;
+      default: break;
+    }
     return e;
   }
 };
@@ -216,6 +258,35 @@ void QVURLSession::setCredentials(const std::string& user, const std::string& pa
   curl_easy_setopt(m_impl->easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
   curl_easy_setopt(m_impl->easy, CURLOPT_USERNAME, user.c_str());
   curl_easy_setopt(m_impl->easy, CURLOPT_PASSWORD, password.c_str());
+}
+
+void QVURLSession::setCredentialsForChallenge(const std::string& user, const std::string& password) {
+  curl_easy_setopt(m_impl->easy, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC | CURLAUTH_DIGEST));
+  curl_easy_setopt(m_impl->easy, CURLOPT_USERNAME, user.c_str());
+  curl_easy_setopt(m_impl->easy, CURLOPT_PASSWORD, password.c_str());
+}
+
+bool QVURLSession::allowHTTPS(const std::string& trustedCertificatesFile, std::string* error) {
+  CURL* easy = m_impl->easy;
+  curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
+  curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
+  if (trustedCertificatesFile.empty()) return true;
+  std::string added;
+  if (!readWholeFile(trustedCertificatesFile, added) || added.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
+    if (error) *error = "\"" + trustedCertificatesFile + "\" cannot be read or holds no PEM certificate";
+    return false;
+  }
+  // The system's store and the one file together, for this connection alone.
+  const char* systemStore = nullptr;
+  curl_easy_getinfo(easy, CURLINFO_CAINFO, &systemStore);
+  std::string bundle;
+  if (!readWholeFile(systemStore ? systemStore : "/etc/ssl/certs/ca-certificates.crt", bundle)) bundle.clear();
+  bundle += "\n" + added;
+  m_impl->trustedBundle = std::move(bundle);
+  curl_blob blob{m_impl->trustedBundle.data(), m_impl->trustedBundle.size(), CURL_BLOB_NOCOPY};
+  curl_easy_setopt(easy, CURLOPT_CAINFO_BLOB, &blob);
+  return true;
 }
 
 bool QVURLSession::sendSynchronousRequest(const std::string& method, const std::string& url, const QVHeaders& headers,
@@ -287,6 +358,11 @@ void QVURLSession::cancelUpload() {
   impl.detach();
   impl.delegate = nullptr;
   impl.upload.reset();
+}
+
+void QVURLSession::setIdleTimeout(long seconds) {
+  curl_easy_setopt(m_impl->easy, CURLOPT_LOW_SPEED_TIME, seconds);
+  curl_easy_setopt(m_impl->easy, CURLOPT_CONNECTTIMEOUT, std::min(seconds, kConnectTimeout));
 }
 
 void QVURLSession::setIdleTimeoutForTesting(long seconds) {

@@ -27,6 +27,9 @@ struct QVURLError {
   std::int64_t code = 0;
   std::string localizedDescription;
   std::string failingURLString;
+  // The kind of transport failure, for a message that says what to do.
+  enum class Kind { other, couldNotConnect, timedOut, untrustedCertificate, wrongHostName, expiredCertificate, tls };
+  Kind kind = Kind::other;
 };
 
 // Where an upload's events go. Called on the thread that turns the session, inside runOnce().
@@ -52,6 +55,8 @@ class QVInputStream {
   QVInputStream& operator=(const QVInputStream&) = delete;
   // Reads up to size bytes; 0 at the end; -1 on a read error.
   long read(char* buffer, std::size_t size);
+  // Goes back (or on) to offset from the start; false when it cannot.
+  bool seek(std::uint64_t offset);
   std::uint64_t length() const { return m_length; }
 
  private:
@@ -71,6 +76,15 @@ class QVURLSession {
 
   // Sends HTTP Basic authentication with every request from now on.
   void setCredentials(const std::string& user, const std::string& password);
+  // Answers the server's Basic or Digest challenge with these credentials instead: nothing is sent before
+  // the server asks for it, and the choice it made holds for the requests after. Redirects are never
+  // followed, so the credentials reach no other server.
+  void setCredentialsForChallenge(const std::string& user, const std::string& password);
+  // Allows https:// URLs besides http://. The server's certificate is always verified against the
+  // system's trust store, and against the certificates of trustedCertificatesFile (PEM) when it is not
+  // empty, for this session alone. False (with *error) when that file cannot be read or holds no
+  // certificate.
+  bool allowHTTPS(const std::string& trustedCertificatesFile, std::string* error);
   // Polled while a synchronous request waits, so that a cancel of the work ends it within a fraction of a
   // second; a request ended so fails as a transport error.
   void setCancellationCheck(std::function<bool()> isCancelled) { m_isCancelled = std::move(isCancelled); }
@@ -93,6 +107,10 @@ class QVURLSession {
   void runOnce(std::chrono::milliseconds maxWait = std::chrono::milliseconds(100));
   // Ends the running upload at once; its delegate hears nothing more.
   void cancelUpload();
+
+  // A shorter idle timeout for this session alone (and a connect timeout no longer than it): for a quick
+  // question to a server that must not hold up the caller.
+  void setIdleTimeout(long seconds);
 
   // Tests: the idle timeout of sessions made from now on (seconds; 0 restores the default of 60).
   static void setIdleTimeoutForTesting(long seconds);

@@ -42,6 +42,20 @@ std::string QVXMLElement::stringValue() const {
   return text;
 }
 
+std::string QVXMLElement::localName() const { return reinterpret_cast<const char*>(static_cast<xmlNode*>(m_node)->name); }
+
+std::string QVXMLElement::namespaceURI() const {
+  const xmlNs* ns = static_cast<xmlNode*>(m_node)->ns;
+  return ns && ns->href ? reinterpret_cast<const char*>(ns->href) : "";
+}
+
+std::vector<QVXMLElement> QVXMLElement::childElements() const {
+  std::vector<QVXMLElement> found;
+  for (xmlNode* child = static_cast<xmlNode*>(m_node)->children; child; child = child->next)
+    if (child->type == XML_ELEMENT_NODE) found.push_back(QVXMLElement(child));
+  return found;
+}
+
 std::unique_ptr<QVXMLDocument> QVXMLDocument::documentWithData(const std::string& data) {
   if (data.empty() || data.size() > static_cast<std::size_t>(INT_MAX)) return nullptr;
   static std::once_flag initialized;

@@ -17,6 +17,11 @@ class QVXMLElement {
   std::vector<QVXMLElement> elementsForName(const std::string& qualifiedName) const;
   // The text of the element and all its descendants.
   std::string stringValue() const;
+  // Reading by namespace, whatever prefix a document chose: the element's local name, the namespace URI it
+  // stands in ("" for none), and its child elements in document order.
+  std::string localName() const;
+  std::string namespaceURI() const;
+  std::vector<QVXMLElement> childElements() const;
 
  private:
   friend class QVXMLDocument;

@@ -15,6 +15,7 @@
 #include "targets/QVFTPBackupTarget.h"
 #include "targets/QVFTPSBackupTarget.h"
 #include "targets/QVLocalBackupTarget.h"
+#include "targets/QVWebDAVBackupTarget.h"
 
 namespace {
 std::atomic<QVBackupTarget::QVTargetMaker> g_testingMaker{nullptr};
@@ -31,6 +32,7 @@ std::unique_ptr<QVBackupTarget> QVBackupTarget::targetWithOptions(const QVTarget
   if (type == "ftp") return std::make_unique<QVFTPBackupTarget>(options);
   if (type == "ftps") return std::make_unique<QVFTPSBackupTarget>(options);
   if (type == "dav") return std::make_unique<QVDAVBackupTarget>(options);
+  if (type == "webdav") return std::make_unique<QVWebDAVBackupTarget>(options);
   return nullptr;
 }
 
@@ -47,6 +49,10 @@ void QVBackupTarget::removeRootEntryForGroup(const QVGroup&) {}
 bool QVBackupTarget::removeEntry(const std::string&, const QVGroup&) { return false; }
 
 bool QVBackupTarget::renameEntry(const std::string&, const std::string&, const QVGroup&) { return false; }
+
+std::optional<std::vector<std::string>> QVBackupTarget::entriesForReading(const QVGroup& group) {
+  return entriesInDirectoryForItem(group);
+}
 
 bool QVBackupTarget::backupItem(const std::string& path, const QVGroup&, const std::string&, const std::string&,
                                 QVError* error) {

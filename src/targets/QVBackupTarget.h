@@ -51,7 +51,7 @@ using QVDataSink = std::function<bool(const char* bytes, std::size_t length)>;
 class QVBackupTarget {
  public:
   // A new destination of the kind that options' "type" names (exact, case-sensitive: "local", "ftp",
-  // "ftps", "dav"); nullptr for any other type, without an error or a log line.
+  // "ftps", "dav", and "webdav" beside them); nullptr for any other type, without an error or a log line.
   static std::unique_ptr<QVBackupTarget> targetWithOptions(const QVTarget& options);
   // Tests: a maker asked before the kinds above; when it answers nullptr the kinds are tried.
   using QVTargetMaker = std::unique_ptr<QVBackupTarget> (*)(const QVTarget& options);
@@ -87,6 +87,10 @@ class QVBackupTarget {
   // Streams one file of the version to sink.
   virtual bool readFileOfVersion(const QVGroup& group, const std::string& version, const std::string& relativePath,
                                  const QVDataSink& sink, QVError* error);
+  // The entries of the group's folder as reading a version back finds them (versions, restore, verify):
+  // kinds whose run listing can miss entries that exist read them here as well as they can. The base
+  // answers entriesInDirectoryForItem.
+  virtual std::optional<std::vector<std::string>> entriesForReading(const QVGroup& group);
 
   // The destination's credentials, looked up afresh in the keychain on every call.
   std::optional<QVKeychainItem> keychainItem() const;
@@ -115,6 +119,9 @@ class QVBackupTarget {
   std::uint64_t filesWritten() const { return m_filesWritten; }
   std::uint64_t bytesWritten() const { return m_bytesWritten; }
   const std::vector<std::string>& leftOutPaths() const { return m_leftOutPaths; }
+  // Lines for the run's outcome that the destination adds: a name the server refused, a listing that
+  // failed so nothing was removed. Read and written by the run thread.
+  const std::vector<std::string>& notes() const { return m_notes; }
 
   const QVTarget& options() const { return m_options; }
   // Requires: no run thread uses the destination yet.
@@ -135,6 +142,7 @@ class QVBackupTarget {
   void noteLeftOut(const std::vector<std::string>& paths) {
     m_leftOutPaths.insert(m_leftOutPaths.end(), paths.begin(), paths.end());
   }
+  void noteForRun(const std::string& line) { m_notes.push_back(line); }
 
   QVTarget m_options;
 
@@ -145,4 +153,5 @@ class QVBackupTarget {
   std::uint64_t m_filesWritten = 0;
   std::uint64_t m_bytesWritten = 0;
   std::vector<std::string> m_leftOutPaths;
+  std::vector<std::string> m_notes;
 };

@@ -10,8 +10,13 @@
 #include "platform/QVLog.h"
 #include "platform/QVStatusTexts.h"
 #include "platform/QVXMLDocument.h"
+#include "targets/QVDAVMultistatus.h"
 
 namespace fs = std::filesystem;
+
+namespace {
+constexpr long kListingCheckTimeout = 5;  // seconds
+}
 
 QVDAVBackupTarget::QVDAVBackupTarget(const QVTarget& options)
     : QVBackupTarget(options), m_session(std::make_unique<QVURLSession>()) {
@@ -114,6 +119,37 @@ std::optional<std::vector<std::string>> QVDAVBackupTarget::entriesInDirectoryFor
       reply.empty())
     return std::nullopt;
   return collectionNamesInReply(reply);
+}
+
+std::optional<std::vector<std::string>> QVDAVBackupTarget::entriesForReading(const QVGroup& group) {
+  const std::string url = requestURL(groupURL(group));
+  std::int64_t status = 0;
+  std::string reply;
+  if (!m_session->sendSynchronousRequest("PROPFIND", url, {{"Depth", "1"}, {"Content-Type", "application/xml"}},
+                                         &status, &reply, nullptr) ||
+      status / 100 != 2)
+    return std::nullopt;
+  return QVDAVMultistatus::collectionNamesInReply(reply, url);
+}
+
+std::string QVDAVBackupTarget::folderURL(const QVTarget& options) {
+  std::string url = "http://" + qv::stringWithFormat("%@:%@", {options.server.value_or(""), options.portString()}) +
+                    qv::stringWithFormat("/%@", {pathWithReplacingInvalidCharactersInPath(options.path)});
+  if (url.back() != '/') url += '/';
+  return url;
+}
+
+QVDAVBackupTarget::QVListingCheck QVDAVBackupTarget::checkListing(const QVTarget& options) {
+  QVURLSession session;
+  // A quick question: a server that does not answer within it counts as unreachable.
+  session.setIdleTimeout(kListingCheckTimeout);
+  if (options.user && options.pass && !options.user->empty() && !options.pass->empty())
+    session.setCredentials(*options.user, *options.pass);
+  std::string reply;
+  if (!session.sendSynchronousRequest("PROPFIND", folderURL(options),
+                                      {{"Depth", "1"}, {"Content-Type", "application/xml"}}, nullptr, &reply, nullptr))
+    return QVListingCheck::unreachable;
+  return QVDAVMultistatus::isReadableOnlyByNamespace(reply) ? QVListingCheck::unreadable : QVListingCheck::readable;
 }
 
 bool QVDAVBackupTarget::removeItemWithURL(const std::string& url) {
@@ -279,8 +315,9 @@ std::optional<std::vector<QVVersionEntry>> QVDAVBackupTarget::contentsOfVersion(
                                                 {{"Depth", "1"}, {"Content-Type", "application/xml"}}, &status,
                                                 &reply, nullptr);
   std::optional<std::vector<QVVersionEntry>> entries;
-  // Without an answer the status is 0, and the rule says that the server could not be reached.
-  if (validateResponseStatusCode(sent ? status : 0, false)) entries = entriesInReply(reply);
+  // Without an answer the status is 0, and the rule says that the server could not be reached. Read back
+  // by namespace: what a server wrote must be found whatever prefix it chose.
+  if (validateResponseStatusCode(sent ? status : 0, false)) entries = QVDAVMultistatus::membersInReply(reply, requestURL(url));
   if (!entries && error)
     *error = errorWithStatusCode(-27, sent && status / 100 == 2 ? "The server's listing cannot be read" : errorString(),
                                  relativePath);

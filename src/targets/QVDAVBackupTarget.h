@@ -61,6 +61,19 @@ class QVDAVBackupTarget : public QVBackupTarget, private QVURLConnectionDelegate
   bool readFileOfVersion(const QVGroup& group, const std::string& version, const std::string& relativePath,
                          const QVDataSink& sink, QVError* error) override;
 
+  // The group's collections read by namespace, whatever prefix the server writes.
+  std::optional<std::vector<std::string>> entriesForReading(const QVGroup& group) override;
+
+  // What the destination folder's listing tells about the server that options name, asked for the way a
+  // run's listing asks (PROPFIND, Depth 1, with the record's own user name and password): readable;
+  // unreadable, when the server answers with a multistatus whose DAV elements carry another prefix than
+  // "D:" (such a server's versions are never listed, so never pruned, and a failed run would remove the
+  // group's folder); unreachable, when no answer came.
+  enum class QVListingCheck { readable, unreadable, unreachable };
+  static QVListingCheck checkListing(const QVTarget& options);
+  // The folder's address without credentials: "http://server:port/path/".
+  static std::string folderURL(const QVTarget& options);
+
   // The names of the collections in a PROPFIND reply, as the listing reads them.
   static std::optional<std::vector<std::string>> collectionNamesInReply(const std::string& reply);
   // Every member that a PROPFIND reply describes, the requested collection itself left out.

@@ -71,10 +71,10 @@ TEST_F(QVBackupCommandTest, ReportsMissingItemsEmptyGroupsAndDestinationsThatAre
   EXPECT_EQ(outcomes, json::parse(R"([
       {"groupTitle": "Mixed", "outcome": "complete with missing items", "statusCode": 0, "message": null, "items": 2,
        "files": 1, "bytes": 4, "leftOutCount": 0, "leftOut": [], "missingItems": [")" + lost + R"("], "failedItems": [],
-       "versionsUnreadable": false, "passedOver": []},
+       "versionsUnreadable": false, "passedOver": [], "notes": []},
       {"groupTitle": "Hollow", "outcome": "empty", "statusCode": null, "message": "the group is empty; nothing to back up",
        "version": null, "items": 0, "files": 0, "bytes": 0, "leftOutCount": 0, "leftOut": [], "missingItems": [],
-       "failedItems": [], "versionsUnreadable": false, "passedOver": []}])"));
+       "failedItems": [], "versionsUnreadable": false, "passedOver": [], "notes": []}])"));
   EXPECT_NE(result.err.find("group \"Hollow\" is empty; nothing to back up"), std::string::npos) << result.err;
   result = runProgram({"backup", "Mixed"});
   EXPECT_TRUE(result.out.starts_with("Mixed: complete with missing items, 1 file, 4 bytes in ") &&
@@ -276,7 +276,7 @@ TEST_F(QVBackupCommandTest, KeepsEveryVersionWhenTheStoredCountCannotBeRead) {
       else group["versions"] = cases[i].first;
     });
   }
-  std::vector<std::string> arguments = {"backup", "--json"};
+  std::vector<std::string> arguments = {"backup", "--json", "--verbose"};  // the agent's log line too
   arguments.insert(arguments.end(), titles.begin(), titles.end());
   arguments.push_back("--verbose");  // the agent's log lines too
   ProgramResult result = runProgram(arguments);

@@ -47,6 +47,11 @@ class QVFaultTest : public HostTest, public ::testing::WithParamInterface<std::s
       m_servers.push_back(std::make_unique<ApacheDAVServer>());
       root = static_cast<ApacheDAVServer&>(*m_servers.back()).root() + "/b";
       arguments.insert(arguments.end(), {"dav", "--server", "127.0.0.1", "--path", "b"});
+    } else if (GetParam() == "webdav") {
+      m_servers.push_back(std::make_unique<ApacheDAVServer>());
+      root = static_cast<ApacheDAVServer&>(*m_servers.back()).root() + "/b";
+      arguments.insert(arguments.end(),
+                       {"webdav", "--url", "http://127.0.0.1:" + std::to_string(m_servers.back()->port()) + "/b"});
     } else if (GetParam() == "ftp") {
       m_servers.push_back(std::make_unique<PyftpdlibServer>("ann", "pw", 64 << 20));
       root = static_cast<PyftpdlibServer&>(*m_servers.back()).root() + "/b";
@@ -57,7 +62,7 @@ class QVFaultTest : public HostTest, public ::testing::WithParamInterface<std::s
       root = localFolder;
       arguments.insert(arguments.end(), {"local", "--path", root});
     }
-    if (!m_servers.empty() && GetParam() != "local")
+    if (!m_servers.empty() && GetParam() != "local" && GetParam() != "webdav")
       arguments.insert(arguments.end(), {"--port", std::to_string(m_servers.back()->port())});
     fs::create_directories(root);
     const ProgramResult added = runProgram(arguments, input);
@@ -239,7 +244,7 @@ TEST_P(QVFaultTest, AFullVolumeFailsTheRunAndKeepsTheVersionsBefore) {
   EXPECT_EQ(status("Docs")["lastOutcome"], "failed");
 }
 
-INSTANTIATE_TEST_SUITE_P(Destinations, QVFaultTest, ::testing::Values("local", "dav", "ftp"),
+INSTANTIATE_TEST_SUITE_P(Destinations, QVFaultTest, ::testing::Values("local", "dav", "webdav", "ftp"),
                          [](const auto& info) { return info.param; });
 
 // The server killed while it removes old versions: the version just made stays whole, and once the
@@ -275,7 +280,7 @@ TEST_P(QVPruneFaultTest, CancelledOrKilledWhilePruningTheNewestVersionStays) {
   EXPECT_EQ(versions("Docs").size(), 1u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Servers, QVPruneFaultTest, ::testing::Values("dav", "ftp"),
+INSTANTIATE_TEST_SUITE_P(Servers, QVPruneFaultTest, ::testing::Values("dav", "webdav", "ftp"),
                          [](const auto& info) { return info.param; });
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <chrono>
 #include <filesystem>
 #include <stdexcept>
@@ -128,7 +129,44 @@ void TestServer::stop() {
   for (int i = 0; i < 250 && portAccepts(m_port); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
-ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser, long maxBody) {
+TestCertificateAuthority::TestCertificateAuthority(const std::string& hostName) {
+  const std::string d = m_dir.path();
+  const std::string altName = hostName == "127.0.0.1" ? "IP:127.0.0.1,DNS:localhost" : "DNS:" + hostName;
+  writeFile(d + "/ext.cnf", "subjectAltName=" + altName + "\nbasicConstraints=CA:FALSE\n");
+  const std::string command =
+      "cd '" + d + "' && openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 "
+      "-subj '/CN=Stellwin Test CA' && openssl req -newkey rsa:2048 -nodes -keyout server.key -out server.csr "
+      "-subj '/CN=" + hostName + "' && openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial "
+      "-out server.pem -days 2 -extfile ext.cnf";
+  if (std::system(("(" + command + ") >/dev/null 2>&1").c_str()) != 0)
+    throw std::runtime_error("openssl could not make the test certificates");
+}
+
+SabreDAVServer::SabreDAVServer(const std::string& basePath, const std::string& user, const std::string& password) {
+  const std::string dir = directory();
+  fs::create_directories(root());
+  // The credentials reach PHP in a file, never on a command line.
+  writeFile(dir + "/user", user);
+  writeFile(dir + "/password", password);
+  writeFile(dir + "/server.php",
+            "<?php\nrequire_once 'Sabre/autoload.php';\n"
+            "class TestAuth extends \\Sabre\\DAV\\Auth\\Backend\\AbstractBasic {\n"
+            "  protected function validateUserPass($u, $p) {\n"
+            "    return $u === file_get_contents(__DIR__ . '/user') && $p === file_get_contents(__DIR__ . '/password');\n"
+            "  }\n}\n"
+            "$server = new \\Sabre\\DAV\\Server(new \\Sabre\\DAV\\FS\\Directory(__DIR__ . '/www'));\n"
+            "$server->setBaseUri('" + basePath + "');\n"
+            "$server->addPlugin(new \\Sabre\\DAV\\Auth\\Plugin(new TestAuth(), 'realm'));\n"
+            "$server->exec();\n");
+  writeFile(dir + "/server.log", "");
+  const int port = freePort();
+  start({"/usr/bin/php", "-d", "upload_max_filesize=0", "-d", "post_max_size=0", "-d", "memory_limit=-1", "-S",
+         "127.0.0.1:" + std::to_string(port), dir + "/server.php"},
+        port, dir + "/server.log");
+}
+
+ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser, long maxBody,
+                                 const TestCertificateAuthority* tls, const std::string& refusedNames) {
   const std::string dir = directory();
   fs::create_directories(root());
   const int port = freePort();
@@ -149,10 +187,15 @@ ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std:
   for (const char* module : {"mpm_event", "authz_core", "authz_user", "authn_core", "authn_file", "auth_basic", "dav",
                              "dav_fs"})
     conf += std::string("LoadModule ") + module + "_module " + modules + "mod_" + module + ".so\n";
+  if (tls)
+    conf += "LoadModule ssl_module " + modules + "mod_ssl.so\nLoadModule socache_shmcb_module " + modules +
+            "mod_socache_shmcb.so\nSSLSessionCache shmcb:" + dir + "/ssl_scache(512000)\nSSLEngine on\n"
+            "SSLCertificateFile " + tls->certificateFile() + "\nSSLCertificateKeyFile " + tls->keyFile() + "\n";
   conf += "StartServers 1\nServerLimit 1\nThreadsPerChild 16\nMaxRequestWorkers 16\nLimitRequestBody " + std::to_string(maxBody) + "\n"
           "KeepAlive On\nMaxKeepAliveRequests 0\nKeepAliveTimeout 30\nTimeout 60\n"
           "DavLockDB " + dir + "/davlock\nDocumentRoot " + root() + "\n<Directory " + root() +
           ">\n    Dav On\n" + access + "</Directory>\n";
+  if (!refusedNames.empty()) conf += "<FilesMatch \"" + refusedNames + "\">\n    Require all denied\n</FilesMatch>\n";
   writeFile(dir + "/httpd.conf", conf);
   start({"/usr/sbin/apache2", "-f", dir + "/httpd.conf", "-DFOREGROUND"}, port, dir + "/error.log");
 }

@@ -51,12 +51,35 @@ class TestServer {
   pid_t m_pid = -1;
 };
 
+// A certificate authority made for one test (openssl), and a server certificate it signed for hostName
+// (127.0.0.1 as its address too, unless hostName is another name). Files in a temporary folder.
+class TestCertificateAuthority {
+ public:
+  explicit TestCertificateAuthority(const std::string& hostName = "127.0.0.1");
+  std::string caFile() const { return m_dir.path() + "/ca.pem"; }
+  std::string certificateFile() const { return m_dir.path() + "/server.pem"; }
+  std::string keyFile() const { return m_dir.path() + "/server.key"; }
+
+ private:
+  TemporaryDirectory m_dir;
+};
+
 // Apache httpd with mod_dav serving root() at "/", optionally behind HTTP Basic authentication, and
-// optionally refusing request bodies larger than maxBody bytes (413).
+// optionally refusing request bodies larger than maxBody bytes (413); over HTTPS with tls's certificate
+// when given; refusing (403) every name that matches the regular expression refusedNames when given.
 class ApacheDAVServer : public TestServer {
  public:
   explicit ApacheDAVServer(const std::optional<std::pair<std::string, std::string>>& basicUser = std::nullopt,
-                           long maxBody = 0);
+                           long maxBody = 0, const TestCertificateAuthority* tls = nullptr,
+                           const std::string& refusedNames = "");
+  std::string root() const { return directory() + "/www"; }
+};
+
+// SabreDAV (the WebDAV engine of Nextcloud and ownCloud) under "php -S", serving root() at basePath,
+// behind HTTP Basic authentication. Its replies write the DAV namespace with the prefix "d:".
+class SabreDAVServer : public TestServer {
+ public:
+  SabreDAVServer(const std::string& basePath, const std::string& user, const std::string& password);
   std::string root() const { return directory() + "/www"; }
 };
 

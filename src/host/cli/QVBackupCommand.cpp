@@ -11,6 +11,7 @@
 #include "agent/QVVersionName.h"
 #include "host/run/QVHostApp.h"
 #include "host/run/QVRecords.h"
+#include "host/cli/QVDestinationChecks.h"
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVRunPresenter.h"
 #include "platform/QVRunLoop.h"
@@ -95,6 +96,16 @@ std::optional<QVRunOutcome> QVBackupCommand::startRun(QVBackupAgent& agent, QVRu
   if (agent.isBackingUpGroupWithID(group.identifier)) {
     monitor.followRun(group.identifier);  // already running: its outcome is this request's
     return std::nullopt;
+  }
+  // A dav server whose listings the dav kind cannot read would keep every version, or lose them all
+  // after a failed run: the run fails before anything is sent or removed.
+  if (QVTargetRef target = group.target ? agent.targetWithIdentifier(*group.target) : nullptr) {
+    if (qv::QVDAVListingVerdict verdict = qv::checkDAVListing(*target); verdict.unreadable) {
+      say = "group " + qv::quoted(group.title) + " was not backed up: " + verdict.message;
+      refused.kind = QVRunOutcome::Kind::failed;
+      refused.message = verdict.message;
+      return refused;
+    }
   }
   qv::waitForANewVersionName(group);
   agent.backupGroupWithID(group.identifier);

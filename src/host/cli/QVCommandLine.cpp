@@ -1,5 +1,7 @@
 #include "host/cli/QVCommandLine.h"
 
+#include <functional>
+
 #include <CLI/CLI.hpp>
 #include <ostream>
 
@@ -37,10 +39,10 @@ struct QVCommandLine::Impl {
                kProgram};
 
   // Values as CLI11 fills them; copied into the options after a successful parse.
-  std::string name, group, target, title, groupTarget, versions, schedule, type, path, server, port, user;
+  std::string name, group, target, title, groupTarget, versions, schedule, type, path, server, port, user, url, caFile;
   std::vector<std::string> paths, groups;
   bool json = false, ids = false, passwordStdin = false, makeDefault = false, yes = false, force = false,
-       verbose = false;
+       allowPlainHTTP = false, verbose = false;
 
   CLI::App* groupCommand = nullptr;
   CLI::App* groupAdd = nullptr;
@@ -84,9 +86,17 @@ struct QVCommandLine::Impl {
       if (isRequired) option->required();
       optionalValues.emplace_back(option, member);
     };
-    add("--type", type, &QVCommandOptions::type, "Kind of destination: local, dav, ftp or ftps", required);
+    add("--type", type, &QVCommandOptions::type, "Kind of destination: local, dav, webdav, ftp or ftps", required);
     add("--title", title, &QVCommandOptions::title, "Name shown for the destination", required);
-    add("--path", path, &QVCommandOptions::path, "Folder (local) or path on the server", required);
+    add("--path", path, &QVCommandOptions::path, "Folder (local) or path on the server (all kinds but webdav)", false);
+    add("--url", url, &QVCommandOptions::url,
+        "webdav: the folder's address as the server shows it, https://host[:port]/path (no credentials)", false);
+    add("--ca-file", caFile, &QVCommandOptions::caFile,
+        "webdav: a PEM file of one more certificate authority (or a self-signed server's certificate) to trust "
+        "for this destination alone",
+        false);
+    command->add_flag("--allow-plain-http", allowPlainHTTP,
+                      "webdav: send the password over plain http:// (anyone on the network can read it)");
     add("--server", server, &QVCommandOptions::server, "Host name of the server (dav, ftp, ftps)", false);
     add("--port", port, &QVCommandOptions::port, "Port of the server, 1-65535 (default: the protocol's own)", false);
     add("--user", user, &QVCommandOptions::user,
@@ -280,7 +290,16 @@ struct QVCommandLine::Impl {
   }
 };
 
-QVCommandLine::QVCommandLine() : m_impl(std::make_unique<Impl>()) {}
+QVCommandLine::QVCommandLine() : m_impl(std::make_unique<Impl>()) {
+  // --verbose may stand anywhere after the program's name.
+  std::function<void(CLI::App*)> letThrough = [&](CLI::App* app) {
+    for (CLI::App* command : app->get_subcommands([](CLI::App*) { return true; })) {
+      command->fallthrough();
+      letThrough(command);
+    }
+  };
+  letThrough(&m_impl->app);
+}
 
 QVCommandLine::~QVCommandLine() = default;
 
@@ -338,6 +357,8 @@ std::optional<int> QVCommandLine::parse(int argc, char** argv, std::ostream& out
   options.yes = impl.yes;
   options.force = impl.force;
   options.menuEntry = impl.menuEntry;
+  options.allowPlainHTTP = impl.allowPlainHTTP;
+  options.verbose = impl.verbose;
   if (options.command == QVCommand::menu && options.group.empty() != options.menuEntry.empty()) {
     err << kProgram << ": menu needs both GROUP and ENTRY, or neither (see \"" << kProgram << " menu --help\")"
         << std::endl;

@@ -63,6 +63,9 @@ struct QVCommandOptions {
   std::optional<std::string> user;
   bool passwordStdin = false;
   bool makeDefault = false;
+  std::optional<std::string> url;     // webdav
+  std::optional<std::string> caFile;  // webdav
+  bool allowPlainHTTP = false;        // webdav
 
   // target remove
   std::optional<std::string> groupsTo;  // --groups-to: the destination its groups move to

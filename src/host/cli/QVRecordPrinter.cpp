@@ -13,6 +13,7 @@
 #include "platform/QVFoundation.h"
 #include "platform/QVMenu.h"
 #include "platform/QVSchedule.h"
+#include "targets/QVWebDAVBackupTarget.h"
 
 using nlohmann::json;
 
@@ -138,6 +139,7 @@ std::string statusText(const QVGroup& group) {
 
 std::string locationText(const QVTarget& target) {
   if (target.type == "local") return target.path;
+  if (target.type == "webdav") return QVWebDAVBackupTarget::urlOfTarget(target);
   std::string location = target.type + "://" + target.server.value_or("");
   if (target.port && *target.port != 0) location += ":" + std::to_string(*target.port);
   if (target.path.empty() || target.path.front() != '/') location += "/";

@@ -12,6 +12,7 @@
 
 #include "agent/QVBackupAgent.h"
 #include "host/cli/QVBackupCommand.h"
+#include "host/cli/QVDestinationChecks.h"
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVPasswordInput.h"
 #include "host/cli/QVRecordPrinter.h"
@@ -26,13 +27,49 @@
 #include "platform/QVPassedOverFolders.h"
 #include "platform/QVSchedule.h"
 #include "platform/QVStatusTexts.h"
+#include "targets/QVWebDAVBackupTarget.h"
 
 namespace {
 
 constexpr const char* kProgram = "stellwin-backup";
 
-bool isNetworkedType(const std::string& type) { return type == "dav" || type == "ftp" || type == "ftps"; }
+bool isNetworkedType(const std::string& type) {
+  return type == "dav" || type == "webdav" || type == "ftp" || type == "ftps";
+}
 bool isKnownType(const std::string& type) { return type == "local" || isNetworkedType(type); }
+
+// A webdav destination's settings: its URL, the certificate file it trusts, and whether it may send a
+// password over plain http. Another kind has none of them. "" when they are right, else why not.
+std::string applyWebDAVOptions(const QVCommandOptions& options, QVTarget& target) {
+  if (target.type != "webdav") {
+    if (options.url) return "--url applies to a webdav destination only";
+    if (options.caFile) return "--ca-file applies to a webdav destination only";
+    if (options.allowPlainHTTP) return "--allow-plain-http applies to a webdav destination only";
+    target.otherKeys.erase(kQVWebDAVURLKey);
+    target.otherKeys.erase(kQVWebDAVCAFileKey);
+    target.otherKeys.erase(kQVWebDAVAllowPlainHTTPKey);
+    return "";
+  }
+  if (options.server || options.port || options.path)
+    return "a webdav destination is given by --url (with its server, port and path), not by --server, --port or --path";
+  if (options.url) {
+    if (std::string problem = QVWebDAVBackupTarget::urlProblem(*options.url); !problem.empty())
+      return "--url: " + problem;
+    target.otherKeys[kQVWebDAVURLKey] = *options.url;
+  }
+  if (QVWebDAVBackupTarget::urlOfTarget(target).empty()) return "--url is required for a webdav destination";
+  if (options.caFile) {
+    if (options.caFile->empty()) {
+      target.otherKeys.erase(kQVWebDAVCAFileKey);
+    } else {
+      const std::string path = qv::absolutePath(*options.caFile, options.folder);
+      if (!qv::isReadableFileAtPath(path)) return "--ca-file: " + qv::quoted(path) + " cannot be read";
+      target.otherKeys[kQVWebDAVCAFileKey] = path;
+    }
+  }
+  if (options.allowPlainHTTP) target.otherKeys[kQVWebDAVAllowPlainHTTPKey] = true;
+  return "";
+}
 
 bool contains(const std::vector<std::string>& list, const std::string& value) {
   return std::find(list.begin(), list.end(), value) != list.end();
@@ -282,9 +319,10 @@ int QVRegistryCommands::groupRemoveItems(const QVCommandOptions& options) {
 std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& options, QVTarget& target, bool isNew) {
   if (options.type) {
     if (!isKnownType(*options.type))
-      return "unknown destination type " + qv::quoted(*options.type) + " (expected local, dav, ftp or ftps)";
+      return "unknown destination type " + qv::quoted(*options.type) + " (expected local, dav, webdav, ftp or ftps)";
     target.type = *options.type;
   }
+  if (isNew && !options.path && target.type != "webdav") return "--path is required";
   if (options.title) {
     if (options.title->empty()) return "--title must not be empty";
     if (QVTargetRef other = qv::otherTargetTitled(m_agent, *options.title, target.identifier))
@@ -296,6 +334,7 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
     target.path = *options.path;
   }
   const bool networked = isNetworkedType(target.type);
+  if (std::string problem = applyWebDAVOptions(options, target); !problem.empty()) return problem;
   if (!networked) {
     // A local destination has no server, port or account.
     if (options.server) return "--server does not apply to a local destination";
@@ -307,6 +346,20 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
     target.port = 0;
     target.user.reset();
     target.pass.reset();
+  } else if (target.type == "webdav") {
+    // Its URL says where; a former dav or FTP destination's server, port and path no longer apply.
+    target.server = "";
+    target.port.reset();
+    target.path.clear();
+    if (options.user) {
+      if (options.user->empty()) {
+        target.user.reset();
+        target.pass.reset();
+      } else {
+        target.user = *options.user;
+      }
+    }
+    if (options.passwordStdin && !target.user) return "--password-stdin needs --user";
   } else {
     if (options.server) target.server = *options.server;
     if (!target.server || target.server->empty())
@@ -347,7 +400,22 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
       warn("no password was given for " + qv::quoted(*target.user) + "; give one with --password-stdin");
     }
   }
+  const std::string url = QVWebDAVBackupTarget::urlOfTarget(target);
+  if (target.type == "webdav" && url.rfind("http://", 0) == 0 && target.user && !target.user->empty() &&
+      target.pass && !target.pass->empty() && !QVWebDAVBackupTarget::allowsPlainHTTP(target))
+    return "the password would travel over plain http:// to " + QVWebDAVBackupTarget::serverOfURL(url) +
+           ", where anyone on the network between can read it and then use the account; give an https:// URL, "
+           "or, on a network you trust, add --allow-plain-http";
   return "";
+}
+
+int QVRegistryCommands::refuseUnreadableDAV(const QVTarget& target, bool isNew) {
+  const qv::QVDAVListingVerdict verdict = qv::checkDAVListing(target);
+  if (verdict.unreadable) return refuse(verdict.message);
+  if (verdict.unreachable)
+    warn("the server of destination " + qv::quoted(target.title) + " could not be reached, so its listing was not "
+         "checked; " + (isNew ? "it is added all the same" : "the change is saved all the same"));
+  return 0;
 }
 
 void QVRegistryCommands::clearOtherDefaults(const std::string& keepID) {
@@ -379,6 +447,7 @@ int QVRegistryCommands::targetAdd(const QVCommandOptions& options) {
   }
   if (target.type == "local" && !qv::fileExistsAtPath(target.path))
     warn("the folder " + qv::quoted(target.path) + " does not exist; backups to it fail until it does");
+  if (refuseUnreadableDAV(target, true) != 0) return 2;
   if (options.makeDefault) {
     target.isDefault = true;
     clearOtherDefaults(target.identifier);
@@ -397,10 +466,12 @@ int QVRegistryCommands::targetSet(const QVCommandOptions& options) {
   auto found = qv::findTarget(m_agent, options.target);
   if (!found.record) return refuse(found.error);
   if (!options.type && !options.title && !options.path && !options.server && !options.port && !options.user &&
-      !options.passwordStdin && !options.makeDefault)
-    return refuse("nothing to change; give --type, --title, --path, --server, --port, --user, --password-stdin or --default");
+      !options.passwordStdin && !options.makeDefault && !options.url && !options.caFile && !options.allowPlainHTTP)
+    return refuse("nothing to change; give --type, --title, --path, --server, --port, --url, --user, --password-stdin, "
+                  "--ca-file, --allow-plain-http or --default");
   QVTarget changed = *found.record;
   if (std::string problem = applyTargetOptions(options, changed, false); !problem.empty()) return refuse(problem);
+  if (refuseUnreadableDAV(changed, false) != 0) return 2;
   if (options.makeDefault) {
     changed.isDefault = true;
     clearOtherDefaults(changed.identifier);
@@ -480,7 +551,10 @@ int QVRegistryCommands::versions(const QVCommandOptions& options) {
   const QVGroupRef group = found.record;
   if (!group->target || !m_agent.targetWithIdentifier(*group->target))
     return fail("group " + qv::quoted(group->title) + " has no usable destination");
-  std::optional<std::vector<std::string>> listing = m_agent.backupsForGroupWithID(group->identifier);
+  // Read as restore reads it: whatever form the server writes its listing in, the versions are found.
+  std::unique_ptr<QVBackupTarget> destination = m_agent.backupTargetWithIdentifier(*group->target);
+  std::optional<std::vector<std::string>> listing =
+      destination ? destination->entriesForReading(*group) : std::optional<std::vector<std::string>>();
   if (!listing) {
     if (std::string why = listingFailure(*group); !why.empty())
       return fail("the versions of group " + qv::quoted(group->title) + " could not be listed: " + why);

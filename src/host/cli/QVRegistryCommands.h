@@ -63,6 +63,9 @@ class QVRegistryCommands {
   // Under the groups shown: that no scheduled backup starts while no daemon runs, when one of groups has a
   // schedule, and how to start one. Nothing for --json or for a command that the daemon carries out.
   void noteWithoutDaemon(const QVCommandOptions& options, const std::vector<QVGroupRef>& groups);
+  // A dav destination whose server answers with listings the dav kind cannot read is refused (2, with
+  // how to switch to the webdav kind); one whose server gives no answer is kept with a warning (0).
+  int refuseUnreadableDAV(const QVTarget& target, bool isNew);
   // Removes the default mark of every destination but keepID.
   void clearOtherDefaults(const std::string& keepID);
 

@@ -44,6 +44,7 @@ constexpr std::pair<const char*, std::optional<std::string> QVCommandOptions::*>
     {"server", &QVCommandOptions::server},   {"port", &QVCommandOptions::port},
     {"user", &QVCommandOptions::user},       {"version", &QVCommandOptions::version},
     {"password", &QVCommandOptions::suppliedPassword}, {"groupsTo", &QVCommandOptions::groupsTo},
+    {"url", &QVCommandOptions::url},         {"caFile", &QVCommandOptions::caFile},
 };
 constexpr std::pair<const char*, std::vector<std::string> QVCommandOptions::*> kLists[] = {
     {"paths", &QVCommandOptions::paths}, {"groups", &QVCommandOptions::groups}};
@@ -55,6 +56,8 @@ constexpr std::pair<const char*, bool QVCommandOptions::*> kFlags[] = {
     {"passwordStdin", &QVCommandOptions::passwordStdin},
     {"makeDefault", &QVCommandOptions::makeDefault},
     {"force", &QVCommandOptions::force},
+    {"allowPlainHTTP", &QVCommandOptions::allowPlainHTTP},
+    {"verbose", &QVCommandOptions::verbose},
 };
 
 // How deep the body's arrays and objects nest, counted before it is parsed (outside strings).

@@ -14,6 +14,7 @@
 #include "agent/QVBackupAgent.h"
 #include "host/cli/QVBackupCommand.h"
 #include "host/cli/QVCommandLine.h"
+#include "host/cli/QVDestinationChecks.h"
 #include "host/control/QVControlConnection.h"
 #include "host/control/QVControlProtocol.h"
 #include "host/run/QVHostApp.h"
@@ -56,6 +57,14 @@ QVControlService::QVControlService(QVBackupAgent& agent, QVRunMonitor& monitor, 
   // A run of a group that a restore or verify reads waits until it has finished: its timer, a wake or
   // the menu may ask meanwhile.
   m_agent.setRunGate([this](const QVGroup& group) {
+    // A dav server whose listings the dav kind cannot read: the run would never prune, and a failed one
+    // would remove the group's folder. Nothing is sent or removed.
+    if (QVTargetRef target = group.target ? m_agent.targetWithIdentifier(*group.target) : nullptr) {
+      if (qv::QVDAVListingVerdict verdict = qv::checkDAVListing(*target); verdict.unreadable) {
+        m_log << qv::quoted(group.title) << ": not backed up: " << verdict.message << std::endl;
+        return false;
+      }
+    }
     if (!isHeld(group.identifier)) return true;
     if (!contains(m_waitingRuns, group.identifier)) {
       m_log << qv::quoted(group.title) << ": the run waits until the restore or verify reading the group has finished"

@@ -461,7 +461,7 @@ int QVRestoreCommand::chooseVersion(QVBackupTarget& target, const QVGroup& group
                                     std::string& version) {
   // The newest complete version, or the one asked for; a partial one only when asked for.
   const std::vector<QVVersionName> versions =
-      qv::versionsInListing(target.entriesInDirectoryForItem(group).value_or(std::vector<std::string>{}),
+      qv::versionsInListing(target.entriesForReading(group).value_or(std::vector<std::string>{}),
                             qv::partialVersionsInJournal(group.identifier));
   std::optional<QVVersionName> chosen;
   if (!options.version) {

@@ -6,6 +6,7 @@
 #include "platform/QVSchedule.h"
 #include "targets/QVGroup.h"
 #include "targets/QVTarget.h"
+#include "targets/QVWebDAVBackupTarget.h"
 
 namespace {
 
@@ -67,6 +68,7 @@ QVJournalEntry entryFrom(const QVDictionary& record) {
   read(record, "failedItems", entry.failedItems);
   read(record, "versionsUnreadable", entry.versionsUnreadable);
   read(record, "passedOver", entry.passedOver);
+  read(record, "notes", entry.notes);
   return entry;
 }
 
@@ -95,7 +97,8 @@ QVDictionary journalRecord(const QVJournalEntry& entry) {
                       {"missingItems", stringArray(entry.missingItems)},
                       {"failedItems", stringArray(entry.failedItems)},
                       {"versionsUnreadable", entry.versionsUnreadable},
-                      {"passedOver", stringArray(entry.passedOver)}};
+                      {"passedOver", stringArray(entry.passedOver)},
+                      {"notes", stringArray(entry.notes)}};
 }
 
 std::optional<QVJournalEntry> journalEntryFromRecord(const QVDictionary& record) {
@@ -125,6 +128,7 @@ QVRunOutcome outcomeFromRecord(const QVDictionary& record) {
   report.failedItems = entry.failedItems;
   report.versionsUnreadable = entry.versionsUnreadable;
   report.passedOver = entry.passedOver;
+  report.notes = entry.notes;
   outcome.report = std::move(report);
   return outcome;
 }
@@ -148,7 +152,7 @@ QVDictionary targetRecord(const QVTarget& target) {
   auto text = [](const std::optional<std::string>& value) {
     return value && !value->empty() ? QVValue(*value) : QVValue();
   };
-  return QVDictionary{{"id", target.identifier},
+  QVDictionary record{{"id", target.identifier},
                       {"title", target.title},
                       {"type", target.type},
                       {"path", target.path},
@@ -156,6 +160,12 @@ QVDictionary targetRecord(const QVTarget& target) {
                       {"port", target.port && *target.port != 0 ? QVValue(*target.port) : QVValue()},
                       {"isDefault", target.isDefault.value_or(false)},
                       {"user", text(target.user)}};
+  if (target.type == "webdav") {
+    record["url"] = QVWebDAVBackupTarget::urlOfTarget(target);
+    record["caFile"] = text(std::optional<std::string>(QVWebDAVBackupTarget::caFileOfTarget(target)));
+    record["allowPlainHTTP"] = QVWebDAVBackupTarget::allowsPlainHTTP(target);
+  }
+  return record;
 }
 
 std::string recordJSON(const QVValue& value) { return toJSON(value, true) + "\n"; }

@@ -23,7 +23,8 @@ namespace qv {
 
 // A run's outcome: "groupID", "groupTitle", "outcome", "statusCode", "message", "version", "started",
 // "ended", "items", "files", "bytes", "leftOutCount", "leftOut" (at most leftOutLimit paths),
-// "missingItems", "failedItems" ("path (reason)"), "versionsUnreadable", "passedOver".
+// "missingItems", "failedItems" ("path (reason)"), "versionsUnreadable", "passedOver",
+// "notes" (what the destination added: names it refused, removals it held back).
 QVDictionary outcomeRecord(const QVRunOutcome& outcome,
                            std::size_t leftOutLimit = std::numeric_limits<std::size_t>::max());
 QVDictionary journalRecord(const QVJournalEntry& entry);

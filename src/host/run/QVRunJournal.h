@@ -30,6 +30,7 @@ struct QVJournalEntry {
   std::vector<std::string> failedItems;  // "path (reason)"
   bool versionsUnreadable = false;
   std::vector<std::string> passedOver;  // folders inside the items that no copy entered
+  std::vector<std::string> notes;  // what the destination added to the outcome
 
   // A run that stopped half-way: its version, if it stayed, lacks items.
   bool isPartial() const { return outcome == "cancelled" || outcome == "failed"; }

@@ -63,6 +63,7 @@ std::vector<std::string> QVRunOutcome::detailLines() const {
   }
   for (const auto& folder : report->passedOver)
     lines.push_back("passed over (a backup destination or this program's own folder): " + folder);
+  for (const auto& note : report->notes) lines.push_back(note);
   if (report->versionsUnreadable)
     lines.push_back("the group's stored \"versions\" cannot be read, so no old version was removed; set it with "
                     "\"stellwin-backup group set " + groupID + " --versions N\"");
@@ -90,6 +91,7 @@ QVJournalEntry QVRunOutcome::journalEntry(std::size_t leftOutLimit) const {
     entry.failedItems = report->failedItems;
     entry.versionsUnreadable = report->versionsUnreadable;
     entry.passedOver = report->passedOver;
+    entry.notes = report->notes;
   } else {
     entry.started = entry.ended = qv::iso8601(std::chrono::system_clock::now());
   }
@@ -282,7 +284,7 @@ void QVRunMonitor::settleVersionsThenHandOut(const QVGroup& group, QVRunOutcome 
 void QVRunMonitor::settleVersions(QVBackupTarget& target, const QVGroup& group, QVRunOutcome& outcome) {
   const bool partial = outcome.kind == QVRunOutcome::Kind::cancelled || outcome.kind == QVRunOutcome::Kind::failed;
   if (!partial && !outcome.isSuccess()) return;
-  const std::vector<std::string> entries = target.entriesInDirectoryForItem(group).value_or(std::vector<std::string>{});
+  const std::vector<std::string> entries = target.entriesForReading(group).value_or(std::vector<std::string>{});
   const std::string version = outcome.report->version;
   if (std::find(entries.begin(), entries.end(), version) == entries.end()) return;  // removed, or never made
   if (partial) {
