@@ -50,6 +50,10 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
   using TemplateObserver = std::function<void(const QVNCTemplate& nctemplate, const QVNCTemplateItem& item)>;
   void setTemplateObserver(TemplateObserver observer) { m_templateObserver = std::move(observer); }
   void templateWillShow(const QVNCTemplate& nctemplate);
+  // Where showGroupsWithIDs sends the groups instead of printing them (the daemon's tray); empty: printed.
+  void setGroupsPresenter(std::function<void(const std::vector<std::string>& groupIDs)> presenter) {
+    m_groupsPresenter = std::move(presenter);
+  }
   // Told when the agent starts the status icon animation, which it does as it starts a run.
   void setRunStartObserver(std::function<void()> observer) { m_runStartObserver = std::move(observer); }
 
@@ -59,7 +63,7 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
 
   // QVTPAgent
   void setBackupGroupsCount(std::size_t count) override { m_groupsCount = count; }
-  // QVHostAppProxy: prints each group (title, identifier, items).
+  // QVHostAppProxy: prints each group (title, identifier, items), or hands them to the groups presenter.
   void showGroupsWithIDs(const std::vector<std::string>& groupIDs) override;
 
   // QVHostApplication
@@ -82,6 +86,7 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
   std::function<void(const std::string&)> m_messageWriter;
   TemplateObserver m_templateObserver;
   std::function<void()> m_runStartObserver;
+  std::function<void(const std::vector<std::string>&)> m_groupsPresenter;
   std::map<std::string, std::uint32_t> m_bubblesByTag;  // single notifications on screen
   std::size_t m_groupsCount = 0;
   int m_animations = 0;
