@@ -23,6 +23,9 @@ constexpr const char* kWatcherName = "org.kde.StatusNotifierWatcher";
 constexpr const char* kWatcherPath = "/StatusNotifierWatcher";
 constexpr const char* kWatcherInterface = "org.kde.StatusNotifierWatcher";
 constexpr int kCallTimeoutMs = 5000;
+// A watcher may take its name a moment before it answers on it.
+constexpr guint kRegisterRetryMs = 300;
+constexpr int kRegisterAttempts = 20;
 
 constexpr const char* kItemXML = R"xml(<node><interface name="org.kde.StatusNotifierItem">
   <property name="Category" type="s" access="read"/><property name="Id" type="s" access="read"/>
@@ -87,6 +90,9 @@ struct QVStatusNotifierItem::Impl {
   guint m_objectID = 0;
   guint m_watchID = 0;
   bool m_registered = false;
+  std::string m_watcherOwner;  // "" while no watcher is on the bus
+  int m_attempts = 0;
+  guint m_retrySource = 0;
   DbusmenuServer* m_server = nullptr;
   DbusmenuMenuitem* m_root = nullptr;
   std::vector<Node> m_nodes;
@@ -99,6 +105,7 @@ struct QVStatusNotifierItem::Impl {
     g_cancellable_cancel(m_cancellable);
     g_object_unref(m_cancellable);
     if (m_updateSource) g_source_remove(m_updateSource);
+    if (m_retrySource) g_source_remove(m_retrySource);
     if (m_watchID) g_bus_unwatch_name(m_watchID);
     if (m_ownerID) g_bus_unown_name(m_ownerID);
     if (m_objectID) g_dbus_connection_unregister_object(m_bus, m_objectID);
@@ -159,25 +166,47 @@ struct QVStatusNotifierItem::Impl {
     qv::debugLog("platform", std::string("tray: the name ") + name + " is not ours");
   }
 
-  static void onWatcherAppeared(GDBusConnection* bus, const gchar*, const gchar* owner, gpointer data) {
+  static void onWatcherAppeared(GDBusConnection*, const gchar*, const gchar* owner, gpointer data) {
     auto* self = static_cast<Impl*>(data);
     self->m_registered = false;
-    g_dbus_connection_call(bus, owner, kWatcherPath, kWatcherInterface, "RegisterStatusNotifierItem",
-                           g_variant_new("(s)", self->m_busName.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE,
-                           kCallTimeoutMs, self->m_cancellable, &Impl::onRegistered, self);
+    self->m_watcherOwner = owner;
+    self->m_attempts = 0;
+    self->registerWithWatcher();
   }
 
   static void onWatcherVanished(GDBusConnection*, const gchar*, gpointer data) {
-    static_cast<Impl*>(data)->m_registered = false;
+    auto* self = static_cast<Impl*>(data);
+    self->m_registered = false;
+    self->m_watcherOwner.clear();
+  }
+
+  void registerWithWatcher() {
+    if (m_retrySource) g_source_remove(m_retrySource), m_retrySource = 0;
+    if (m_watcherOwner.empty()) return;
+    ++m_attempts;
+    g_dbus_connection_call(m_bus, m_watcherOwner.c_str(), kWatcherPath, kWatcherInterface, "RegisterStatusNotifierItem",
+                           g_variant_new("(s)", m_busName.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs,
+                           m_cancellable, &Impl::onRegistered, this);
+  }
+
+  static gboolean onRetryDue(gpointer data) {
+    auto* self = static_cast<Impl*>(data);
+    self->m_retrySource = 0;
+    self->registerWithWatcher();
+    return G_SOURCE_REMOVE;
   }
 
   static void onRegistered(GObject* source, GAsyncResult* result, gpointer data) {
     GError* error = nullptr;
     GVariant* reply = g_dbus_connection_call_finish(G_DBUS_CONNECTION(source), result, &error);
     if (!reply) {
-      if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED))
-        qv::debugLog("platform", std::string("tray: the watcher refused the item: ") + error->message);
+      const bool cancelled = g_error_matches(error, G_IO_ERROR, G_IO_ERROR_CANCELLED);
+      if (!cancelled) qv::debugLog("platform", std::string("tray: the watcher refused the item: ") + error->message);
       g_error_free(error);
+      if (cancelled) return;
+      auto* self = static_cast<Impl*>(data);
+      if (self->m_attempts < kRegisterAttempts && !self->m_retrySource)
+        self->m_retrySource = g_timeout_add(kRegisterRetryMs, &Impl::onRetryDue, self);
       return;
     }
     g_variant_unref(reply);
