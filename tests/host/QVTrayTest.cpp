@@ -314,10 +314,21 @@ TEST_P(QVTrayRunTest, BackupNowRunsInTheDaemonCancelEndsItAndTheIconFollowsTheOu
   EXPECT_TRUE(eventually([&] { return menu().find(std::string("Small\n  ") + l.last) != std::string::npos; }, seconds(2)))
       << menu();
 
+  const std::int32_t bigStatusLine = layout().children.at(2).children.at(0).id;
+  int updates = 0;
+  const guint subscription = g_dbus_connection_signal_subscribe(
+      m_bus, nullptr, "com.canonical.dbusmenu", nullptr, "/MenuBar", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
+      [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*, gpointer count) {
+        ++*static_cast<int*>(count);
+      }, &updates, nullptr);
   click("Big", l.backupNow);
   std::string shown;
   ASSERT_TRUE(eventually([&] { return (shown = menu()).find(std::string("Big\n  ") + l.progress) != std::string::npos; },
                          seconds(20))) << shown << m_daemon->err;
+  m_daemon->waitFor([] { return false; }, seconds(2));
+  g_dbus_connection_signal_unsubscribe(m_bus, subscription);
+  EXPECT_LE(updates, 14) << "a few updates a second, never one per progress step";
+  EXPECT_EQ(layout().children.at(2).children.at(0).id, bigStatusLine) << "updated in place, so an open menu stays open";
   EXPECT_NE(shown.find(std::string("  -\n  ") + l.cancel + "\nSmall"), std::string::npos) << "only Cancel while it runs:\n"
                                                                                         << shown;
   EXPECT_EQ(property("IconName"), "stellwin-backup-running");

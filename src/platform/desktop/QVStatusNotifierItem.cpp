@@ -74,6 +74,8 @@ struct QVStatusNotifierItem::Impl {
   struct Node {
     DbusmenuMenuitem* item = nullptr;  // owned by its parent in the published tree
     std::weak_ptr<QVMenuItem> model;
+    bool inert = false;  // no action and no submenu: a heading, a status line or a separator
+    bool separator = false;
     std::vector<Node> children;
   };
 
@@ -308,7 +310,10 @@ struct QVStatusNotifierItem::Impl {
   static bool sameShape(const std::vector<Node>& nodes, const std::vector<std::shared_ptr<QVMenuItem>>& items) {
     if (nodes.size() != items.size()) return false;
     for (std::size_t i = 0; i < items.size(); ++i) {
-      if (nodes[i].model.lock() != items[i]) return false;
+      // An inert entry may be made anew for every menu; it is the same entry where it stands.
+      const bool inert = !items[i]->hasAction() && !items[i]->submenu();
+      const bool sameInert = inert && nodes[i].inert && nodes[i].separator == items[i]->isSeparatorItem();
+      if (nodes[i].model.lock() != items[i] && !sameInert) return false;
       static const std::vector<std::shared_ptr<QVMenuItem>> none;
       const auto& children = items[i]->submenu() ? items[i]->submenu()->itemArray() : none;
       if (!sameShape(nodes[i].children, children)) return false;
@@ -322,6 +327,8 @@ struct QVStatusNotifierItem::Impl {
       Node node;
       node.item = dbusmenu_menuitem_new();
       node.model = model;
+      node.inert = !model->hasAction() && !model->submenu();
+      node.separator = model->isSeparatorItem();
       setProperties(node.item, *model);
       if (model->submenu()) node.children = build(node.item, model->submenu()->itemArray());
       dbusmenu_menuitem_child_append(parent, node.item);
@@ -335,6 +342,7 @@ struct QVStatusNotifierItem::Impl {
 
   void refresh(std::vector<Node>& nodes, const std::vector<std::shared_ptr<QVMenuItem>>& items) {
     for (std::size_t i = 0; i < items.size(); ++i) {
+      nodes[i].model = items[i];
       setProperties(nodes[i].item, *items[i]);
       if (items[i]->submenu()) refresh(nodes[i].children, items[i]->submenu()->itemArray());
     }
