@@ -160,6 +160,8 @@ struct QVStatusNotifierItem::Impl {
     auto* self = static_cast<Impl*>(data);
     if (self->m_watchID) return;
     // Registered each time a watcher appears: one that starts later or restarts forgets earlier items.
+    // The item is registered under the connection's unique name, the sender of its signals, so that
+    // every host matches the signals to the item.
     self->m_watchID = g_bus_watch_name_on_connection(self->m_bus, kWatcherName, G_BUS_NAME_WATCHER_FLAGS_NONE,
                                                      &Impl::onWatcherAppeared, &Impl::onWatcherVanished, self, nullptr);
   }
@@ -187,7 +189,8 @@ struct QVStatusNotifierItem::Impl {
     if (m_watcherOwner.empty()) return;
     ++m_attempts;
     g_dbus_connection_call(m_bus, m_watcherOwner.c_str(), kWatcherPath, kWatcherInterface, "RegisterStatusNotifierItem",
-                           g_variant_new("(s)", m_busName.c_str()), nullptr, G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs,
+                           g_variant_new("(s)", g_dbus_connection_get_unique_name(m_bus)), nullptr,
+                           G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs,
                            m_cancellable, &Impl::onRegistered, this);
   }
 
