@@ -401,5 +401,3 @@ std::unique_ptr<QVStatusNotifierItem> QVStatusNotifierItem::publish(const Option
 void QVStatusNotifierItem::menuDidChange() { m_impl->scheduleUpdate(); }
 
 bool QVStatusNotifierItem::isRegistered() const { return m_impl->m_registered; }
-
-const char* QVStatusNotifierItem::statusName(Status status) { return Impl::statusText(status); }

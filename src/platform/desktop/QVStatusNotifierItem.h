@@ -61,9 +61,6 @@ class QVStatusNotifierItem {
   // Whether a watcher has accepted the item (since it last appeared).
   bool isRegistered() const;
 
-  // The item's Status property for a status: "Active" or "NeedsAttention".
-  static const char* statusName(Status status);
-
  private:
   QVStatusNotifierItem();
   struct Impl;
