@@ -299,12 +299,24 @@ TEST_F(QVTrayTest, NoDestinationShowsTheGroupInABubbleWithTheCommandThatShowsMor
 // The same clicks in English and in German: an entry is known by its place, never by its title.
 struct Language { const char* language; const char* backupNow; const char* cancel; const char* progress; const char* last; };
 
-class QVTrayRunTest : public QVTrayTest, public ::testing::WithParamInterface<Language> {};
+class QVTrayRunTest : public QVTrayTest, public ::testing::WithParamInterface<Language> {
+ protected:
+  void SetUp() override {
+    for (const char* name : {"LANGUAGE", "LC_ALL"})
+      if (const char* value = getenv(name)) m_saved.emplace_back(name, value); else m_saved.emplace_back(name, std::nullopt);
+    setenv("LANGUAGE", GetParam().language, 1);
+    setenv("LC_ALL", "C.UTF-8", 1);
+    QVTrayTest::SetUp();
+  }
+  void TearDown() override {
+    QVTrayTest::TearDown();
+    for (const auto& [name, value] : m_saved) value ? setenv(name, value->c_str(), 1) : unsetenv(name);
+  }
+  std::vector<std::pair<const char*, std::optional<std::string>>> m_saved;
+};
 
 TEST_P(QVTrayRunTest, BackupNowRunsInTheDaemonCancelEndsItAndTheIconFollowsTheOutcome) {
   const Language& l = GetParam();
-  setenv("LANGUAGE", l.language, 1);
-  setenv("LC_ALL", "C.UTF-8", 1);
   runJSON({"group", "add", "Big", makeFile("big.bin", "", 8ull << 30)});
   runJSON({"group", "add", "Small", makeFile("s.txt")});
   startDaemon();

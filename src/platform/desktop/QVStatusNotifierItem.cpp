@@ -111,9 +111,18 @@ struct QVStatusNotifierItem::Impl {
     if (m_watchID) g_bus_unwatch_name(m_watchID);
     if (m_ownerID) g_bus_unown_name(m_ownerID);
     if (m_objectID) g_dbus_connection_unregister_object(m_bus, m_objectID);
+    // A click already queued by the menu server may outlive this object; it must not reach it.
+    disconnect(m_nodes);
     if (m_server) g_object_unref(m_server);
     if (m_root) g_object_unref(m_root);
     if (m_bus) g_object_unref(m_bus);
+  }
+
+  void disconnect(const std::vector<Node>& nodes) {
+    for (const auto& node : nodes) {
+      g_signal_handlers_disconnect_by_data(node.item, this);
+      disconnect(node.children);
+    }
   }
 
   // ---- Bus and registration
@@ -303,6 +312,7 @@ struct QVStatusNotifierItem::Impl {
       return;
     }
     // A new shape: the old entries go, and a host that shows the menu reads it anew.
+    disconnect(m_nodes);
     GList* old = dbusmenu_menuitem_take_children(m_root);
     g_list_free_full(old, g_object_unref);
     m_nodes.clear();
