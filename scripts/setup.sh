@@ -17,11 +17,13 @@ for arg in "$@"; do
 done
 
 packages=(build-essential cmake pkg-config gettext
-  libcurl4-openssl-dev libglib2.0-dev libsecret-1-dev libxml2-dev nlohmann-json3-dev libcli11-dev uuid-dev)
+  libcurl4-openssl-dev libglib2.0-dev libsecret-1-dev libxml2-dev nlohmann-json3-dev libcli11-dev uuid-dev
+  libdbusmenu-glib-dev)
 if [ "$want_tests" = 1 ]; then
   packages+=(googletest libgtest-dev dbus dbus-user-session gnome-keyring libsecret-tools
     apache2 apache2-utils nginx-light libnginx-mod-http-dav-ext vsftpd python3-pyftpdlib rclone php-cli php-sabre-dav
-    openssl ca-certificates curl util-linux tzdata bc time clang-14 libclang-rt-14-dev valgrind)
+    openssl ca-certificates curl util-linux tzdata bc time clang-14 libclang-rt-14-dev valgrind
+    haskell-status-notifier-item-utils libdbusmenu-tools)
 fi
 
 missing=()

@@ -360,6 +360,25 @@ void QVBackupAgent::removeGroupWithID(const std::string& groupID) {
   sendGroupsCountToHost();
 }
 
+bool QVBackupAgent::restoreGroup(const QVGroup& group, std::size_t atIndex) {
+  if (groupWithIdentifier(group.identifier)) return false;
+  auto restored = std::make_shared<QVGroup>(group);
+  restored->progressInfo.reset();
+  m_groups.insert(m_groups.begin() + static_cast<std::ptrdiff_t>(std::min(atIndex, m_groups.size())), restored);
+  std::vector<std::string>& folders = m_directoriesInGroup[restored->identifier];
+  folders.clear();
+  for (const auto& item : restored->items) {
+    bool isDirectory = false;
+    if (qv::fileExistsAtPath(item, &isDirectory) && isDirectory) folders.push_back(item);
+  }
+  savePrefs();
+  syncUserDefaults();
+  m_delegate.send([&](QVBackupAgentDelegate& d) { d.groupDidChangeInAgent(restored, *this); });
+  setupTimerForGroup(restored);
+  sendGroupsCountToHost();
+  return true;
+}
+
 void QVBackupAgent::removeItemWithPath(const std::string& path, const std::string& fromGroupWithID) {
   removeItemsWithPaths({path}, fromGroupWithID);
 }

@@ -82,6 +82,10 @@ class QVBackupAgent : public QVNCTemplateDelegate {
   // Requires: group names a stored group.
   void updateGroup(const QVGroupRef& group);
   void removeGroupWithID(const std::string& groupID);
+  // Beside the registry: puts a removed group back whole (identifier, title, items, destination,
+  // schedule, versions, outcome and dates) at position atIndex (at the end when past it), saves, arms its
+  // timer and tells the delegate. Returns false, changing nothing, when a group has its identifier.
+  [[nodiscard]] bool restoreGroup(const QVGroup& group, std::size_t atIndex);
   void removeItemWithPath(const std::string& path, const std::string& fromGroupWithID);
   void removeItemsWithPaths(const std::vector<std::string>& paths, const std::string& fromGroupWithID);
   void createTargetWithDictionary(const QVTarget& target);

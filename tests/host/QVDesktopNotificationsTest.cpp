@@ -91,8 +91,8 @@ TEST_F(QVDesktopNotificationsTest, GathersTheFailuresOfARunInOneBubbleWhoseButto
   EXPECT_EQ(m_bubbles[1].replacesId, m_bubbles[0].id);
   EXPECT_EQ(m_bubbles[1].body, "Backup for groups failed: " + first + ", " + second);
 
-  // The daemon's bubble: "View Details..." shows the group, "Cancel" does not.
-  const std::string shownGroup = "Photos (" + runJSON({"group", "show", "Photos", "--json"})["groupID"].get<std::string>();
+  // The daemon's bubble: "View Details..." shows the group in a bubble of its own, "Cancel" does not.
+  const std::string shownGroup = "stellwin-backup group show " + runJSON({"group", "show", "Photos", "--json"})["groupID"].get<std::string>();
   for (const std::string button : {"2", "1"}) {
     makeDue("Photos");
     RunningProgram daemon({"daemon"});
@@ -105,7 +105,10 @@ TEST_F(QVDesktopNotificationsTest, GathersTheFailuresOfARunInOneBubbleWhoseButto
     kill(daemon.pid, SIGTERM);
     ProgramResult result = daemon.finish(std::chrono::seconds(30));
     EXPECT_EQ(result.status, 0) << result.err;
-    EXPECT_EQ(result.out.find(shownGroup + ")") != std::string::npos, button == "1") << button << ":\n" << result.out;
+    const bool detailed = std::any_of(m_bubbles.begin() + shown, m_bubbles.end(), [&](const Bubble& b) {
+      return b.body.starts_with("Photos: Last backup: Never") && b.body.find(shownGroup) != std::string::npos;
+    });
+    EXPECT_EQ(detailed, button == "1") << button << ":\n" << m_bubbles.back().body;
   }
 }
 

@@ -125,7 +125,7 @@ TEST_P(QVWebDAVIntegrationTest, KeepsTheTreeByteForBytePrunesAndGivesBackAnOlder
   expected["top.txt"] = "2";
   EXPECT_EQ(treeOf(restored + "/Projects"), expected);
   EXPECT_EQ(runProgram({"verify", "Work", "--version", versions[1]}).status, 0);
-  EXPECT_EQ(runProgram({"versions", "Work"}).out, versions[0] + "\n" + versions[1] + "\n");
+  EXPECT_EQ(runProgram({"versions", "Work"}).out, versions[1] + "\n" + versions[0] + "\n");  // newest first
 
   // A run that fails (its only item missing) leaves every older version.
   fs::rename(m_source, m_source + ".away");
@@ -205,7 +205,7 @@ TEST_F(QVWebDAVServerTest, RefusesWhatWouldExposeThePassword) {
       EXPECT_TRUE(holds(result.out, "--ca-file"));
     }
     EXPECT_FALSE(fs::exists(apache->root() + "/Work"));
-    runJSON({"target", "remove", "Cloud"});
+    runJSON({"target", "remove", "Cloud", "--force"});
   }
 }
 
@@ -236,11 +236,11 @@ TEST_F(QVWebDAVServerTest, SwitchesADAVDestinationOnSabreDAVToTheWebDAVKind) {
   EXPECT_TRUE(holds(run.out, "cannot read"));
   EXPECT_EQ(versionsIn(server.root() + "/Work"), versions);
   // Read back by namespace, the dav kind's versions are found and can be checked.
-  EXPECT_EQ(runProgram({"versions", "Work"}).out, versions[0] + "\n" + versions[1] + "\n");
+  EXPECT_EQ(runProgram({"versions", "Work"}).out, versions[1] + "\n" + versions[0] + "\n");  // newest first
   EXPECT_EQ(runProgram({"verify", "Work", "--version", versions[0]}).status, 0);
 
   ASSERT_EQ(runProgram({"target", "set", "Cloud", "--type", "webdav", "--url", url, "--allow-plain-http"}).status, 0);
-  EXPECT_EQ(runProgram({"versions", "Work"}).out, versions[0] + "\n" + versions[1] + "\n");
+  EXPECT_EQ(runProgram({"versions", "Work"}).out, versions[1] + "\n" + versions[0] + "\n");  // newest first
   ASSERT_EQ(backup().status, 0);
   const auto after = versionsIn(server.root() + "/Work");
   EXPECT_EQ(after.size(), 2u);

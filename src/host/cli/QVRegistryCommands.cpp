@@ -435,8 +435,15 @@ int QVRegistryCommands::targetAdd(const QVCommandOptions& options) {
   if (std::string problem = applyTargetOptions(options, target, true); !problem.empty()) return refuse(problem);
   // A second destination at one place would split its groups' versions between two records.
   for (const auto& other : m_agent.targets()) {
+    auto url = [](const QVTarget& t) {
+      std::string text = QVWebDAVBackupTarget::urlOfTarget(t);
+      while (!text.empty() && text.back() == '/') text.pop_back();
+      return text;
+    };
     const bool samePlace = other->type == "local" || target.type == "local"
                                ? other->type == target.type && samePath(other->path, target.path)
+                           : other->type == "webdav" || target.type == "webdav"
+                               ? other->type == target.type && url(*other) == url(target)
                                : other->server == target.server && other->portString() == target.portString() &&
                                      samePath(other->path, target.path) &&
                                      (other->type == "dav") == (target.type == "dav");

@@ -13,6 +13,7 @@
 #include "agent/QVBackupAgent.h"
 #include "host/control/QVAgentLock.h"
 #include "host/daemon/QVControlService.h"
+#include "host/daemon/QVDaemonTray.h"
 #include "host/run/QVHostApp.h"
 #include "host/cli/QVHostArguments.h"
 #include "host/run/QVRunMonitor.h"
@@ -85,28 +86,37 @@ int QVDaemonCommand::run() {
     return 1;
   }
   m_lock.setServedSocket(m_socketPath);
-  m_service->setChangeHooks(
-      [this] {
-        checkPreferencesFile();
-        return !m_reloading && !m_stopping;
-      },
-      [this] {
-        m_agent.syncUserDefaults();
-        rememberPreferencesFile();
-      });
+  auto mayChange = [this] {
+    checkPreferencesFile();
+    return !m_reloading && !m_stopping;
+  };
+  auto didChange = [this] {
+    m_agent.syncUserDefaults();
+    rememberPreferencesFile();
+  };
+  // The status menu in the desktop's tray, where a session bus is known.
+  m_tray = std::make_unique<QVDaemonTray>(m_agent, m_host, m_log, mayChange, didChange);
+  m_host.setGroupsPresenter([this](const std::vector<std::string>& groupIDs) { m_tray->showGroupsWithIDs(groupIDs); });
+  m_service->setChangeHooks(mayChange, [this, didChange] {
+    didChange();
+    m_tray->groupsDidChange();
+  });
   std::vector<QVSubscription> subscriptions;
   subscriptions.push_back(m_monitor.addStartListener([this](const QVGroup& group) {
     if (m_stopping) m_agent.cancelBackupGroupWithID(group.identifier);  // started as the daemon stops
     runStarted(group);
     m_service->runStarted(group);
+    m_tray->runStarted(group);
   }));
   subscriptions.push_back(m_monitor.addProgressListener(
       [this](const std::string& groupID, std::int64_t percent, const std::string& item) {
         m_service->runProgress(groupID, percent, item);
+        m_tray->runProgress(groupID, percent);
       }));
   subscriptions.push_back(m_monitor.addOutcomeListener([this](const QVRunOutcome& outcome) {
     runEnded(outcome);
     m_service->runEnded(outcome);
+    m_tray->runEnded(outcome);
   }));
 
   auto stop = [this] {
@@ -165,6 +175,8 @@ int QVDaemonCommand::run() {
   for (unsigned id : handlers) qv::removeSignalHandler(id);
   m_fileCheck.reset();
   subscriptions.clear();
+  m_host.setGroupsPresenter(nullptr);
+  m_tray.reset();
   m_service.reset();
   if (!m_fileState || FileState::of(QVUserDefaults::standardUserDefaults().filePath()) == *m_fileState)
     m_agent.syncUserDefaults();

@@ -28,6 +28,7 @@
 class QVAgentLock;
 class QVBackupAgent;
 class QVControlService;
+class QVDaemonTray;
 class QVHostApp;
 class QVRunMonitor;
 class QVTimer;
@@ -67,6 +68,7 @@ class QVDaemonCommand {
   QVAgentLock& m_lock;
   std::string m_socketPath;
   std::unique_ptr<QVControlService> m_service;
+  std::unique_ptr<QVDaemonTray> m_tray;
   std::unique_ptr<FileState> m_fileState;
   std::unique_ptr<QVTimer> m_fileCheck;
   bool m_stopping = false;

@@ -58,6 +58,7 @@ void QVHostApp::templateWillShow(const QVNCTemplate& nctemplate) {
 }
 
 void QVHostApp::showGroupsWithIDs(const std::vector<std::string>& groupIDs) {
+  if (m_groupsPresenter) return m_groupsPresenter(groupIDs);
   for (const auto& groupID : groupIDs) {
     QVGroupRef group = m_agent ? m_agent->groupWithIdentifier(groupID) : nullptr;
     if (!group) {

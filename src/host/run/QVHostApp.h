@@ -58,6 +58,10 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
     return m_templateListeners.add(std::move(listener));
   }
   void templateWillShow(const QVNCTemplate& nctemplate);
+  // Where showGroupsWithIDs sends the groups instead of printing them (the daemon's tray); empty: printed.
+  void setGroupsPresenter(std::function<void(const std::vector<std::string>& groupIDs)> presenter) {
+    m_groupsPresenter = std::move(presenter);
+  }
   // Told when the agent starts the status icon animation (as it starts a run: started is true) and stops
   // it (as a run ends), with the animation depth after the change.
   [[nodiscard]] QVSubscription addAnimationListener(std::function<void(bool started, int depth)> listener) {
@@ -70,7 +74,7 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
 
   // QVTPAgent
   void setBackupGroupsCount(std::size_t count) override { m_groupsCount = count; }
-  // QVHostAppProxy: prints each group (title, identifier, items).
+  // QVHostAppProxy: prints each group (title, identifier, items), or hands them to the groups presenter.
   void showGroupsWithIDs(const std::vector<std::string>& groupIDs) override;
 
   // QVHostApplication
@@ -94,6 +98,7 @@ class QVHostApp : public QVHostApplication, public QVTPAgent, public QVHostAppPr
   std::function<void(const std::string&)> m_messageWriter;
   QVListeners<const QVNCTemplate&, const QVNCTemplateItem&> m_templateListeners;
   QVListeners<bool, int> m_animationListeners;
+  std::function<void(const std::vector<std::string>&)> m_groupsPresenter;
   std::map<std::string, std::uint32_t> m_bubblesByTag;  // single notifications on screen
   std::size_t m_groupsCount = 0;
   int m_animations = 0;
