@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "host/run/QVRunMonitor.h"
+#include "platform/QVConstants.h"
 #include "platform/QVSchedule.h"
 #include "targets/QVGroup.h"
 #include "targets/QVTarget.h"
@@ -16,8 +17,6 @@ QVValue orNull(const std::optional<T>& value) {
 }
 
 QVValue count(std::uint64_t value) { return QVValue(static_cast<std::int64_t>(value)); }
-
-QVValue dateValue(const std::optional<QVDate>& date) { return date ? QVValue(qv::iso8601(*date)) : QVValue(); }
 
 QVArray stringArray(const std::vector<std::string>& strings) { return QVArray(strings.begin(), strings.end()); }
 
@@ -57,7 +56,8 @@ QVJournalEntry entryFrom(const QVDictionary& record) {
   read(record, "started", entry.started);
   read(record, "ended", entry.ended);
   read(record, "outcome", entry.outcome);
-  if (const QVValue* code = field(record, "statusCode"); code && code->integerValue()) entry.statusCode = code->integerValue();
+  if (const QVValue* code = field(record, "statusCode"); code && code->integerValue())
+    entry.statusCode = code->integerValue();
   read(record, "message", entry.message);
   read(record, "items", entry.items);
   read(record, "files", entry.files);
@@ -134,17 +134,16 @@ QVRunOutcome outcomeFromRecord(const QVDictionary& record) {
 }
 
 QVDictionary groupRecord(const QVGroup& group) {
-  QVDictionary record{{"groupID", group.identifier},
-                      {"groupTitle", group.title},
-                      {"items", stringArray(group.items)},
-                      {"target", orNull(group.target)},
-                      {"schedule", QVValue()},
-                      {"versions", QVValue()},
-                      {"statusCode", orNull(group.statusCode)},
-                      {"lastBackupDate", dateValue(group.lastBackupDate)},
-                      {"lastBackupAttemptDate", dateValue(group.lastBackupAttemptDate)}};
-  if (group.schedule) record["schedule"] = group.schedule->dictionary();
-  if (group.versions) record["versions"] = count(*group.versions);
+  // The stored record, as the agent writes it, under the names every record here uses; dates as text.
+  const QVDictionary stored = group.dictionary();
+  QVDictionary record{{"groupID", group.identifier}, {"groupTitle", group.title}};
+  for (const char* key : {kQVItemsKey, "target", "schedule", "versions", "statusCode", "lastBackupDate",
+                          "lastBackupAttemptDate"}) {
+    auto it = stored.find(key);
+    if (it == stored.end()) record[key] = QVValue();
+    else if (auto date = it->second.date()) record[key] = iso8601(*date);
+    else record[key] = it->second;
+  }
   return record;
 }
 
