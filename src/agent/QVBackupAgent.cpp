@@ -70,8 +70,8 @@ std::string QVBackupAgent::serviceIdForTargetId(const std::string& targetID) con
 }
 
 void QVBackupAgent::createDefaultBackupTarget() {
-  const std::string folder = qv::stringByAppendingPathComponent(
-      qv::documentsDirectory(), qv::stringWithFormat("%@ Backups", {kQVProductName}));
+  const std::string folder = qv::stringByAppendingPathComponent(qv::documentsDirectory(),
+                                                                qv::stringWithFormat("%@ Backups", {kQVProductName}));
   std::error_code ec;
   std::filesystem::create_directories(folder, ec);  // a failure is not fatal: the destination says so later
   auto target = std::make_shared<QVTarget>();
@@ -109,8 +109,10 @@ void QVBackupAgent::loadPrefs() {
     QVArray records;
     QVArray unreadable;
     for (const auto& element : *value->array()) {
-      if (element.dictionary()) records.push_back(element);
-      else unreadable.push_back(element);
+      if (element.dictionary())
+        records.push_back(element);
+      else
+        unreadable.push_back(element);
     }
     if (!unreadable.empty()) {
       QVLog(std::string("QVBackupAgent: ") + std::to_string(unreadable.size()) + " unreadable entr" +
@@ -192,7 +194,8 @@ void QVBackupAgent::savePrefs() {
           item = keychain.keychainItemWithService(service);
         }
         if (item)
-          item->setLabel(qv::stringWithFormat(QVLocalizedString("Stellwin Backup password for %@", this), {target->title}));
+          item->setLabel(
+              qv::stringWithFormat(QVLocalizedString("Stellwin Backup password for %@", this), {target->title}));
       } else if (item) {
         keychain.deleteItem(service);
       }

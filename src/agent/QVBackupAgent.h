@@ -55,7 +55,7 @@ class QVBackupAgent : public QVNCTemplateDelegate {
   // ---- State and preferences
   std::optional<QVDictionary> userDefaults() const;
   void setUserDefaults(const QVDictionary& dictionary);  // memory only
-  bool syncUserDefaults();                                // to disk
+  bool syncUserDefaults();                               // to disk
   std::string serviceIdForTargetId(const std::string& targetID) const;
   void createDefaultBackupTarget();
   void loadPrefs();

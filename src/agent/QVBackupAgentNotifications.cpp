@@ -8,8 +8,7 @@ namespace {
 
 std::string failureShortedString(const void* context, const std::string& firstItem, long otherItems) {
   return QVLocalizedNumberStringWithFormat(
-      context,
-      "Backup for groups failed: %1$@ There are %?2$d other errors. For more information, click View Details.",
+      context, "Backup for groups failed: %1$@ There are %?2$d other errors. For more information, click View Details.",
       {firstItem, static_cast<std::int64_t>(otherItems)});
 }
 

@@ -262,8 +262,7 @@ void QVBackupAgent::backupProgressWithArguments(const QVGroupRef& group, double 
   // The first message of a run fills every slot with its own value (kept as it is).
   if (!group->progressInfo) group->progressInfo = std::vector<double>(n, progress);
   if (index < group->progressInfo->size()) (*group->progressInfo)[index] = progress;
-  if (m_menuItemController)
-    m_menuItemController->agentGroup(group, totalProgressForGroup(*group->progressInfo));
+  if (m_menuItemController) m_menuItemController->agentGroup(group, totalProgressForGroup(*group->progressInfo));
   if (progress >= 1.0 && n > 0 && index == n - 1) group->progressInfo.reset();
   m_delegate.send([&](QVBackupAgentDelegate& d) { d.backupProgress(progress, group->identifier, index, *this); });
 }

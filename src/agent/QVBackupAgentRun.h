@@ -10,7 +10,7 @@
 
 struct QVBackupAgent::Run {
   std::shared_ptr<QVBackupTarget> target;
-  QVGroup snapshot;   // read by the run's thread only
-  QVGroupRef group;   // touched on the main thread only
+  QVGroup snapshot;  // read by the run's thread only
+  QVGroupRef group;  // touched on the main thread only
   std::thread thread;
 };

@@ -8,7 +8,8 @@
 void QVBackupAgent::sheduleTimerForGroup(const QVGroupRef& group, double withMaxTimeInterval) {
   if (!group) return;
   const QVDate now = std::chrono::system_clock::now();
-  std::optional<QVDate> fireDate = qv::nextFireDateForScheduleLastFireDate(group->schedule, group->lastBackupAttemptDate, now);
+  std::optional<QVDate> fireDate =
+      qv::nextFireDateForScheduleLastFireDate(group->schedule, group->lastBackupAttemptDate, now);
   if (!fireDate) return;
   if (withMaxTimeInterval > 0.0) {
     const auto cap = std::chrono::duration_cast<QVDate::duration>(std::chrono::duration<double>(withMaxTimeInterval));
@@ -27,8 +28,10 @@ void QVBackupAgent::sheduleTimerForGroup(const QVGroupRef& group, double withMax
 void QVBackupAgent::dropTimerForGroupWithID(const std::string& groupID, bool invalidate) {
   auto it = m_timers.find(groupID);
   if (it == m_timers.end()) return;
-  if (invalidate) it->second->invalidate();
-  else m_droppedTimers.push_back(it->second);
+  if (invalidate)
+    it->second->invalidate();
+  else
+    m_droppedTimers.push_back(it->second);
   m_timers.erase(it);
 }
 
@@ -81,7 +84,8 @@ std::optional<QVDate> QVBackupAgent::nextRunDateForGroupWithID(const std::string
   if (auto armed = timerFireDateForGroupWithID(groupID)) return armed;
   const QVGroupRef group = groupWithIdentifier(groupID);
   if (!group) return std::nullopt;
-  std::optional<QVDate> next = qv::nextFireDateForScheduleLastFireDate(group->schedule, group->lastBackupAttemptDate, now);
+  std::optional<QVDate> next =
+      qv::nextFireDateForScheduleLastFireDate(group->schedule, group->lastBackupAttemptDate, now);
   const std::int64_t code = group->statusCode.value_or(0);
   if (next && group->lastBackupAttemptDate && code != 0 && code != -128)
     next = std::min(*next, std::max(now, *group->lastBackupAttemptDate + std::chrono::hours(1)));

@@ -21,7 +21,8 @@ std::string versionNameForDate(QVDate date) {
 
 std::optional<QVDate> dateOfVersionName(const std::string& name) {
   static const std::string kExtension = ".backup";
-  if (name.size() != 14 + kExtension.size() || name.compare(14, std::string::npos, kExtension) != 0) return std::nullopt;
+  if (name.size() != 14 + kExtension.size() || name.compare(14, std::string::npos, kExtension) != 0)
+    return std::nullopt;
   for (std::size_t i = 0; i < 14; ++i)
     if (name[i] < '0' || name[i] > '9') return std::nullopt;
   std::tm tm{};

@@ -5,17 +5,17 @@
 #include <thread>
 
 #include "agent/QVBackupAgent.h"
-#include "host/control/QVAgentLock.h"
 #include "host/cli/QVBackupCommand.h"
 #include "host/cli/QVDestinationChecks.h"
-#include "host/control/QVControlClient.h"
-#include "host/control/QVControlConnection.h"
-#include "host/daemon/QVDaemonCommand.h"
-#include "host/run/QVHostApp.h"
 #include "host/cli/QVPasswordInput.h"
 #include "host/cli/QVRecordPrinter.h"
 #include "host/cli/QVRegistryCommands.h"
+#include "host/control/QVAgentLock.h"
+#include "host/control/QVControlClient.h"
+#include "host/control/QVControlConnection.h"
+#include "host/daemon/QVDaemonCommand.h"
 #include "host/restore/QVRestoreCommand.h"
+#include "host/run/QVHostApp.h"
 #include "host/run/QVRunMonitor.h"
 #include "platform/QVLog.h"
 #include "platform/QVRunLoop.h"
@@ -73,9 +73,9 @@ bool readPasswordFirst(QVCommandOptions& options) {
     return options.suppliedPassword.has_value();
   }
   if (options.user && !options.user->empty() && qv::canPromptForPassword())
-    options.suppliedPassword = qv::promptForPassword("Password for " + *options.user + " at " +
-                                                     options.server.value_or("the server") + ": ")
-                                   .value_or("");
+    options.suppliedPassword =
+        qv::promptForPassword("Password for " + *options.user + " at " + options.server.value_or("the server") + ": ")
+            .value_or("");
   return true;
 }
 
@@ -107,7 +107,8 @@ int QVProgram::run(const QVCommandOptions& given) {
   for (;;) {
     // A running daemon carries the command out.
     std::unique_ptr<QVControlClient> client;
-    if (const std::string served = options.command == QVCommand::daemon ? "" : daemonSocket(socketPath); !served.empty()) {
+    if (const std::string served = options.command == QVCommand::daemon ? "" : daemonSocket(socketPath);
+        !served.empty()) {
       // A listing may wait on a server for a minute: read here, beside the daemon, so that the daemon
       // never keeps its other commands waiting for it.
       if (options.command == QVCommand::versions || options.command == QVCommand::files)
@@ -144,8 +145,9 @@ int QVProgram::run(const QVCommandOptions& given) {
     const auto wait = std::chrono::duration_cast<std::chrono::milliseconds>(
         std::max(deadline - std::chrono::steady_clock::now(), std::chrono::steady_clock::duration::zero()));
     const bool reading = onlyReads(options);
-    auto lock = QVAgentLock::acquire(description, reading ? std::chrono::milliseconds(0) : wait,
-                                     [&] { return daemonAppeared = daemonAnswers(socketPath); }, error);
+    auto lock = QVAgentLock::acquire(
+        description, reading ? std::chrono::milliseconds(0) : wait,
+        [&] { return daemonAppeared = daemonAnswers(socketPath); }, error);
     if (lock) return runHere(options, lock.get(), socketPath);
     const bool heldByAnother = error.rfind("process ", 0) == 0 || error == "another process";
     if (reading && heldByAnother && !daemonAppeared && !daemonAnswers(socketPath)) {
@@ -191,7 +193,8 @@ int QVProgram::runHere(const QVCommandOptions& options, QVAgentLock* lock, const
         QVTargetRef target = group.target ? agent.targetWithIdentifier(*group.target) : nullptr;
         if (!target) return true;
         qv::QVDAVListingVerdict verdict = qv::checkDAVListing(*target);
-        if (verdict.unreadable) std::cerr << kProgram << ": " << group.title << " was not backed up: " << verdict.message << std::endl;
+        if (verdict.unreadable)
+          std::cerr << kProgram << ": " << group.title << " was not backed up: " << verdict.message << std::endl;
         return !verdict.unreadable;
       });
     }

@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
+#include "host/QVProgram.h"
 #include "host/cli/QVCommandLine.h"
 #include "host/cli/QVJSONErrorReport.h"
-#include "host/QVProgram.h"
 
 int main(int argc, char** argv) {
   std::setlocale(LC_ALL, "");

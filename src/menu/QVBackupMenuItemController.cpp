@@ -45,12 +45,9 @@ std::shared_ptr<QVMenuItem> QVBackupMenuItemController::menuItemForGroup(const Q
   auto submenu = std::make_shared<QVMenu>();
   submenu->addItem(std::make_shared<QVMenuItem>(pasiveStatusForGroup(*group)));
   submenu->addItem(QVMenuItem::separatorItem());
-  submenu->addItem(entry("Backup Now", &QVBackupMenuItemController::startBackup,
-                         group->identifier, false));
-  submenu->addItem(entry("Cancel backup", &QVBackupMenuItemController::cancelBackup,
-                         group->identifier, true));
-  submenu->addItem(entry("Remove group", &QVBackupMenuItemController::removeGroup,
-                         group->identifier, false));
+  submenu->addItem(entry("Backup Now", &QVBackupMenuItemController::startBackup, group->identifier, false));
+  submenu->addItem(entry("Cancel backup", &QVBackupMenuItemController::cancelBackup, group->identifier, true));
+  submenu->addItem(entry("Remove group", &QVBackupMenuItemController::removeGroup, group->identifier, false));
   auto item = std::make_shared<QVMenuItem>(group->title);
   item->setIndentationLevel(1);
   item->setSubmenu(submenu);

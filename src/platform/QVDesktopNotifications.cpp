@@ -113,9 +113,9 @@ std::unique_ptr<QVDesktopNotifications> QVDesktopNotifications::connect(const st
 
   // Whether a service answers at all (a service that is started on demand is started here).
   GError* error = nullptr;
-  GVariant* reply = g_dbus_connection_call_sync(bus, kService, kPath, kInterface, "GetServerInformation", nullptr,
-                                                G_VARIANT_TYPE("(ssss)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs,
-                                                nullptr, &error);
+  GVariant* reply =
+      g_dbus_connection_call_sync(bus, kService, kPath, kInterface, "GetServerInformation", nullptr,
+                                  G_VARIANT_TYPE("(ssss)"), G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, nullptr, &error);
   if (!reply) {
     qv::debugLog("platform", std::string("notifications: no service: ") + (error ? error->message : "unknown error"));
     if (error) g_error_free(error);
@@ -123,12 +123,12 @@ std::unique_ptr<QVDesktopNotifications> QVDesktopNotifications::connect(const st
   }
   g_variant_unref(reply);
 
-  impl.m_actionSubscription = g_dbus_connection_signal_subscribe(
-      bus, nullptr, kInterface, "ActionInvoked", kPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &Impl::onSignal, &impl,
-      nullptr);
-  impl.m_closedSubscription = g_dbus_connection_signal_subscribe(
-      bus, nullptr, kInterface, "NotificationClosed", kPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, &Impl::onSignal,
-      &impl, nullptr);
+  impl.m_actionSubscription =
+      g_dbus_connection_signal_subscribe(bus, nullptr, kInterface, "ActionInvoked", kPath, nullptr,
+                                         G_DBUS_SIGNAL_FLAGS_NONE, &Impl::onSignal, &impl, nullptr);
+  impl.m_closedSubscription =
+      g_dbus_connection_signal_subscribe(bus, nullptr, kInterface, "NotificationClosed", kPath, nullptr,
+                                         G_DBUS_SIGNAL_FLAGS_NONE, &Impl::onSignal, &impl, nullptr);
   return notifications;
 }
 
@@ -145,8 +145,8 @@ std::uint32_t QVDesktopNotifications::notify(std::uint32_t replacesId, const std
   GVariantBuilder hints;
   g_variant_builder_init(&hints, G_VARIANT_TYPE("a{sv}"));
   GVariant* parameters =
-      g_variant_new("(susssasa{sv}i)", m_impl->m_applicationName.c_str(), replacesId, iconName.c_str(),
-                    summary.c_str(), body.c_str(), &actionList, &hints, timeoutMilliseconds);
+      g_variant_new("(susssasa{sv}i)", m_impl->m_applicationName.c_str(), replacesId, iconName.c_str(), summary.c_str(),
+                    body.c_str(), &actionList, &hints, timeoutMilliseconds);
 
   GError* error = nullptr;
   GVariant* reply =

@@ -133,8 +133,8 @@ class CopyOperation {
                    const std::string& dstName, const std::string& dstPath, bool isTop);
 
   enum class Transfer { Done, SourceFailed, Failed };
-  Transfer copyContents(int in, int out, const struct stat& st, const std::string& srcPath,
-                        const std::string& dstPath, std::uint64_t& copied);
+  Transfer copyContents(int in, int out, const struct stat& st, const std::string& srcPath, const std::string& dstPath,
+                        std::uint64_t& copied);
   Transfer readWriteContents(int in, int out, std::uint64_t size, const std::string& srcPath,
                              const std::string& dstPath, std::uint64_t& copied);
   bool applyAttributes(int fd, const struct stat& st, const std::string& dstPath);
@@ -148,9 +148,7 @@ class CopyOperation {
     finishItem(size);
     return true;
   }
-  bool mayPassOver(int error, bool isTop) const {
-    return m_ignoringSourceErrors && !isTop && !isResourceError(error);
-  }
+  bool mayPassOver(int error, bool isTop) const { return m_ignoringSourceErrors && !isTop && !isResourceError(error); }
   // mayPassOver, remembering the path when it is passed over.
   bool passOver(int error, const std::string& path, bool isTop) {
     if (!mayPassOver(error, isTop)) return false;
@@ -244,8 +242,7 @@ bool CopyOperation::run(const std::string& sourcePath, const std::string& destin
   return true;
 }
 
-bool CopyOperation::listDirectory(int fd, const std::string& path, std::vector<Entry>& entries,
-                                  ScopedDir& dir) {
+bool CopyOperation::listDirectory(int fd, const std::string& path, std::vector<Entry>& entries, ScopedDir& dir) {
   // The stream takes its own descriptor: the caller's stays open for the *at() calls.
   const int streamFd = ::fcntl(fd, F_DUPFD_CLOEXEC, 0);
   if (streamFd < 0) return fail(Side::Source, errno, "list", path);
@@ -306,9 +303,8 @@ bool CopyOperation::scanDirectory(int parentFd, const std::string& name, const s
   return true;
 }
 
-bool CopyOperation::copyItem(int srcParent, const std::string& srcName, const std::string& srcPath,
-                             int dstParent, const std::string& dstName, const std::string& dstPath,
-                             unsigned char type, bool isTop) {
+bool CopyOperation::copyItem(int srcParent, const std::string& srcName, const std::string& srcPath, int dstParent,
+                             const std::string& dstName, const std::string& dstPath, unsigned char type, bool isTop) {
   if (!shouldContinue()) return cancelled(srcPath);
   if (type == DT_UNKNOWN) {
     struct stat st;
@@ -332,9 +328,8 @@ bool CopyOperation::copyItem(int srcParent, const std::string& srcName, const st
   }
 }
 
-bool CopyOperation::copyDirectory(int srcParent, const std::string& srcName, const std::string& srcPath,
-                                  int dstParent, const std::string& dstName, const std::string& dstPath,
-                                  bool isTop) {
+bool CopyOperation::copyDirectory(int srcParent, const std::string& srcName, const std::string& srcPath, int dstParent,
+                                  const std::string& dstName, const std::string& dstPath, bool isTop) {
   ScopedFd src(::openat(srcParent, srcName.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!src.valid()) return sourceFailure(errno, "open", srcPath, isTop);
   struct stat st;
@@ -373,14 +368,12 @@ bool CopyOperation::copyDirectory(int srcParent, const std::string& srcName, con
   return applyAttributes(dst.get(), st, dstPath);
 }
 
-bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const std::string& srcPath,
-                             int dstParent, const std::string& dstName, const std::string& dstPath,
-                             bool isTop) {
+bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const std::string& srcPath, int dstParent,
+                             const std::string& dstName, const std::string& dstPath, bool isTop) {
   // O_NONBLOCK: a file that became a pipe since the listing must not hang the copy; regular files
   // ignore the flag.
-  ScopedFd in(retryOnInterrupt([&] {
-    return ::openat(srcParent, srcName.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-  }));
+  ScopedFd in(retryOnInterrupt(
+      [&] { return ::openat(srcParent, srcName.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC | O_NOCTTY | O_NONBLOCK); }));
   if (!in.valid()) {
     const int error = errno;
     struct stat st;
@@ -428,10 +421,9 @@ bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const st
   }
   // A copy whose folder was removed meanwhile (the folder deleted, a volume gone) went nowhere. Some
   // file systems report no links for every file: the name is looked up to be sure.
-  if (struct stat written, named; result == Transfer::Done && ::fstat(out.get(), &written) == 0 &&
-                                  written.st_nlink == 0 &&
-                                  ::fstatat(dstParent, dstName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 &&
-                                  errno == ENOENT) {
+  if (struct stat written, named;
+      result == Transfer::Done && ::fstat(out.get(), &written) == 0 && written.st_nlink == 0 &&
+      ::fstatat(dstParent, dstName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
     result = failTransfer(Side::Destination, ENOENT, "write", dstPath);
   }
   if (result == Transfer::Done && !applyAttributes(out.get(), st, dstPath)) result = Transfer::Failed;
@@ -456,9 +448,8 @@ bool CopyOperation::copyFile(int srcParent, const std::string& srcName, const st
   return true;
 }
 
-bool CopyOperation::copySymlink(int srcParent, const std::string& srcName, const std::string& srcPath,
-                                int dstParent, const std::string& dstName, const std::string& dstPath,
-                                bool isTop) {
+bool CopyOperation::copySymlink(int srcParent, const std::string& srcName, const std::string& srcPath, int dstParent,
+                                const std::string& dstName, const std::string& dstPath, bool isTop) {
   struct stat st;
   if (::fstatat(srcParent, srcName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
     return fileSourceFailure(errno, "read", srcPath, isTop);
@@ -479,8 +470,7 @@ bool CopyOperation::copySymlink(int srcParent, const std::string& srcName, const
   }
   if (m_isRoot) ::fchownat(dstParent, dstName.c_str(), st.st_uid, st.st_gid, AT_SYMLINK_NOFOLLOW);
   const struct timespec times[2] = {st.st_atim, st.st_mtim};
-  if (::utimensat(dstParent, dstName.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0 &&
-      !isUnsupportedAttribute(errno)) {
+  if (::utimensat(dstParent, dstName.c_str(), times, AT_SYMLINK_NOFOLLOW) != 0 && !isUnsupportedAttribute(errno)) {
     const int error = errno;
     ::unlinkat(dstParent, dstName.c_str(), 0);
     return fail(Side::Destination, error, "set the attributes of", dstPath);
@@ -490,9 +480,8 @@ bool CopyOperation::copySymlink(int srcParent, const std::string& srcName, const
   return true;
 }
 
-CopyOperation::Transfer CopyOperation::copyContents(int in, int out, const struct stat& st,
-                                                    const std::string& srcPath, const std::string& dstPath,
-                                                    std::uint64_t& copied) {
+CopyOperation::Transfer CopyOperation::copyContents(int in, int out, const struct stat& st, const std::string& srcPath,
+                                                    const std::string& dstPath, std::uint64_t& copied) {
   const auto size = static_cast<std::uint64_t>(st.st_size);
   m_lastCopyCloned = false;
   if (size == 0) return Transfer::Done;
@@ -519,13 +508,12 @@ CopyOperation::Transfer CopyOperation::copyContents(int in, int out, const struc
     while (copied < size) {
       if (!shouldContinueIfDue()) return cancelledTransfer(srcPath);
       const auto chunk = static_cast<std::size_t>(std::min<std::uint64_t>(kCopyRangeChunk, size - copied));
-      const ssize_t n =
-          retryOnInterrupt([&] { return ::copy_file_range(in, nullptr, out, nullptr, chunk, 0); });
+      const ssize_t n = retryOnInterrupt([&] { return ::copy_file_range(in, nullptr, out, nullptr, chunk, 0); });
       if (n < 0) {
         const int error = errno;
         if (error == ENOSPC || error == EDQUOT) return failTransfer(Side::Destination, error, "write", dstPath);
-        if (copied == 0 && (error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP ||
-                            error == ENOTSUP)) {
+        if (copied == 0 &&
+            (error == EXDEV || error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == ENOTSUP)) {
           m_noCopyRangeDevices.push_back(st.st_dev);
         }
         break;
@@ -578,8 +566,7 @@ bool CopyOperation::applyAttributes(int fd, const struct stat& st, const std::st
   return true;
 }
 
-bool CopyOperation::sourceFailure(int error, const std::string& operation, const std::string& path,
-                                  bool isTop) {
+bool CopyOperation::sourceFailure(int error, const std::string& operation, const std::string& path, bool isTop) {
   fail(Side::Source, error, operation, path);
   if (!passOver(error, path, isTop)) return false;
   qv::debugLog("platform", "QVFileCopier passes over " + path + ": " + m_description);
@@ -650,9 +637,8 @@ void CopyOperation::reportProgress() {
 
 }  // namespace
 
-bool QVFileCopier::copyItemReportingProgressAtPath(const std::string& sourcePath,
-                                                   const std::string& destinationPath, bool ignoringSourceErrors,
-                                                   QVError* error) {
+bool QVFileCopier::copyItemReportingProgressAtPath(const std::string& sourcePath, const std::string& destinationPath,
+                                                   bool ignoringSourceErrors, QVError* error) {
   CopyOperation operation(m_delegate, ignoringSourceErrors);
   bool copied = false;
   try {

@@ -164,7 +164,8 @@ std::optional<std::string> stringByReplacingPercentEscapes(const std::string& te
   return result;
 }
 
-bool walkDirectory(const std::string& folder, const std::function<bool(const std::string& relative, bool isFolder)>& visit,
+bool walkDirectory(const std::string& folder,
+                   const std::function<bool(const std::string& relative, bool isFolder)>& visit,
                    const std::function<void(const std::string& relative)>& unreadable) {
   // One open folder per level, so a folder that vanishes or cannot be read costs only itself.
   struct Level {
@@ -178,7 +179,7 @@ bool walkDirectory(const std::string& folder, const std::function<bool(const std
     const QVFolderIdentity identity{static_cast<std::uint64_t>(info.st_dev), static_cast<std::uint64_t>(info.st_ino)};
     return std::find(passedOver.begin(), passedOver.end(), identity) != passedOver.end();
   };
-  if (struct stat info {}; !passedOver.empty() && ::fstat(::dirfd(top), &info) == 0 && isPassedOver(info)) {
+  if (struct stat info{}; !passedOver.empty() && ::fstat(::dirfd(top), &info) == 0 && isPassedOver(info)) {
     ::closedir(top);
     return true;
   }
@@ -237,9 +238,7 @@ bool fileExistsAtPath(const std::string& path, bool* isDirectory) {
   return true;
 }
 
-bool isReadableFileAtPath(const std::string& path) {
-  return !path.empty() && ::access(path.c_str(), R_OK) == 0;
-}
+bool isReadableFileAtPath(const std::string& path) { return !path.empty() && ::access(path.c_str(), R_OK) == 0; }
 
 std::uint64_t sizeOfItemAtPath(const std::string& path) {
   struct stat info {};
@@ -267,7 +266,7 @@ std::string stringFromDate(QVDate date) {
   // The locale's own numeric date and its time of day without seconds (LC_TIME), in local time.
   // POSIX locales carry no "medium" date style; the numeric one is what every locale defines.
   std::time_t seconds = std::chrono::system_clock::to_time_t(date);
-  std::tm local {};
+  std::tm local{};
   if (!::localtime_r(&seconds, &local)) return "";
   std::string dateFormat = ::nl_langinfo(D_FMT);
   std::string format = (dateFormat.empty() ? "%x" : dateFormat) + " " + shortTimeFormat(::nl_langinfo(T_FMT));

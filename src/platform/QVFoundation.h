@@ -15,7 +15,7 @@ namespace qv {
 std::string stringWithUUID();
 
 // Path strings, with the rules that the destinations' layouts rely on.
-std::string lastPathComponent(const std::string& path);               // "/a/b.txt" -> "b.txt"; "/a/b/" -> "b"
+std::string lastPathComponent(const std::string& path);                  // "/a/b.txt" -> "b.txt"; "/a/b/" -> "b"
 std::string stringByDeletingLastPathComponent(const std::string& path);  // "/a/b.txt" -> "/a"; "/a" -> "/"
 std::string stringByAppendingPathComponent(const std::string& path, const std::string& component);  // one "/"
 std::string pathExtension(const std::string& name);                  // "a.tar.gz" -> "gz"; ".profile" -> ""
@@ -36,7 +36,8 @@ bool isReadableFileAtPath(const std::string& path);
 // path relative to folder and whether it is a folder (links are not followed). A folder below that cannot
 // be read is passed to unreadable and the walk goes on with the rest. visit answers false to stop.
 // Returns false when folder itself cannot be read.
-bool walkDirectory(const std::string& folder, const std::function<bool(const std::string& relative, bool isFolder)>& visit,
+bool walkDirectory(const std::string& folder,
+                   const std::function<bool(const std::string& relative, bool isFolder)>& visit,
                    const std::function<void(const std::string& relative)>& unreadable);
 
 // Opens a regular file for reading without ever waiting (a pipe would block): a descriptor, or -1 for

@@ -14,8 +14,8 @@ std::unique_ptr<QVKeychain> g_shared;  // guarded by g_sharedMutex
 
 }  // namespace
 
-QVKeychainItem::QVKeychainItem(QVKeychain& keychain, std::string service, std::string username,
-                               std::string password, std::string label)
+QVKeychainItem::QVKeychainItem(QVKeychain& keychain, std::string service, std::string username, std::string password,
+                               std::string label)
     : m_keychain(&keychain),
       m_service(std::move(service)),
       m_username(std::move(username)),

@@ -74,13 +74,13 @@ void ensureBound() {
 // One piece of a parsed template: literal text, or a placeholder with the argument it takes.
 struct Piece {
   bool placeholder = false;
-  std::string text;        // literal text; for a placeholder, its source text
-  bool plural = false;     // %?…: the number that selects the plural form
+  std::string text;          // literal text; for a placeholder, its source text
+  bool plural = false;       // %?…: the number that selects the plural form
   std::size_t argument = 0;  // 0-based index of the argument
   std::string flags;
   std::string width;
-  std::string precision;   // with its leading "."
-  std::string length;      // h, hh, l, ll, q, L, z, j, t
+  std::string precision;  // with its leading "."
+  std::string length;     // h, hh, l, ll, q, L, z, j, t
   char conversion = 0;
 };
 
@@ -139,7 +139,8 @@ std::vector<Piece> parseTemplate(const std::string& format) {
       piece.precision += format[j++];
       while (j < format.size() && isDigit(format[j])) piece.precision += format[j++];
     }
-    while (j < format.size() && std::string("hlqLzjt").find(format[j]) != std::string::npos) piece.length += format[j++];
+    while (j < format.size() && std::string("hlqLzjt").find(format[j]) != std::string::npos)
+      piece.length += format[j++];
 
     if (j >= format.size() || kConversions.find(format[j]) == std::string::npos) {
       // Not a placeholder: keep the text up to and including the character that ended it.
@@ -221,7 +222,8 @@ double doubleValue(const QVFormatArgument& argument) {
 std::string render(const Piece& piece, const QVFormatArgument* argument) {
   if (!argument) return "(null)";
   // Text given for any placeholder prints as it is; so does a number given for %@ or %s.
-  if (piece.conversion == '@' || piece.conversion == 's' || isText(*argument)) return pad(naturalText(*argument), piece);
+  if (piece.conversion == '@' || piece.conversion == 's' || isText(*argument))
+    return pad(naturalText(*argument), piece);
 
   switch (piece.conversion) {
     case 'd':

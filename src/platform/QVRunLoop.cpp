@@ -70,8 +70,7 @@ gboolean postSourceDispatch(GSource*, GSourceFunc, gpointer) {
   return G_SOURCE_CONTINUE;
 }
 
-GSourceFuncs postSourceFuncs = {postSourcePrepare, postSourceCheck, postSourceDispatch, nullptr, nullptr,
-                                nullptr};
+GSourceFuncs postSourceFuncs = {postSourcePrepare, postSourceCheck, postSourceDispatch, nullptr, nullptr, nullptr};
 
 void attachPostSourceOnce() {
   static std::once_flag once;
@@ -214,8 +213,7 @@ struct QVTimer::Impl {
 };
 
 void QVTimer::Impl::arm() {
-  auto remaining = std::chrono::ceil<std::chrono::milliseconds>(m_owner->m_fireDate -
-                                                                std::chrono::system_clock::now());
+  auto remaining = std::chrono::ceil<std::chrono::milliseconds>(m_owner->m_fireDate - std::chrono::system_clock::now());
   long long ms = remaining.count();
   if (ms < 0) ms = 0;
   // Beyond what GLib takes (about 49 days) the timer wakes early and arms again for the rest.

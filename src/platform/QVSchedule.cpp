@@ -21,8 +21,8 @@ constexpr const char* kHourKey = "hour";
 constexpr const char* kWeekdayKey = "weekday";
 constexpr const char* kDayKey = "day";
 
-constexpr std::array<const char*, 7> kDayNames = {"monday", "tuesday", "wednesday", "thursday",
-                                                   "friday", "saturday", "sunday"};
+constexpr std::array<const char*, 7> kDayNames = {"monday", "tuesday",  "wednesday", "thursday",
+                                                  "friday", "saturday", "sunday"};
 
 // An integer stored as an integer or a real number; nullopt for anything else.
 std::optional<int> storedInteger(const QVValue& value) {
@@ -90,8 +90,8 @@ std::int64_t momentForLocalSeconds(std::int64_t wall) {
 }
 
 std::int64_t localSecondsOf(const year_month_day& date, int hour, int minute) {
-  return std::chrono::duration_cast<std::chrono::seconds>(sys_days(date).time_since_epoch()).count() +
-         hour * 3600 + minute * 60;
+  return std::chrono::duration_cast<std::chrono::seconds>(sys_days(date).time_since_epoch()).count() + hour * 3600 +
+         minute * 60;
 }
 
 year_month_day localDateOf(std::int64_t t) {
@@ -245,8 +245,7 @@ QVDictionary QVSchedule::dictionary() const {
 namespace qv {
 
 std::optional<QVDate> nextFireDateForScheduleLastFireDate(const std::optional<QVSchedule>& schedule,
-                                                          const std::optional<QVDate>& lastFireDate,
-                                                          QVDate now) {
+                                                          const std::optional<QVDate>& lastFireDate, QVDate now) {
   if (!schedule) return std::nullopt;
   // Picks up a time zone that changed while the program runs.
   tzset();

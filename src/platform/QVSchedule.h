@@ -33,8 +33,7 @@ namespace qv {
 // that passed (while the machine slept or the program was not running) is returned as it is, in the
 // past. Dates are computed in the local time zone and stay right across daylight-saving changes.
 std::optional<QVDate> nextFireDateForScheduleLastFireDate(const std::optional<QVSchedule>& schedule,
-                                                          const std::optional<QVDate>& lastFireDate,
-                                                          QVDate now);
+                                                          const std::optional<QVDate>& lastFireDate, QVDate now);
 
 // The readable forms of the command line: manual, hourly[:MM], daily[@HH:MM], weekly[@DAY[@HH:MM]],
 // monthly[@D[@HH:MM]] (DAY: mon..sun or 1..7). nullopt, with *error set, for anything else.

@@ -40,10 +40,10 @@ bool secretServiceRunning() {
     logError("connecting to the session bus", error);
     return false;
   }
-  GVariant* reply = g_dbus_connection_call_sync(
-      bus, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "NameHasOwner",
-      g_variant_new("(s)", "org.freedesktop.secrets"), G_VARIANT_TYPE("(b)"), G_DBUS_CALL_FLAGS_NONE,
-      kProbeTimeoutMilliseconds, nullptr, &error);
+  GVariant* reply = g_dbus_connection_call_sync(bus, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                "org.freedesktop.DBus", "NameHasOwner",
+                                                g_variant_new("(s)", "org.freedesktop.secrets"), G_VARIANT_TYPE("(b)"),
+                                                G_DBUS_CALL_FLAGS_NONE, kProbeTimeoutMilliseconds, nullptr, &error);
   g_object_unref(bus);
   if (!reply) {
     logError("asking the session bus for org.freedesktop.secrets", error);
@@ -101,8 +101,8 @@ bool QVSecretServiceKeychain::Impl::createItem(const std::string& service, const
       secret_attributes_build(m_schema, "service", service.c_str(), "user", username.c_str(), nullptr);
   SecretValue* value = secret_value_new(password.data(), static_cast<gssize>(password.size()), "text/plain");
   GError* error = nullptr;
-  gboolean stored = secret_service_store_sync(m_service, m_schema, attributes, SECRET_COLLECTION_DEFAULT,
-                                              label.c_str(), value, nullptr, &error);
+  gboolean stored = secret_service_store_sync(m_service, m_schema, attributes, SECRET_COLLECTION_DEFAULT, label.c_str(),
+                                              value, nullptr, &error);
   secret_value_unref(value);
   g_hash_table_unref(attributes);
   if (!stored) logError("storing the item of " + service, error);
@@ -149,8 +149,7 @@ std::unique_ptr<QVSecretServiceKeychain> QVSecretServiceKeychain::connect() {
   }
   SecretSchema* schema = secret_schema_new(kSchemaName, SECRET_SCHEMA_NONE, "service", SECRET_SCHEMA_ATTRIBUTE_STRING,
                                            "user", SECRET_SCHEMA_ATTRIBUTE_STRING, nullptr);
-  return std::unique_ptr<QVSecretServiceKeychain>(
-      new QVSecretServiceKeychain(std::make_unique<Impl>(service, schema)));
+  return std::unique_ptr<QVSecretServiceKeychain>(new QVSecretServiceKeychain(std::make_unique<Impl>(service, schema)));
 }
 
 QVSecretServiceKeychain::QVSecretServiceKeychain(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
@@ -191,8 +190,7 @@ std::optional<QVKeychainItem> QVSecretServiceKeychain::keychainItemWithService(c
   return QVKeychainItem(*this, service, username, password, label);
 }
 
-bool QVSecretServiceKeychain::addGenericKeychainItemForService(const std::string& service,
-                                                               const std::string& username,
+bool QVSecretServiceKeychain::addGenericKeychainItemForService(const std::string& service, const std::string& username,
                                                                const std::string& password) {
   std::lock_guard<std::mutex> lock(m_impl->m_mutex);
   SecretItem* item = m_impl->findItem(service);

@@ -16,8 +16,8 @@
 
 namespace {
 
-constexpr long kDefaultIdleTimeout = 60;     // seconds without a byte moving
-constexpr long kConnectTimeout = 30;         // seconds to make a connection
+constexpr long kDefaultIdleTimeout = 60;          // seconds without a byte moving
+constexpr long kConnectTimeout = 30;              // seconds to make a connection
 constexpr std::size_t kMaxBodySize = 256u << 20;  // a reply larger than this is refused, not held
 
 std::atomic<long> g_idleTimeout{kDefaultIdleTimeout};
@@ -183,7 +183,8 @@ struct QVURLSession::Impl {
     sent = 0;
     curl_slist_free_all(headers);
     headers = nullptr;
-    for (const auto& [name, value] : requestHeaders) headers = curl_slist_append(headers, (name + ": " + value).c_str());
+    for (const auto& [name, value] : requestHeaders)
+      headers = curl_slist_append(headers, (name + ": " + value).c_str());
     curl_easy_setopt(easy, CURLOPT_URL, url.c_str());
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);  // clears the upload mode of an earlier request
@@ -226,25 +227,34 @@ struct QVURLSession::Impl {
   QVURLError error() const {
     QVURLError e;
     e.code = static_cast<std::int64_t>(result);
-    e.localizedDescription = bodyTooLarge ? "The server's reply is too large"
+    e.localizedDescription = bodyTooLarge     ? "The server's reply is too large"
                              : errorBuffer[0] ? errorBuffer
                                               : curl_easy_strerror(result);
     e.failingURLString = url;
     const std::string text = errorBuffer;
     switch (result) {
       case CURLE_COULDNT_CONNECT:
-      case CURLE_COULDNT_RESOLVE_HOST: e.kind = QVURLError::Kind::couldNotConnect; break;
-      case CURLE_OPERATION_TIMEDOUT: e.kind = QVURLError::Kind::timedOut; break;
+      case CURLE_COULDNT_RESOLVE_HOST:
+        e.kind = QVURLError::Kind::couldNotConnect;
+        break;
+      case CURLE_OPERATION_TIMEDOUT:
+        e.kind = QVURLError::Kind::timedOut;
+        break;
       case CURLE_PEER_FAILED_VERIFICATION:
-        if (text.find("expired") != std::string::npos) e.kind = QVURLError::Kind::expiredCertificate;
+        if (text.find("expired") != std::string::npos)
+          e.kind = QVURLError::Kind::expiredCertificate;
         else if (text.find("host name") != std::string::npos || text.find("subject name") != std::string::npos)
           e.kind = QVURLError::Kind::wrongHostName;
-        else e.kind = QVURLError::Kind::untrustedCertificate;
+        else
+          e.kind = QVURLError::Kind::untrustedCertificate;
         break;
       case CURLE_SSL_CONNECT_ERROR:
       case CURLE_SSL_CERTPROBLEM:
-      case CURLE_SSL_CACERT_BADFILE: e.kind = QVURLError::Kind::tls; break;
-      default: break;
+      case CURLE_SSL_CACERT_BADFILE:
+        e.kind = QVURLError::Kind::tls;
+        break;
+      default:
+        break;
     }
     return e;
   }
@@ -273,7 +283,8 @@ bool QVURLSession::allowHTTPS(const std::string& trustedCertificatesFile, std::s
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
   if (trustedCertificatesFile.empty()) return true;
   std::string added;
-  if (!readWholeFile(trustedCertificatesFile, added) || added.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
+  if (!readWholeFile(trustedCertificatesFile, added) ||
+      added.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
     if (error) *error = "\"" + trustedCertificatesFile + "\" cannot be read or holds no PEM certificate";
     return false;
   }
@@ -318,8 +329,8 @@ bool QVURLSession::sendSynchronousRequest(const std::string& method, const std::
   if (statusCode) *statusCode = status;
   if (body) *body = std::move(impl.body);
   impl.body.clear();
-  qv::debugLog("platform", method + " " + url + " -> " + std::to_string(status) + " (" +
-                               curl_easy_strerror(impl.result) + ")");
+  qv::debugLog("platform",
+               method + " " + url + " -> " + std::to_string(status) + " (" + curl_easy_strerror(impl.result) + ")");
   if (impl.result == CURLE_OK) return true;
   if (error) *error = impl.error();
   return false;
@@ -349,8 +360,10 @@ void QVURLSession::runOnce(std::chrono::milliseconds maxWait) {
   impl.body.clear();
   qv::debugLog("platform", "upload " + impl.url + ": " + curl_easy_strerror(impl.result));
   if (!delegate) return;
-  if (impl.result == CURLE_OK) delegate->connectionDidFinishLoading();
-  else delegate->connectionDidFailWithError(impl.error());
+  if (impl.result == CURLE_OK)
+    delegate->connectionDidFinishLoading();
+  else
+    delegate->connectionDidFailWithError(impl.error());
 }
 
 void QVURLSession::cancelUpload() {

@@ -19,8 +19,7 @@ using QVDictionary = std::map<std::string, QVValue>;
 
 class QVValue {
  public:
-  using Storage = std::variant<std::monostate, bool, std::int64_t, double, std::string, QVDate, QVArray,
-                               QVDictionary>;
+  using Storage = std::variant<std::monostate, bool, std::int64_t, double, std::string, QVDate, QVArray, QVDictionary>;
 
   QVValue() = default;
   QVValue(bool b) : m_storage(b) {}

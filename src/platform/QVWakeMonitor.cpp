@@ -55,8 +55,8 @@ struct QVWakeMonitorState {
   }
 
   void start(const std::shared_ptr<QVWakeMonitorState>& self) {
-    m_clockSource = g_timeout_add_seconds_full(G_PRIORITY_DEFAULT, kClockCheckSeconds, checkClock,
-                                               boxWeak(self), deleteWeak);
+    m_clockSource =
+        g_timeout_add_seconds_full(G_PRIORITY_DEFAULT, kClockCheckSeconds, checkClock, boxWeak(self), deleteWeak);
     // Asynchronous: where no system bus answers, construction must not wait for it.
     g_bus_get(G_BUS_TYPE_SYSTEM, m_cancellable, busReady, boxWeak(self));
   }
@@ -92,16 +92,15 @@ gboolean QVWakeMonitorState::checkClock(gpointer data) {
   std::int64_t slept = asleep - state->m_asleepBaseline;
   state->m_asleepBaseline = asleep;
   if (slept > kSleepThresholdNs) {
-    qv::debugLog("platform",
-                 "wake noticed by the clock after " + std::to_string(slept / 1'000'000'000) + " s asleep");
+    qv::debugLog("platform", "wake noticed by the clock after " + std::to_string(slept / 1'000'000'000) + " s asleep");
     if (state->m_sleepAnnounced) state->m_wakeReportedByClock = true;
     state->reportWake();
   }
   return G_SOURCE_CONTINUE;
 }
 
-void QVWakeMonitorState::prepareForSleep(GDBusConnection*, const gchar*, const gchar*, const gchar*,
-                                         const gchar*, GVariant* parameters, gpointer data) {
+void QVWakeMonitorState::prepareForSleep(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
+                                         GVariant* parameters, gpointer data) {
   std::shared_ptr<QVWakeMonitorState> state = lock(data);
   if (!state || !g_variant_is_of_type(parameters, G_VARIANT_TYPE("(b)"))) return;
   gboolean goingToSleep = FALSE;
@@ -140,9 +139,9 @@ void QVWakeMonitorState::busReady(GObject*, GAsyncResult* result, gpointer data)
     return;
   }
   state->m_bus = bus;
-  state->m_subscription = g_dbus_connection_signal_subscribe(
-      bus, kLogindName, kLogindManager, "PrepareForSleep", kLogindPath, nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
-      prepareForSleep, weak.release(), deleteWeak);
+  state->m_subscription =
+      g_dbus_connection_signal_subscribe(bus, kLogindName, kLogindManager, "PrepareForSleep", kLogindPath, nullptr,
+                                         G_DBUS_SIGNAL_FLAGS_NONE, prepareForSleep, weak.release(), deleteWeak);
   qv::debugLog("platform", "listening for logind's PrepareForSleep on the system bus");
 }
 

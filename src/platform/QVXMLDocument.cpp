@@ -42,7 +42,9 @@ std::string QVXMLElement::stringValue() const {
   return text;
 }
 
-std::string QVXMLElement::localName() const { return reinterpret_cast<const char*>(static_cast<xmlNode*>(m_node)->name); }
+std::string QVXMLElement::localName() const {
+  return reinterpret_cast<const char*>(static_cast<xmlNode*>(m_node)->name);
+}
 
 std::string QVXMLElement::namespaceURI() const {
   const xmlNs* ns = static_cast<xmlNode*>(m_node)->ns;

@@ -57,8 +57,10 @@ std::optional<std::vector<std::string>> QVBackupTarget::entriesForReading(const 
 bool QVBackupTarget::backupItem(const std::string& path, const QVGroup&, const std::string&, const std::string&,
                                 QVError* error) {
   std::int64_t status = 0;
-  if (!qv::fileExistsAtPath(path)) status = -43;
-  else if (!qv::isReadableFileAtPath(path)) status = -54;
+  if (!qv::fileExistsAtPath(path))
+    status = -43;
+  else if (!qv::isReadableFileAtPath(path))
+    status = -54;
   if (status == 0) return true;
   if (error) *error = errorWithStatusCode(status, std::nullopt, path);
   return false;

@@ -42,7 +42,7 @@ struct QVVersionEntry {
   std::uint64_t size = 0;
   std::optional<std::uint32_t> mode;
   std::optional<std::int64_t> modificationTimeNanoseconds;  // since the epoch
-  std::optional<std::string> symbolicLinkTarget;             // set for a symbolic link
+  std::optional<std::string> symbolicLinkTarget;            // set for a symbolic link
 };
 
 // Receives the bytes of a file read back from a destination; answering false stops the read.

@@ -158,9 +158,9 @@ bool QVDAVBackupTarget::removeItemWithURL(const std::string& url) {
 }
 
 bool QVDAVBackupTarget::removeEntry(const std::string& entry, const QVGroup& forItem) {
-  return removeItemWithURL(qv::stringWithFormat(
-      "%@/%@/%@/", {m_urlString, pathWithReplacingInvalidCharactersInPath(forItem.title),
-                    pathWithReplacingInvalidCharactersInPath(entry)}));
+  return removeItemWithURL(
+      qv::stringWithFormat("%@/%@/%@/", {m_urlString, pathWithReplacingInvalidCharactersInPath(forItem.title),
+                                         pathWithReplacingInvalidCharactersInPath(entry)}));
 }
 
 bool QVDAVBackupTarget::renameEntry(const std::string& entry, const std::string& toName, const QVGroup& forItem) {
@@ -216,8 +216,8 @@ void QVDAVBackupTarget::connectionDidReceiveResponse(std::int64_t statusCode) { 
 
 void QVDAVBackupTarget::connectionDidFailWithError(const QVURLError& error) {
   setIsComplete(true);
-  QVLog(qv::stringWithFormat("Upload file is failed! Error - %@ %@", {error.localizedDescription,
-                                                                       error.failingURLString}));
+  QVLog(qv::stringWithFormat("Upload file is failed! Error - %@ %@",
+                             {error.localizedDescription, error.failingURLString}));
 }
 
 void QVDAVBackupTarget::connectionDidFinishLoading() { setIsComplete(true); }
@@ -263,8 +263,10 @@ bool QVDAVBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
       result = result || done;
       // Counted for the run's report: a file that could not be read here (or is no file at all, such as
       // a pipe) is left out, whatever answer its upload gave.
-      if (!entryIsDirectory && !m_lastUploadHadStream) noteLeftOut({localPath});
-      else if (!entryIsDirectory && done) noteWritten(1, qv::sizeOfItemAtPath(localPath));
+      if (!entryIsDirectory && !m_lastUploadHadStream)
+        noteLeftOut({localPath});
+      else if (!entryIsDirectory && done)
+        noteWritten(1, qv::sizeOfItemAtPath(localPath));
     };
     if (!isDirectory) {
       if (!isCancelled()) send(path, qv::urlStringByAppendingPathComponent(versionURL, escapedName));
@@ -311,13 +313,13 @@ std::optional<std::vector<QVVersionEntry>> QVDAVBackupTarget::contentsOfVersion(
   if (url.back() != '/') url += '/';
   std::int64_t status = 0;
   std::string reply;
-  bool sent = m_session->sendSynchronousRequest("PROPFIND", requestURL(url),
-                                                {{"Depth", "1"}, {"Content-Type", "application/xml"}}, &status,
-                                                &reply, nullptr);
+  bool sent = m_session->sendSynchronousRequest(
+      "PROPFIND", requestURL(url), {{"Depth", "1"}, {"Content-Type", "application/xml"}}, &status, &reply, nullptr);
   std::optional<std::vector<QVVersionEntry>> entries;
   // Without an answer the status is 0, and the rule says that the server could not be reached. Read back
   // by namespace: what a server wrote must be found whatever prefix it chose.
-  if (validateResponseStatusCode(sent ? status : 0, false)) entries = QVDAVMultistatus::membersInReply(reply, requestURL(url));
+  if (validateResponseStatusCode(sent ? status : 0, false))
+    entries = QVDAVMultistatus::membersInReply(reply, requestURL(url));
   if (!entries && error)
     *error = errorWithStatusCode(-27, sent && status / 100 == 2 ? "The server's listing cannot be read" : errorString(),
                                  relativePath);

@@ -58,7 +58,7 @@ std::string QVDAVMultistatus::pathOfHref(const std::string& href) {
 }
 
 std::optional<std::vector<QVVersionEntry>> QVDAVMultistatus::membersInReply(const std::string& reply,
-                                                                           const std::string& requestURL) {
+                                                                            const std::string& requestURL) {
   auto document = QVXMLDocument::documentWithData(reply);
   if (!document || !isDAV(document->rootElement(), "multistatus")) return std::nullopt;
   const std::string requested = pathOfHref(requestURL);
@@ -89,7 +89,7 @@ std::optional<std::vector<QVVersionEntry>> QVDAVMultistatus::membersInReply(cons
 }
 
 std::optional<std::vector<std::string>> QVDAVMultistatus::collectionNamesInReply(const std::string& reply,
-                                                                                const std::string& requestURL) {
+                                                                                 const std::string& requestURL) {
   auto members = membersInReply(reply, requestURL);
   if (!members) return std::nullopt;
   std::vector<std::string> names;

@@ -217,9 +217,12 @@ std::vector<QVFTPListingEntry> QVFTPBackupTarget::parseDirectoryListing(const st
   entries.reserve(lines.size());
   for (const std::string& line : lines) {
     bool isDirectory;
-    if (line.starts_with("d")) isDirectory = true;
-    else if (line.starts_with("-")) isDirectory = false;
-    else continue;  // links, "total" lines and anything else
+    if (line.starts_with("d"))
+      isDirectory = true;
+    else if (line.starts_with("-"))
+      isDirectory = false;
+    else
+      continue;  // links, "total" lines and anything else
     // permissions, links, owner, group, size, month, day, time or year: the name follows the eighth
     // field's end, with everything after it, spaces included.
     std::string name;
@@ -322,7 +325,8 @@ int QVFTPBackupTarget::uploadFile(const std::string& path, std::uint64_t size, c
 
 std::string QVFTPBackupTarget::errorStringForCode(int code) const {
   if (code == CURLE_OPERATION_TIMEDOUT)
-    return qv::stringWithFormat(QVLocalizedString("Could not connect to server %@", this), {curlUrlPrefixWithoutPath()});
+    return qv::stringWithFormat(QVLocalizedString("Could not connect to server %@", this),
+                                {curlUrlPrefixWithoutPath()});
   return curl_easy_strerror(static_cast<CURLcode>(code));
 }
 
@@ -368,8 +372,8 @@ bool QVFTPBackupTarget::backupItem(const std::string& path, const QVGroup& ofGro
   bool reportPath = true;
   if (lastCode > CURLE_URL_MALFORMAT) {
     m_curlCodeError = lastCode;
-    qv::debugLog("targets.ftp", "connection check of " + curlUrlPrefixWithoutPath() + " failed: " +
-                                    std::to_string(lastCode));
+    qv::debugLog("targets.ftp",
+                 "connection check of " + curlUrlPrefixWithoutPath() + " failed: " + std::to_string(lastCode));
   } else {
     std::string url = curlUrlPrefix();
     url = qv::urlStringByAppendingPathComponent(url, nameForGroup(ofGroup));
@@ -475,8 +479,8 @@ bool QVFTPBackupTarget::readFileOfVersion(const QVGroup& group, const std::strin
   CURL* curl = m_curl->handle;
   int result = CURLE_FAILED_INIT;
   if (curl) {
-    const std::string url =
-        curlUrlPrefixWithoutPath() + pathWithReplacingInvalidCharactersInPath(versionPath(group, version, relativePath));
+    const std::string url = curlUrlPrefixWithoutPath() +
+                            pathWithReplacingInvalidCharactersInPath(versionPath(group, version, relativePath));
     setReadingBack(true);
     curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
     curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, sinkCallback);

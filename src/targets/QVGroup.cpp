@@ -8,7 +8,8 @@ namespace {
 // Moves a stored value that cannot be read as its known type into otherKeys, so it survives a save.
 void keepUnreadable(QVGroup& group, const std::string& key, const QVValue& value, std::vector<std::string>* problems) {
   group.otherKeys[key] = value;
-  if (problems) problems->push_back("group \"" + group.title + "\": unreadable value under \"" + key + "\" kept as stored");
+  if (problems)
+    problems->push_back("group \"" + group.title + "\": unreadable value under \"" + key + "\" kept as stored");
 }
 
 }  // namespace
@@ -23,11 +24,14 @@ QVGroup QVGroup::fromDictionary(const QVDictionary& dictionary, std::vector<std:
     } else if (key == kQVItemsKey && value.array()) {
       QVArray dropped;
       for (const auto& item : *value.array()) {
-        if (item.string()) group.items.push_back(*item.string());
-        else dropped.push_back(item);
+        if (item.string())
+          group.items.push_back(*item.string());
+        else
+          dropped.push_back(item);
       }
       if (!dropped.empty() && problems)
-        problems->push_back("group \"" + group.title + "\": " + std::to_string(dropped.size()) + " item(s) that are not paths were dropped");
+        problems->push_back("group \"" + group.title + "\": " + std::to_string(dropped.size()) +
+                            " item(s) that are not paths were dropped");
     } else if (key == "target" && value.string()) {
       group.target = *value.string();
     } else if (key == "schedule" && value.dictionary()) {
@@ -52,7 +56,8 @@ QVGroup QVGroup::fromDictionary(const QVDictionary& dictionary, std::vector<std:
   }
   if (group.identifier.empty()) {
     group.identifier = qv::stringWithUUID();
-    if (problems) problems->push_back("group \"" + group.title + "\" had no identifier; it was given " + group.identifier);
+    if (problems)
+      problems->push_back("group \"" + group.title + "\" had no identifier; it was given " + group.identifier);
   }
   return group;
 }

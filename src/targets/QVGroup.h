@@ -16,15 +16,15 @@
 #include "platform/QVValue.h"
 
 struct QVGroup {
-  std::string identifier;                          // kQVIdentifierKey
-  std::string title;                               // kQVTitleKey
-  std::vector<std::string> items;                  // kQVItemsKey: absolute paths
-  std::optional<std::string> target;               // "target": a destination identifier, or "nil"
-  std::optional<QVSchedule> schedule;              // "schedule"
-  std::optional<std::uint64_t> versions;           // "versions": how many versions to keep
-  std::optional<std::int64_t> statusCode;          // "statusCode": outcome of the last run
-  std::optional<QVDate> lastBackupDate;            // "lastBackupDate"
-  std::optional<QVDate> lastBackupAttemptDate;     // "lastBackupAttemptDate"
+  std::string identifier;                           // kQVIdentifierKey
+  std::string title;                                // kQVTitleKey
+  std::vector<std::string> items;                   // kQVItemsKey: absolute paths
+  std::optional<std::string> target;                // "target": a destination identifier, or "nil"
+  std::optional<QVSchedule> schedule;               // "schedule"
+  std::optional<std::uint64_t> versions;            // "versions": how many versions to keep
+  std::optional<std::int64_t> statusCode;           // "statusCode": outcome of the last run
+  std::optional<QVDate> lastBackupDate;             // "lastBackupDate"
+  std::optional<QVDate> lastBackupAttemptDate;      // "lastBackupAttemptDate"
   std::optional<std::vector<double>> progressInfo;  // "progressInfo": in memory only
   QVDictionary otherKeys;
 

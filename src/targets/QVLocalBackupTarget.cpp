@@ -6,8 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <system_error>
 #include <vector>
@@ -119,9 +119,9 @@ bool QVLocalBackupTarget::backupItem(const std::string& path, const QVGroup& ofG
   fs::create_directories(entryPath, ec);
   if (ec || !qv::fileExistsAtPath(entryPath)) {
     if (error) {
-      const std::string message =
-          qv::stringWithFormat(QVLocalizedString("You do not have appropriate access privileges to save group %@ in folder %@", this),
-                               {ofGroup.title, qv::lastPathComponent(destination)});
+      const std::string message = qv::stringWithFormat(
+          QVLocalizedString("You do not have appropriate access privileges to save group %@ in folder %@", this),
+          {ofGroup.title, qv::lastPathComponent(destination)});
       *error = errorWithStatusCode(ec ? ec.value() : 0, message, path);
     }
     return false;
@@ -163,7 +163,8 @@ std::optional<std::vector<QVVersionEntry>> QVLocalBackupTarget::contentsOfVersio
     entry.isDirectory = S_ISDIR(info.st_mode);
     entry.size = S_ISREG(info.st_mode) ? static_cast<std::uint64_t>(info.st_size) : 0;
     entry.mode = static_cast<std::uint32_t>(info.st_mode & 07777);
-    entry.modificationTimeNanoseconds = static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+    entry.modificationTimeNanoseconds =
+        static_cast<std::int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
     if (S_ISLNK(info.st_mode)) {
       std::vector<char> target(static_cast<std::size_t>(info.st_size) + 256);
       ssize_t length = ::readlinkat(::dirfd(stream), found->d_name, target.data(), target.size());
@@ -191,14 +192,18 @@ bool QVLocalBackupTarget::readFileOfVersion(const QVGroup& group, const std::str
     }
     ssize_t n = ::read(fd, buffer.data(), buffer.size());
     if (n < 0 && errno == EINTR) continue;
-    if (n < 0) failure = errno;
-    else if (n == 0) break;
-    else if (!sink(buffer.data(), static_cast<std::size_t>(n))) failure = ECANCELED;
+    if (n < 0)
+      failure = errno;
+    else if (n == 0)
+      break;
+    else if (!sink(buffer.data(), static_cast<std::size_t>(n)))
+      failure = ECANCELED;
   }
   if (fd >= 0) ::close(fd);
   if (!failure) return true;
   if (error)
-    *error = errorWithStatusCode(failure == ECANCELED ? -128 : qv::statusCodeForErrno(failure), std::nullopt, relativePath);
+    *error =
+        errorWithStatusCode(failure == ECANCELED ? -128 : qv::statusCodeForErrno(failure), std::nullopt, relativePath);
   return false;
 }
 

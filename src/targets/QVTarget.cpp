@@ -11,7 +11,8 @@ QVTarget QVTarget::fromDictionary(const QVDictionary& dictionary, std::vector<st
   auto unreadable = [&](const std::string& key, const QVValue& value) {
     target.otherKeys[key] = value;
     if (problems)
-      problems->push_back("destination \"" + target.title + "\": unreadable value under \"" + key + "\" kept as stored");
+      problems->push_back("destination \"" + target.title + "\": unreadable value under \"" + key +
+                          "\" kept as stored");
   };
   for (const auto& [key, value] : dictionary) {
     const std::string* s = value.string();
@@ -31,8 +32,10 @@ QVTarget QVTarget::fromDictionary(const QVDictionary& dictionary, std::vector<st
     } else if (key == "port" && s) {
       std::int64_t port = 0;
       auto [end, ec] = std::from_chars(s->data(), s->data() + s->size(), port);
-      if (ec == std::errc() && end == s->data() + s->size()) target.port = port;
-      else unreadable(key, value);
+      if (ec == std::errc() && end == s->data() + s->size())
+        target.port = port;
+      else
+        unreadable(key, value);
     } else if (key == "user" || key == "pass" || key == "notifyHostApp") {
       // Never taken from the preferences: credentials come from the keychain, the flag from a run.
     } else if (key == kQVIdentifierKey || key == kQVTitleKey || key == kQVBackupTargetTypeKey || key == kQVPathKey ||

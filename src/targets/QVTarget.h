@@ -17,16 +17,16 @@ inline constexpr const char* kQVBackupTargetTypeKey = "type";
 inline constexpr const char* kQVTargetIsDefaultKey = "isDefault";
 
 struct QVTarget {
-  std::string identifier;               // kQVIdentifierKey
-  std::string title;                    // kQVTitleKey
-  std::string type;                     // kQVBackupTargetTypeKey: "local", "ftp", "ftps" or "dav"
-  std::string path;                     // kQVPathKey
-  std::optional<bool> isDefault;        // kQVTargetIsDefaultKey: its presence alone marks a default seen
-  std::optional<std::string> server;    // "server"
-  std::optional<std::int64_t> port;     // "port" (stored as a number or its text)
-  std::optional<std::string> user;      // "user": in memory only
-  std::optional<std::string> pass;      // "pass": in memory only
-  std::optional<bool> notifyHostApp;    // "notifyHostApp": a destination object's own options only
+  std::string identifier;             // kQVIdentifierKey
+  std::string title;                  // kQVTitleKey
+  std::string type;                   // kQVBackupTargetTypeKey: "local", "ftp", "ftps" or "dav"
+  std::string path;                   // kQVPathKey
+  std::optional<bool> isDefault;      // kQVTargetIsDefaultKey: its presence alone marks a default seen
+  std::optional<std::string> server;  // "server"
+  std::optional<std::int64_t> port;   // "port" (stored as a number or its text)
+  std::optional<std::string> user;    // "user": in memory only
+  std::optional<std::string> pass;    // "pass": in memory only
+  std::optional<bool> notifyHostApp;  // "notifyHostApp": a destination object's own options only
   QVDictionary otherKeys;
 
   // Reads a stored record; repairs and unreadable values are described in *problems.

@@ -70,9 +70,12 @@ QVWebDAVBackupTarget::QVWebDAVBackupTarget(const QVTarget& options)
   if (!m_user.empty() && !pass.empty()) {
     if (hasScheme(m_baseURL, "http://") && !allowsPlainHTTP(options) && m_refusal.empty())
       m_refusal = "the destination \"" + options.title + "\" would send its password over plain http:// to " +
-                  m_server + ", where anyone on the network can read it; use https://, or allow it with "
-                  "\"stellwin-backup target set " + options.title + " --allow-plain-http\"";
-    else m_session->setCredentialsForChallenge(m_user, pass);
+                  m_server +
+                  ", where anyone on the network can read it; use https://, or allow it with "
+                  "\"stellwin-backup target set " +
+                  options.title + " --allow-plain-http\"";
+    else
+      m_session->setCredentialsForChallenge(m_user, pass);
   }
   m_session->setCancellationCheck([this] { return isCancelled(); });
   m_errorString = m_refusal;
@@ -98,13 +101,15 @@ void QVWebDAVBackupTarget::failTransport(const QVURLError& error) {
     m_errorString = "cancelled";
     return;
   }
-  const std::string trust = "; if the server uses a certificate of its own (self-signed) or of a private "
-                            "certificate authority, trust it for this destination alone with \"stellwin-backup "
-                            "target set " + m_options.title + " --ca-file CERTIFICATE.pem\"";
+  const std::string trust =
+      "; if the server uses a certificate of its own (self-signed) or of a private "
+      "certificate authority, trust it for this destination alone with \"stellwin-backup "
+      "target set " +
+      m_options.title + " --ca-file CERTIFICATE.pem\"";
   switch (error.kind) {
     case QVURLError::Kind::untrustedCertificate:
-      m_errorString = "the certificate of the server " + m_server + " is not trusted (" +
-                      error.localizedDescription + ")" + trust;
+      m_errorString =
+          "the certificate of the server " + m_server + " is not trusted (" + error.localizedDescription + ")" + trust;
       break;
     case QVURLError::Kind::wrongHostName:
       m_errorString = "the certificate of the server " + m_server + " is made out for another host name (" +
@@ -134,11 +139,12 @@ std::int64_t QVWebDAVBackupTarget::send(const std::string& method, const std::st
   std::int64_t status = 0;
   QVURLError error;
   std::string page;
-  const bool sent =
-      sink ? m_session->sendSynchronousRequest(method, url, method == "PROPFIND" ? kPropfindHeaders : QVURLSession::QVHeaders{},
-                                               &status, sink, &page, &error)
-           : m_session->sendSynchronousRequest(method, url, method == "PROPFIND" ? kPropfindHeaders : QVURLSession::QVHeaders{},
-                                               &status, reply ? reply : &page, &error);
+  const bool sent = sink ? m_session->sendSynchronousRequest(
+                               method, url, method == "PROPFIND" ? kPropfindHeaders : QVURLSession::QVHeaders{},
+                               &status, sink, &page, &error)
+                         : m_session->sendSynchronousRequest(
+                               method, url, method == "PROPFIND" ? kPropfindHeaders : QVURLSession::QVHeaders{},
+                               &status, reply ? reply : &page, &error);
   if (sent) return status;
   failTransport(error);
   return 0;
@@ -149,13 +155,12 @@ bool QVWebDAVBackupTarget::acceptStatus(std::int64_t status, const std::string& 
   if (status == 0) return false;  // failTransport said why
   const std::string reason = "(" + std::to_string(status) + " " + qv::localizedStringForStatusCode(status) + ")";
   if (status == 401) {
-    m_errorString = m_user.empty()
-                        ? "the server " + m_server + " asks for a user name and password " + reason +
-                              "; give them with \"stellwin-backup target set " + m_options.title +
-                              " --user USER --password-stdin\""
-                        : "the server " + m_server + " refused the password of user \"" + m_user + "\" " + reason +
-                              "; give the right one with \"stellwin-backup target set " + m_options.title +
-                              " --user " + m_user + " --password-stdin\"";
+    m_errorString = m_user.empty() ? "the server " + m_server + " asks for a user name and password " + reason +
+                                         "; give them with \"stellwin-backup target set " + m_options.title +
+                                         " --user USER --password-stdin\""
+                                   : "the server " + m_server + " refused the password of user \"" + m_user + "\" " +
+                                         reason + "; give the right one with \"stellwin-backup target set " +
+                                         m_options.title + " --user " + m_user + " --password-stdin\"";
     m_unavailable = true;
   } else if (status == 507) {
     m_errorString = "the server " + m_server + " has no room left " + reason;
@@ -185,11 +190,15 @@ std::optional<std::vector<std::string>> QVWebDAVBackupTarget::entriesInDirectory
   m_lastListing.reset();
   std::optional<std::vector<QVVersionEntry>> members;
   // A group folder that is not there yet holds nothing: seen, and empty.
-  if (status == 404) members.emplace();
-  else if (status / 100 == 2) members = QVDAVMultistatus::membersInReply(reply, url);
+  if (status == 404)
+    members.emplace();
+  else if (status / 100 == 2)
+    members = QVDAVMultistatus::membersInReply(reply, url);
   if (!members) {
-    if (status / 100 == 2) m_errorString = "the server " + m_server + " answered the listing with a reply that is not a WebDAV listing";
-    else acceptStatus(status, "the listing");
+    if (status / 100 == 2)
+      m_errorString = "the server " + m_server + " answered the listing with a reply that is not a WebDAV listing";
+    else
+      acceptStatus(status, "the listing");
     noteForRun("the listing of the group's folder on " + m_server + " failed (" + m_errorString +
                "), so no version was removed");
     return std::nullopt;
@@ -204,11 +213,12 @@ std::optional<std::vector<std::string>> QVWebDAVBackupTarget::entriesInDirectory
 }
 
 bool QVWebDAVBackupTarget::removeEntry(const std::string& entry, const QVGroup& forItem) {
-  const std::int64_t status =
-      send("DELETE", groupURL(forItem) + pathWithReplacingInvalidCharactersInPath(entry) + "/");
+  const std::int64_t status = send("DELETE", groupURL(forItem) + pathWithReplacingInvalidCharactersInPath(entry) + "/");
   const bool removed = (status >= 200 && status <= 299) || status == 404;
-  if (removed) m_removedEntries.push_back(entry);
-  else acceptStatus(status, "to remove " + entry);
+  if (removed)
+    m_removedEntries.push_back(entry);
+  else
+    acceptStatus(status, "to remove " + entry);
   return removed;
 }
 
@@ -221,7 +231,8 @@ void QVWebDAVBackupTarget::removeRootEntryForGroup(const QVGroup& group) {
       });
   if (!seenEmpty) {
     if (!m_lastListing)
-      noteForRun("the group's folder on " + m_server + " was left as it is: no listing of it worked, so what it "
+      noteForRun("the group's folder on " + m_server +
+                 " was left as it is: no listing of it worked, so what it "
                  "holds is not known");
     return;
   }
@@ -287,7 +298,7 @@ bool QVWebDAVBackupTarget::backupItem(const std::string& path, const QVGroup& of
     qv::fileExistsAtPath(path, &isDirectory);
     const std::string itemURL =
         qv::urlStringByAppendingPathComponent(version, pathWithReplacingInvalidCharactersInPath(withName));
-    bool failed = false;        // a request failed for another reason than a refused name
+    bool failed = false;  // a request failed for another reason than a refused name
     bool anyRefused = false;
     std::vector<std::string> refusedFolders;  // relative paths whose content is not sent
     // One entry: true when it arrived or its name was refused (and noted).
@@ -315,8 +326,8 @@ bool QVWebDAVBackupTarget::backupItem(const std::string& path, const QVGroup& of
         // The server refuses this name (Nextcloud: ".part"; others ":" or "\"): named, and the rest goes on.
         anyRefused = true;
         if (entryIsDirectory) refusedFolders.push_back(relative + "/");
-        noteForRun("not backed up: " + localPath + " (the server " + m_server + " refused it: " +
-                   std::to_string(status) + " " + qv::localizedStringForStatusCode(status) + ")");
+        noteForRun("not backed up: " + localPath + " (the server " + m_server +
+                   " refused it: " + std::to_string(status) + " " + qv::localizedStringForStatusCode(status) + ")");
         return;
       }
       acceptStatus(status, "the upload of " + localPath);
@@ -333,8 +344,9 @@ bool QVWebDAVBackupTarget::backupItem(const std::string& path, const QVGroup& of
             if (isCancelled() || !isAvailable()) return false;
             for (const auto& folder : refusedFolders)
               if (relative.rfind(folder, 0) == 0) return true;  // inside a folder the server refused
-            sendEntry(qv::stringByAppendingPathComponent(path, relative), relative,
-                      qv::urlStringByAppendingPathComponent(itemURL, pathWithReplacingInvalidCharactersInPath(relative)));
+            sendEntry(
+                qv::stringByAppendingPathComponent(path, relative), relative,
+                qv::urlStringByAppendingPathComponent(itemURL, pathWithReplacingInvalidCharactersInPath(relative)));
             return true;
           },
           [&](const std::string& relative) { noteLeftOut({qv::stringByAppendingPathComponent(path, relative)}); });
@@ -366,11 +378,9 @@ std::optional<std::vector<QVVersionEntry>> QVWebDAVBackupTarget::contentsOfVersi
 }
 
 bool QVWebDAVBackupTarget::readFileOfVersion(const QVGroup& group, const std::string& version,
-                                             const std::string& relativePath, const QVDataSink& sink,
-                                             QVError* error) {
+                                             const std::string& relativePath, const QVDataSink& sink, QVError* error) {
   const std::int64_t status = send("GET", versionURL(group, version, relativePath), nullptr, sink);
   if (acceptStatus(status, "to send " + relativePath)) return true;
-  if (error)
-    *error = errorWithStatusCode(isCancelled() ? -128 : -27, isCancelled() ? "" : m_errorString, relativePath);
+  if (error) *error = errorWithStatusCode(isCancelled() ? -128 : -27, isCancelled() ? "" : m_errorString, relativePath);
   return false;
 }

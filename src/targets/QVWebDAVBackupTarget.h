@@ -103,6 +103,6 @@ class QVWebDAVBackupTarget : public QVBackupTarget, private QVURLConnectionDeleg
   std::uint64_t m_totalSize = 0;
   std::uint64_t m_progressSize = 0;
   std::optional<std::vector<std::string>> m_lastListing;  // every member the last group listing showed
-  std::vector<std::string> m_removedEntries;                // removed since that listing
+  std::vector<std::string> m_removedEntries;              // removed since that listing
   std::unique_ptr<QVURLSession> m_session;
 };

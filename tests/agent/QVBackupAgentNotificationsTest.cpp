@@ -25,7 +25,8 @@ TEST_F(QVBackupAgentNotificationsTest, ShortensManyItemsIntoOneTextAndOnlyTheFir
   // Failures push the group and the suggestion; only the first button shows the groups.
   QVNCTemplate& warning = *agent->ncWarningTemplate();
   EXPECT_EQ(failure.composedText(), "") << "nothing pushed yet";
-  agent->showUserPopupForGroup(group("g1", "Photos"), QVError{"", -36, std::nullopt, "Check the connection", std::nullopt});
+  agent->showUserPopupForGroup(group("g1", "Photos"),
+                               QVError{"", -36, std::nullopt, "Check the connection", std::nullopt});
   EXPECT_EQ(failure.composedText(), "Backup for group failed: Photos - Check the connection");
   agent->showUserPopupForGroup(group("g2", "Music"), QVError{"", 7, std::nullopt, std::nullopt, std::nullopt});
   EXPECT_EQ(failure.composedText(), "Backup for groups failed: Photos - Check the connection, Music - (null)");
@@ -39,10 +40,12 @@ TEST_F(QVBackupAgentNotificationsTest, ShortensManyItemsIntoOneTextAndOnlyTheFir
   warning.buttonClicked(1);  // nothing pushed: nothing to show
   EXPECT_TRUE(host.journal->empty());
   failure.buttonClicked(1);
-  EXPECT_EQ(*host.journal, (qvtest::Journal{"hostAppProxy:QVBackup|QVBackupAgentDelegate", "host.showGroupsWithIDs:g1,g2,g3"}));
+  EXPECT_EQ(*host.journal,
+            (qvtest::Journal{"hostAppProxy:QVBackup|QVBackupAgentDelegate", "host.showGroupsWithIDs:g1,g2,g3"}));
 
   EXPECT_EQ(warning.maxNumberOfVisibleItems(), 1);
-  EXPECT_EQ(warning.singleMessageTemplate(), "Backup for group %@ was successful with warning: Some items are missing.");
+  EXPECT_EQ(warning.singleMessageTemplate(),
+            "Backup for group %@ was successful with warning: Some items are missing.");
   EXPECT_EQ(warning.multiMessageTemplate(), "");
   const auto& shown = warning.notification();
   EXPECT_EQ(std::tie(shown.icon, shown.button1Text, shown.button2Text),
@@ -52,5 +55,6 @@ TEST_F(QVBackupAgentNotificationsTest, ShortensManyItemsIntoOneTextAndOnlyTheFir
   // Two warnings are more than the warning template shows at once.
   agent->showWarningPopupForGroup(group("a", "Photos"));
   agent->showWarningPopupForGroup(group("b", "Music"));
-  EXPECT_EQ(warning.composedText(), "Backup for group Photos and 1 others was successful with warning: Some items are missing.");
+  EXPECT_EQ(warning.composedText(),
+            "Backup for group Photos and 1 others was successful with warning: Some items are missing.");
 }

@@ -102,7 +102,8 @@ TEST_F(QVBackupAgentPrefsTest, LoadsOlderAndDamagedRecordsAndKeepsWhatItDoesNotO
   EXPECT_EQ(valueIn(storedGroup, "labelColor"), QVValue("blue"));
   EXPECT_EQ(valueIn(valueIn(storedGroup, "schedule").dictionary(), "timeZone"), QVValue("Europe/Berlin"));
   EXPECT_EQ(valueIn(storedRecord(stored, "targets", "T1"), "volumeUUID"), QVValue("8C1F-22AA"));
-  EXPECT_NE(qvtest::readFile(env.preferencesPath()).find("QVOtherPlugin"), std::string::npos) << "other owners' keys stay";
+  EXPECT_NE(qvtest::readFile(env.preferencesPath()).find("QVOtherPlugin"), std::string::npos)
+      << "other owners' keys stay";
   EXPECT_EQ(valueIn(storedRecord(stored, "groups", "G1"), "versions"), QVValue("three"));
   EXPECT_EQ(valueIn(storedRecord(stored, "groups", "G1"), "schedule"), QVValue("daily"));
   EXPECT_TRUE(storedRecord(stored, "targets", givenID)) << "the identifier given on load is kept";

@@ -12,7 +12,9 @@ using qvtest::Journal;
 using qvtest::storedRecord;
 using qvtest::storedValue;
 
-QVSchedule dailyAt(int hour) { return QVSchedule::fromDictionary({{"period", "daily"}, {"hour", hour}, {"minute", 0}}); }
+QVSchedule dailyAt(int hour) {
+  return QVSchedule::fromDictionary({{"period", "daily"}, {"hour", hour}, {"minute", 0}});
+}
 
 bool storedItemsAre(const QVDictionary& store, const std::string& groupID, const std::string& onlyItem) {
   return storedValue(store, "groups", groupID, "items") == QVValue(QVArray{onlyItem});
@@ -87,28 +89,50 @@ TEST_F(QVBackupAgentRegistryTest, EachChangeSavesWritesAndTellsInItsOwnOrder) {
     std::function<bool(Store)> holds;  // whether a store holds the change
   };
   const std::vector<Change> changes = {
-      {[&] { agent->addItemsAtPaths({m_b}, "New"); }, {"delegate.groupDidChange:New", "setBackupGroupsCount:3"}, true,
-       true, [&](Store s) { return storedItemsAre(s, groupNamed("New")->identifier, m_b); }},
-      {[&] { agent->removeItemsWithPaths({m_b, m_ab, env.root() + "/never added"}, docs); },
-       {"delegate.groupDidChange:Docs"}, true, true, [&](Store s) { return storedItemsAre(s, docs, m_d); }},
-      {[&] { agent->removeGroupWithID(photos); }, {"delegate.groupWithIDDidRemoved:" + photos, "setBackupGroupsCount:2"},
-       true, false, [&](Store s) { return !storedRecord(s, "groups", photos); }},
+      {[&] { agent->addItemsAtPaths({m_b}, "New"); },
+       {"delegate.groupDidChange:New", "setBackupGroupsCount:3"},
+       true,
+       true,
+       [&](Store s) { return storedItemsAre(s, groupNamed("New")->identifier, m_b); }},
+      {[&] {
+         agent->removeItemsWithPaths({m_b, m_ab, env.root() + "/never added"}, docs);
+       },
+       {"delegate.groupDidChange:Docs"},
+       true,
+       true,
+       [&](Store s) { return storedItemsAre(s, docs, m_d); }},
+      {[&] { agent->removeGroupWithID(photos); },
+       {"delegate.groupWithIDDidRemoved:" + photos, "setBackupGroupsCount:2"},
+       true,
+       false,
+       [&](Store s) { return !storedRecord(s, "groups", photos); }},
       {[&] { agent->createTargetWithDictionary(qvtest::davTarget("D1", "Office NAS", "alice", "pw")); },
-       {"delegate.targetDidChange:Office NAS"}, true, false,
+       {"delegate.targetDidChange:Office NAS"},
+       true,
+       false,
        [](Store s) { return storedValue(s, "targets", "D1", "port") == QVValue(8443); }},
       // Unknown identifiers: nothing for destinations; items and groups are told of, saved and written.
       {[&] {
          agent->removeTargetWithID("no-such-target");
          agent->updateTarget(qvtest::davTarget("no-such-target", "Stranger"));
        },
-       {}, false, false,
+       {},
+       false,
+       false,
        [&](Store s) { return !storedRecord(s, "targets", "no-such-target") && agent->targets().size() == 2; }},
       // A destination record is copied.
-      {[&] { agent->updateTarget(target), target.title = "Changed afterwards"; }, {}, false, false, [&](Store s) {
+      {[&] { agent->updateTarget(target), target.title = "Changed afterwards"; },
+       {},
+       false,
+       false,
+       [&](Store s) {
          return storedValue(s, "targets", local, "title") == QVValue("This Computer") &&
                 agent->targetWithIdentifier(local)->title == "This Computer";
        }},
-      {[&] { agent->removeItemsWithPaths({m_d}, "no-such-group"); }, {"delegate.groupDidChange:<none>"}, true, true,
+      {[&] { agent->removeItemsWithPaths({m_d}, "no-such-group"); },
+       {"delegate.groupDidChange:<none>"},
+       true,
+       true,
        [&](Store s) { return storedItemsAre(s, docs, m_d); }},
       // The group record itself takes the stored one's place.
       {[&] {
@@ -116,15 +140,24 @@ TEST_F(QVBackupAgentRegistryTest, EachChangeSavesWritesAndTellsInItsOwnOrder) {
          renamed->title = "Documents";
          agent->updateGroup(renamed);
        },
-       {}, false, false, [&](Store s) {
+       {},
+       false,
+       false,
+       [&](Store s) {
          return storedValue(s, "groups", docs, "title") == QVValue("Documents") &&
                 agent->groupWithIdentifier(docs) == renamed;
        }},
       {[&] { agent->removeGroupWithID("no-such-group"); },
-       {"delegate.groupWithIDDidRemoved:no-such-group", "setBackupGroupsCount:2"}, true, true,
+       {"delegate.groupWithIDDidRemoved:no-such-group", "setBackupGroupsCount:2"},
+       true,
+       true,
        [&](Store s) { return storedValue(s, "groups", docs, "title") == QVValue("Documents"); }},
       // Removing a destination leaves its groups pointing at it.
-      {[&] { agent->removeTargetWithID(local); }, {}, true, false, [&](Store s) {
+      {[&] { agent->removeTargetWithID(local); },
+       {},
+       true,
+       false,
+       [&](Store s) {
          return !storedRecord(s, "targets", local) && storedValue(s, "groups", docs, "target") == QVValue(local);
        }}};
   for (std::size_t i = 0; i < changes.size(); ++i) {

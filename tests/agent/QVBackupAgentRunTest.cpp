@@ -134,8 +134,9 @@ TEST_F(QVBackupAgentRunTest, AnEmptyGroupIsSilentForTheHostAndRetriedForATimer) 
 
   const QVDate before = std::chrono::system_clock::now();
   agent->backupGroupWithID(group->identifier, false);  // a timer or the menu asks
-  EXPECT_EQ(*host.journal, (Lines{"delegate.backupDidEndForGroup:Empty", "removeNotificationWithTag:" + group->identifier,
-                                  "showNotification:Unable to backup group Empty. The group is empty."}));
+  EXPECT_EQ(*host.journal,
+            (Lines{"delegate.backupDidEndForGroup:Empty", "removeNotificationWithTag:" + group->identifier,
+                   "showNotification:Unable to backup group Empty. The group is empty."}));
   ASSERT_EQ(host.shownNotifications.size(), 1u);
   const QVNotification& shown = host.shownNotifications[0];
   EXPECT_EQ(std::tie(shown.tag, shown.button1Text, shown.button2Text),
@@ -165,16 +166,20 @@ TEST_F(QVBackupAgentRunTest, ProgressReachesTheMenuAsAWholePercentage) {
 
 TEST(QVBackupAgentRunNames, VersionAndItemNames) {
   // Names that are versions, the new one's too: the pruning test above.
-  for (const char* name : {"notes.backup", "2024.backup", "20241305143007.backup", "20240230120000.backup",
-                           "20240105143007.backup.tmp", "2024010514300x.backup", "20240105143007.backu",
-                           "120240105143007.backup", "20240105246007.backup"})
+  for (const char* name :
+       {"notes.backup", "2024.backup", "20241305143007.backup", "20240230120000.backup", "20240105143007.backup.tmp",
+        "2024010514300x.backup", "20240105143007.backu", "120240105143007.backup", "20240105246007.backup"})
     EXPECT_FALSE(qv::isVersionName(name)) << name;
 
   // Made unique before the extension; a name taken by an earlier rename is stepped over.
   Lines used;
-  const std::vector<std::pair<std::string, std::string>> items = {
-      {"/x/notes.txt", "notes.txt"}, {"/y/notes.txt", "notes-1.txt"}, {"/z/notes.txt", "notes-2.txt"},
-      {"/a/Documents", "Documents"}, {"/b/Documents/", "Documents-1"}, {"/a/archive.tar.gz", "archive.tar.gz"},
-      {"/b/archive.tar.gz", "archive.tar-1.gz"}, {"/c/notes-1.txt", "notes-1-1.txt"}};
+  const std::vector<std::pair<std::string, std::string>> items = {{"/x/notes.txt", "notes.txt"},
+                                                                  {"/y/notes.txt", "notes-1.txt"},
+                                                                  {"/z/notes.txt", "notes-2.txt"},
+                                                                  {"/a/Documents", "Documents"},
+                                                                  {"/b/Documents/", "Documents-1"},
+                                                                  {"/a/archive.tar.gz", "archive.tar.gz"},
+                                                                  {"/b/archive.tar.gz", "archive.tar-1.gz"},
+                                                                  {"/c/notes-1.txt", "notes-1-1.txt"}};
   for (const auto& [path, name] : items) EXPECT_EQ(qv::uniqueItemName(path, used), name) << path;
 }

@@ -20,8 +20,8 @@ class QVBackupAgentSchedulingTest : public qvtest::AgentTest {
   void start(const std::vector<std::tuple<std::string, QVDictionary, std::optional<QVDate>>>& groups) {
     QVArray stored;
     for (const auto& [id, schedule, lastAttempt] : groups) {
-      QVDictionary group = {{"id", id}, {"title", id}, {"items", QVArray{makeFile("source.txt")}}, {"target", "T"},
-                            {"schedule", schedule}, {"versions", 3}};
+      QVDictionary group = {{"id", id},      {"title", id},          {"items", QVArray{makeFile("source.txt")}},
+                            {"target", "T"}, {"schedule", schedule}, {"versions", 3}};
       if (lastAttempt) group["lastBackupAttemptDate"] = *lastAttempt;
       stored.emplace_back(group);
     }
@@ -38,7 +38,9 @@ class QVBackupAgentSchedulingTest : public qvtest::AgentTest {
 // Which groups get a timer at start and on wake, for the program: QVDaemonCommandTest.
 TEST_F(QVBackupAgentSchedulingTest, ArmsOneTimerPerScheduledGroupWithOrWithoutTheCap) {
   const QVDate start = now();
-  this->start({{"manual", manual(), std::nullopt}, {"daily", daily(), start}, {"never-run", daily(), std::nullopt},
+  this->start({{"manual", manual(), std::nullopt},
+               {"daily", daily(), start},
+               {"never-run", daily(), std::nullopt},
                {"past", daily(), start - 72h}});
   agent->setupTimers();
   agent->setupTimers();

@@ -33,7 +33,8 @@ TEST_F(QVBackupCommandTest, CopiesAGroupIntoANewVersionAtTheDefaultDestination) 
   EXPECT_EQ(versions[0]["partial"], false);
   const std::string name = versions[0]["name"], version = backups() + "/Photos/" + name;
   EXPECT_TRUE(result.out.starts_with("Photos: complete, 2 files, 293 KiB in ") &&
-              result.out.ends_with(" s, version " + name + "\n")) << result.out;
+              result.out.ends_with(" s, version " + name + "\n"))
+      << result.out;
   EXPECT_EQ(readFile(version + "/Sommer Ä.jpg"), std::string(300000, 'p'));
   EXPECT_TRUE(std::filesystem::exists(version + "/leer"));
   const json group = show("Photos");
@@ -44,8 +45,14 @@ TEST_F(QVBackupCommandTest, CopiesAGroupIntoANewVersionAtTheDefaultDestination) 
   const json runs = runJSON({"log", "Photos", "--json"});
   ASSERT_EQ(runs.size(), 1u) << runs;
   EXPECT_EQ(versions[0]["groupID"], group["groupID"]);
-  const json expected = {{"groupID", group["groupID"]}, {"groupTitle", "Photos"}, {"version", name}, {"outcome", "complete"},
-                         {"statusCode", 0},      {"items", 2},        {"files", 2},         {"bytes", 300000},
+  const json expected = {{"groupID", group["groupID"]},
+                         {"groupTitle", "Photos"},
+                         {"version", name},
+                         {"outcome", "complete"},
+                         {"statusCode", 0},
+                         {"items", 2},
+                         {"files", 2},
+                         {"bytes", 300000},
                          {"leftOutCount", 0}};
   for (const auto& [key, value] : expected.items()) EXPECT_EQ(runs[0][key], value) << key;
   EXPECT_LE(runs[0]["started"], runs[0]["ended"]);
@@ -70,7 +77,8 @@ TEST_F(QVBackupCommandTest, ReportsMissingItemsEmptyGroupsAndDestinationsThatAre
   outcomes[0].erase("version");
   EXPECT_EQ(outcomes, json::parse(R"([
       {"groupTitle": "Mixed", "outcome": "complete with missing items", "statusCode": 0, "message": null, "items": 2,
-       "files": 1, "bytes": 4, "leftOutCount": 0, "leftOut": [], "missingItems": [")" + lost + R"("], "failedItems": [],
+       "files": 1, "bytes": 4, "leftOutCount": 0, "leftOut": [], "missingItems": [")" +
+                                  lost + R"("], "failedItems": [],
        "versionsUnreadable": false, "passedOver": [], "notes": []},
       {"groupTitle": "Hollow", "outcome": "empty", "statusCode": null, "message": "the group is empty; nothing to back up",
        "version": null, "items": 0, "files": 0, "bytes": 0, "leftOutCount": 0, "leftOut": [], "missingItems": [],
@@ -78,7 +86,8 @@ TEST_F(QVBackupCommandTest, ReportsMissingItemsEmptyGroupsAndDestinationsThatAre
   EXPECT_NE(result.err.find("group \"Hollow\" is empty; nothing to back up"), std::string::npos) << result.err;
   result = runProgram({"backup", "Mixed"});
   EXPECT_TRUE(result.out.starts_with("Mixed: complete with missing items, 1 file, 4 bytes in ") &&
-              result.out.ends_with(".backup\n  missing item: " + lost + "\n")) << result.out;
+              result.out.ends_with(".backup\n  missing item: " + lost + "\n"))
+      << result.out;
 
   // The destination's folder deleted: its message, once on each stream.
   runJSON({"group", "remove-items", "Mixed", lost});
@@ -104,7 +113,8 @@ TEST_F(QVBackupCommandTest, NeverCopiesADestinationIntoItsOwnVersions) {
   makeFile("notes.txt", std::string(5000, 'n'));
   const ProgramResult added = runProgram({"group", "add", "Home", m_env.home()});
   EXPECT_NE(added.out.find("will be passed over (a backup destination or this program's own folder): " + backups()),
-            std::string::npos) << added.out;
+            std::string::npos)
+      << added.out;
   const std::string passed = "  passed over (a backup destination or this program's own folder): " + backups() + "\n";
   for (int run = 0; run < 4; ++run) {
     const std::string out = runProgram({"backup", "Home"}).out;
@@ -140,14 +150,15 @@ TEST_F(QVBackupCommandTest, DrawsARisingProgressBarUntilAnInterruptCancelsTheRun
   readPercents();
   EXPECT_TRUE(std::is_sorted(percents.begin(), percents.end())) << result.out;
   EXPECT_TRUE(result.out.ends_with("\033[J\033[33mBig: cancelled\033[0m\r\n")) << "the bar erased for the outcome:\n"
-                                                                                << result.out;
+                                                                               << result.out;
 
   // The version it leaves is partial, until a complete one stands.
   const std::string partial = versionsIn("Big").at(0);
   EXPECT_TRUE(partial.ends_with(".partial")) << partial;
   EXPECT_EQ(runProgram({"versions", "Big"}).out, partial + "  (partial)\n");
-  EXPECT_EQ(json({runJSON({"versions", "Big", "--json"})[0]["name"], runJSON({"versions", "Big", "--json"})[0]["partial"]}),
-            json({partial, true}));
+  EXPECT_EQ(
+      json({runJSON({"versions", "Big", "--json"})[0]["name"], runJSON({"versions", "Big", "--json"})[0]["partial"]}),
+      json({partial, true}));
   std::filesystem::resize_file(m_env.home() + "/big.bin", 1000);
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));  // versions are named by the second
   ASSERT_EQ(runProgram({"backup", "Big"}).status, 0);
@@ -155,7 +166,8 @@ TEST_F(QVBackupCommandTest, DrawsARisingProgressBarUntilAnInterruptCancelsTheRun
   const std::string complete = versionsIn("Big").at(0);
   const json runs = runJSON({"log", "Big", "--json"});
   EXPECT_EQ(json({runs[0]["version"], runs[1]["outcome"], runs[1]["statusCode"], runs[1]["version"]}),
-            json({complete, "cancelled", -128, partial})) << runs;
+            json({complete, "cancelled", -128, partial}))
+      << runs;
 }
 
 // Three runs cancelled after the last complete one: restore and verify pass them over, and the next complete run
@@ -174,10 +186,12 @@ TEST_F(QVBackupCommandTest, KeepsCompleteVersionsWhateverRunsAreCancelled) {
   for (int run = 0; run < 3; ++run) {
     const std::size_t before = versionsIn("Big").size();
     RunningProgram program({"backup", "Big"});
-    ASSERT_TRUE(program.waitFor([&] {
-      const auto names = versionsIn("Big");
-      return names.size() > before && std::filesystem::exists(backups() + "/Big/" + names.back() + "/big.bin");
-    }, std::chrono::seconds(60)));
+    ASSERT_TRUE(program.waitFor(
+        [&] {
+          const auto names = versionsIn("Big");
+          return names.size() > before && std::filesystem::exists(backups() + "/Big/" + names.back() + "/big.bin");
+        },
+        std::chrono::seconds(60)));
     kill(program.pid, SIGINT);
     ASSERT_EQ(program.finish().status, 130) << program.out;
   }
@@ -210,7 +224,8 @@ TEST_F(QVBackupCommandTest, SaysWhenNoDaemonRunsAndAnswersWhileAnotherProcessBac
   runJSON({"group", "set", "Big", "--schedule", "daily@03:00"});
   for (const char* command : {"status", "group list", "group show Big"})
     EXPECT_NE(runProgram(split(command)).out.find("No daemon is running, so scheduled backups will not start"),
-              std::string::npos) << command;
+              std::string::npos)
+        << command;
   RunningProgram backup({"backup", "Big"});
   ASSERT_TRUE(backup.waitFor([&] { return copying("Big", "big.bin"); }, std::chrono::seconds(60)));
   const auto asked = std::chrono::steady_clock::now();
@@ -245,16 +260,19 @@ TEST_F(QVBackupCommandTest, NamesTheFilesItCouldNotReadAndLeftOut) {
   for (std::istringstream lines(result.out); std::getline(lines, shown.emplace_back());) continue;
   ASSERT_EQ(shown.size(), 15u) << result.out << result.err;  // the last one empty
   EXPECT_EQ(std::vector(shown.begin(), shown.begin() + 3),
-            (std::vector<std::string>{"Docs: complete, 1 file, 4 bytes in " + shown[0].substr(shown[0].find(" in ") + 4),
-                                      "  not backed up: " + alone + " (You don't have enough permissions to access file Alone.txt)",
-                                      "  14 files could not be read and were left out"}));
-  for (std::size_t i = 3; i < 13; ++i) EXPECT_TRUE(leftOut.count(shown[i].substr(4)) && shown[i].starts_with("    ")) << shown[i];
+            (std::vector<std::string>{
+                "Docs: complete, 1 file, 4 bytes in " + shown[0].substr(shown[0].find(" in ") + 4),
+                "  not backed up: " + alone + " (You don't have enough permissions to access file Alone.txt)",
+                "  14 files could not be read and were left out"}));
+  for (std::size_t i = 3; i < 13; ++i)
+    EXPECT_TRUE(leftOut.count(shown[i].substr(4)) && shown[i].starts_with("    ")) << shown[i];
   EXPECT_EQ(shown[13], "    and 4 more (see --json)");
   EXPECT_EQ(readFile(backups() + "/Docs/" + versionsIn("Docs").at(0) + "/Docs/open.txt"), "open");
 
   std::this_thread::sleep_for(std::chrono::milliseconds(1100));
   const json outcome = json::parse(runProgramAsUser({"backup", "Docs", "--json"}, m_env.root()).out, nullptr, false)[0];
-  EXPECT_EQ(std::pair(outcome["outcome"], outcome["leftOut"].get<std::set<std::string>>()), std::pair(json("complete"), leftOut));
+  EXPECT_EQ(std::pair(outcome["outcome"], outcome["leftOut"].get<std::set<std::string>>()),
+            std::pair(json("complete"), leftOut));
   EXPECT_EQ(outcome["failedItems"].size(), 1u) << outcome;
   EXPECT_EQ(runJSON({"log", "Docs", "--json"})[0]["leftOutCount"], 14);
 }
@@ -262,9 +280,9 @@ TEST_F(QVBackupCommandTest, NamesTheFilesItCouldNotReadAndLeftOut) {
 // Three older versions stand at the destination; what a run keeps depends on the stored "versions".
 TEST_F(QVBackupCommandTest, KeepsEveryVersionWhenTheStoredCountCannotBeRead) {
   const std::vector<std::pair<json, std::size_t>> cases = {
-      {"five", 4}, {-1, 4}, {json(18446744073709551615ull), 4}, {json::object(), 4},
-      {2, 2}, {2.9, 2},  // a fraction reads as its whole part
-      {nullptr, 0}};     // null: no "versions" at all, which removes every version, the new one too
+      {"five", 4},         {-1, 4}, {json(18446744073709551615ull), 4},
+      {json::object(), 4}, {2, 2},  {2.9, 2},  // a fraction reads as its whole part
+      {nullptr, 0}};  // null: no "versions" at all, which removes every version, the new one too
   std::vector<std::string> titles;
   for (std::size_t i = 0; i < cases.size(); ++i) {
     titles.push_back("G" + std::to_string(i));
@@ -272,8 +290,10 @@ TEST_F(QVBackupCommandTest, KeepsEveryVersionWhenTheStoredCountCannotBeRead) {
     for (const char* old : {"20200101000001.backup", "20200101000002.backup", "20200101000003.backup"})
       std::filesystem::create_directories(backups() + "/" + titles.back() + "/" + old);
     editStoredGroup(titles.back(), [&](json& group) {
-      if (cases[i].first.is_null()) group.erase("versions");
-      else group["versions"] = cases[i].first;
+      if (cases[i].first.is_null())
+        group.erase("versions");
+      else
+        group["versions"] = cases[i].first;
     });
   }
   std::vector<std::string> arguments = {"backup", "--json", "--verbose"};  // the agent's log line too
@@ -307,7 +327,8 @@ TEST_F(QVBackupCommandTest, RefusesToRunAGroupWhoseTitleIsNotAFolderOfItsOwn) {
   for (const auto& group : runJSON({"group", "list", "--json"})) {
     ProgramResult result = runProgram({"backup", group["groupID"]});
     EXPECT_EQ(result.status, 2) << group;
-    EXPECT_NE(result.err.find(group["groupTitle"] == ".." ? "cannot be \".\" or \"..\"" : "has the same title"), std::string::npos);
+    EXPECT_NE(result.err.find(group["groupTitle"] == ".." ? "cannot be \".\" or \"..\"" : "has the same title"),
+              std::string::npos);
     EXPECT_EQ(readFile(m_env.preferencesPath()), before);
   }
   EXPECT_EQ(std::distance(std::filesystem::recursive_directory_iterator(m_env.home() + "/Documents"), {}), 1);
@@ -349,7 +370,8 @@ TEST_F(QVBackupCommandTest, KeepsBackingUpWhateverBecomesOfTheJournal) {
     const json runs = runJSON({"log", "Notes", "--json"});  // newest first
     ASSERT_EQ(runs.size(), 2u) << runs;
     EXPECT_EQ(json({runs[0]["outcome"], runs[1]["statusCode"]}), json({"complete", -36}));
-    EXPECT_EQ(std::pair(std::filesystem::exists(journal + ".1"), std::filesystem::file_size(journal) < 4096), std::pair(rotated, true));
+    EXPECT_EQ(std::pair(std::filesystem::exists(journal + ".1"), std::filesystem::file_size(journal) < 4096),
+              std::pair(rotated, true));
     EXPECT_EQ(std::filesystem::status(journal).permissions(), std::filesystem::perms(0600));
     EXPECT_EQ(std::filesystem::status(m_env.root() + "/state/stellwin").permissions(), std::filesystem::perms(0700));
   }

@@ -1,8 +1,8 @@
 // The group, target, versions and menu commands end to end, as a new user would run them.
 #include <iterator>
 #include <regex>
-#include <tuple>
 #include <sstream>
+#include <tuple>
 
 #include "host/QVProgramRunner.h"
 
@@ -16,7 +16,8 @@ class QVCommandLineTest : public HostTest {
  protected:
   json byTitle(const std::string& command, const std::string& title) {
     const char* key = command == "group" ? "groupTitle" : "title";
-    for (const auto& record : runJSON({command, "list", "--json"})) if (record[key] == title) return record;
+    for (const auto& record : runJSON({command, "list", "--json"}))
+      if (record[key] == title) return record;
     return nullptr;
   }
   static Arguments split(const std::string& command) {
@@ -89,14 +90,16 @@ TEST_F(QVCommandLineTest, OffersWhatAOneLetterTypoMeant) {
 TEST_F(QVCommandLineTest, AddsShowsChangesAndRemovesGroups) {
   const std::string notes = makeFile("notes.txt"), photos = makeFile("Bilder/Ürlaub 2024/strand.jpg");
   // Stored absolute and normal; a missing item is left out with a warning.
-  ProgramResult added = runProgram({"group", "add", "Trip", "Bilder/./Ürlaub 2024/", "notes.txt", "gone.txt"}, "",
-                                   m_env.home());
+  ProgramResult added =
+      runProgram({"group", "add", "Trip", "Bilder/./Ürlaub 2024/", "notes.txt", "gone.txt"}, "", m_env.home());
   ASSERT_EQ(added.status, 0) << added.err;
   EXPECT_EQ(added.err, "stellwin-backup: warning: \"" + m_env.home() + "/gone.txt\" does not exist; not added\n");
-  expectFields(runJSON(split("group show Trip --json")),
-               {{"items", {photos.substr(0, photos.rfind('/')), notes}}, {"versions", 3}, {"statusCode", 0},
-                {"schedule", {{"period", "manual"}}}, {"lastBackupDate", nullptr},
-                {"target", byTitle("target", "My Mac")["id"]}});
+  expectFields(runJSON(split("group show Trip --json")), {{"items", {photos.substr(0, photos.rfind('/')), notes}},
+                                                          {"versions", 3},
+                                                          {"statusCode", 0},
+                                                          {"schedule", {{"period", "manual"}}},
+                                                          {"lastBackupDate", nullptr},
+                                                          {"target", byTitle("target", "My Mac")["id"]}});
   EXPECT_EQ(runProgram({"group", "add", "Ghosts", m_env.home() + "/gone.txt"}).status, 1) << "nothing to add";
 
   runJSON(split("group set Trip --versions 0 --yes --schedule daily@09:30 --title Memories"));
@@ -143,44 +146,61 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndAcceptsTheEdges) {
   const std::string ftp = "target add --type ftp --title X --path /x --server h --user bob --password-stdin --port ";
   std::vector<std::pair<Arguments, std::string>> cases;
   for (const auto& [command, message] : std::vector<std::pair<std::string, std::string>>{
-           {"group show Nope", "unknown group \"Nope\""}, {"backup Photos Nope", "unknown group"},
-           {"backup", "GROUP is required"}, {"group set Photos --target Nope", "unknown destination \"Nope\""},
+           {"group show Nope", "unknown group \"Nope\""},
+           {"backup Photos Nope", "unknown group"},
+           {"backup", "GROUP is required"},
+           {"group set Photos --target Nope", "unknown destination \"Nope\""},
            {"target add --type smb --title X --path /x --server h", "unknown destination type \"smb\""},
-           {"group set Photos --versions -1", "from 1 to 100000"}, {"group set B --versions 0", "give --yes"},
-           {"group set B --versions 3.5", "from 1 to 100000"}, {"group set B --versions 100001", "from 1 to 100000"},
-           {"group set B --versions 18446744073709551616", "from 1 to 100000"}, {ftp + "0", "from 1 to 65535"},
+           {"group set Photos --versions -1", "from 1 to 100000"},
+           {"group set B --versions 0", "give --yes"},
+           {"group set B --versions 3.5", "from 1 to 100000"},
+           {"group set B --versions 100001", "from 1 to 100000"},
+           {"group set B --versions 18446744073709551616", "from 1 to 100000"},
+           {ftp + "0", "from 1 to 65535"},
            {ftp + "70000", "from 1 to 65535"},
            {"target add --title X --path /x", "--type is required"},
            {"target add --type dav --title X --path /x", "--server is required"},
            {"group set Twin --versions 2", "2 groups are titled \"Twin\""},
            {"group set Photos --schedule fortnightly", "invalid schedule"},
-           {"group remove-items Photos /not/an/item", "not an item"}, {"no-such-command", "unknown command"},
+           {"group remove-items Photos /not/an/item", "not an item"},
+           {"no-such-command", "unknown command"},
            {"group set B --title A", "a group titled \"A\" exists already"},
            {"group set B --title .", "cannot be \".\" or \"..\""},
            {"target add --type local --title USB --path /x", "titled \"USB\" exists already"}})
     cases.emplace_back(split(command), message);
   // Titles that could not name a folder of their own, or no file at all.
-  const std::string wide = [] { std::string s; for (int i = 0; i < 128; ++i) s += "ä"; return s; }();
-  for (const auto& [title, message] : std::vector<std::pair<std::string, std::string>>{
-           {"", "must not be empty"}, {"..", "cannot be \".\" or \"..\""}, {"x/y", "cannot hold \"/\""},
-           {"line\nfeed", "control characters"}, {"c1\xC2\x85", "control characters"}, {"bad\xFF", "valid UTF-8"},
-           {wide, "at most 255 bytes"}})  // 256 bytes, 128 characters
-    cases.push_back({title.empty() ? Arguments{"group", "set", "B", "--title", ""} : Arguments{"group", "add", title, file},
-                     message});
+  const std::string wide = [] {
+    std::string s;
+    for (int i = 0; i < 128; ++i) s += "ä";
+    return s;
+  }();
+  for (const auto& [title, message] :
+       std::vector<std::pair<std::string, std::string>>{{"", "must not be empty"},
+                                                        {"..", "cannot be \".\" or \"..\""},
+                                                        {"x/y", "cannot hold \"/\""},
+                                                        {"line\nfeed", "control characters"},
+                                                        {"c1\xC2\x85", "control characters"},
+                                                        {"bad\xFF", "valid UTF-8"},
+                                                        {wide, "at most 255 bytes"}})  // 256 bytes, 128 characters
+    cases.push_back(
+        {title.empty() ? Arguments{"group", "set", "B", "--title", ""} : Arguments{"group", "add", title, file},
+         message});
   cases.push_back({{"target", "set", "USB", "--title", "My Mac"}, "titled \"My Mac\" exists already"});
   for (const auto& [arguments, message] : cases) {
     ProgramResult result = runProgram(arguments, "hunter2\n");  // a password none may keep or show
     EXPECT_EQ(result.status, 2) << message;
     EXPECT_TRUE(result.err.starts_with("stellwin-backup: ") && result.err.find('\n') == result.err.size() - 1 &&
                 result.err.find(message) != std::string::npos)
-        << message << "\n" << result.err;
+        << message << "\n"
+        << result.err;
     EXPECT_EQ((result.out + result.err + keychain()).find("hunter2"), std::string::npos);
     EXPECT_EQ(readFile(m_env.preferencesPath()), before) << message;
   }
   // The ambiguous title names the candidates.
   const std::string twin = runProgram({"group", "show", "Twin"}).err;
   for (const auto& group : runJSON({"group", "list", "--json"}))
-    EXPECT_EQ(twin.find(group["groupID"].get<std::string>()) != std::string::npos, group["groupTitle"] == "Twin") << twin;
+    EXPECT_EQ(twin.find(group["groupID"].get<std::string>()) != std::string::npos, group["groupTitle"] == "Twin")
+        << twin;
 
   // The edges that pass: 1 and 100000 versions, 0 with --yes and its warning, 255 bytes, a case that
   // differs, dots inside a title, and a title kept as it is.
@@ -196,9 +216,11 @@ TEST_F(QVCommandLineTest, RefusesBadInputWithOneLineAndAcceptsTheEdges) {
            {{"target", "set", "USB", "--title", "usb"}, ""}}) {
     ProgramResult result = runProgram(arguments);
     EXPECT_EQ(result.status, 0) << arguments[3] << " " << arguments[4] << "\n" << result.err;
-    if (warning.empty()) EXPECT_EQ(result.err, "");
-    else EXPECT_TRUE(result.err.find("warning: ") != std::string::npos && result.err.find(warning) != std::string::npos)
-        << result.err;
+    if (warning.empty())
+      EXPECT_EQ(result.err, "");
+    else
+      EXPECT_TRUE(result.err.find("warning: ") != std::string::npos && result.err.find(warning) != std::string::npos)
+          << result.err;
   }
   EXPECT_EQ(runJSON({"group", "show", "...Ünïcode v1.2", "--json"})["versions"], 0);
 }
@@ -214,7 +236,8 @@ TEST_F(QVCommandLineTest, AnswersInJSONWhenItFailsAndKeepsTablesPlain) {
   ASSERT_EQ(runProgram({"backup", "Newer"}).status, 0);
   const ProgramResult status = runProgram({"status"}), ids = runProgram({"status", "--ids"});
   EXPECT_LT(status.out.find("Newer"), status.out.find("Older")) << status.out;
-  EXPECT_TRUE(std::regex_search(status.out, std::regex("Newer +idle +\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d  "))) << status.out;
+  EXPECT_TRUE(std::regex_search(status.out, std::regex("Newer +idle +\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d  ")))
+      << status.out;
   const std::string id = byTitle("group", "Newer")["groupID"];
   EXPECT_EQ(std::pair(status.out.find(id), ids.out.find(id) != std::string::npos), std::pair(std::string::npos, true));
   EXPECT_EQ(runProgram({"group", "list"}).out.find(id), std::string::npos);
@@ -230,8 +253,10 @@ TEST_F(QVCommandLineTest, AnswersInJSONWhenItFailsAndKeepsTablesPlain) {
     EXPECT_EQ(std::pair(result.status, error.value("exitStatus", 0)), std::pair(exitStatus, exitStatus)) << command;
     EXPECT_NE(error.value("error", std::string()).find(message), std::string::npos) << command << ": " << result.out;
   }
-  if (saved) setenv("LC_ALL", saved->c_str(), 1);
-  else unsetenv("LC_ALL");
+  if (saved)
+    setenv("LC_ALL", saved->c_str(), 1);
+  else
+    unsetenv("LC_ALL");
 }
 
 }  // namespace

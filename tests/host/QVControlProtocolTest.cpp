@@ -58,8 +58,19 @@ TEST(QVControlProtocolTest, OptionsAndOutcomesComeBackFieldForField) {
   QVRunOutcome outcome;
   outcome.groupID = "ID", outcome.title = "Photos", outcome.kind = QVRunOutcome::Kind::completeWithMissingItems;
   outcome.statusCode = -43, outcome.message = "m";
-  outcome.report = QVRunReport{"ID", "20240105143007.backup", {}, {}, 2, 3, 4, {"/x"}, {"/y"}, {"/z (why)"}, true,
-                              {"/home/ann/Backups"}, {"not backed up: /w"}};
+  outcome.report = QVRunReport{"ID",
+                               "20240105143007.backup",
+                               {},
+                               {},
+                               2,
+                               3,
+                               4,
+                               {"/x"},
+                               {"/y"},
+                               {"/z (why)"},
+                               true,
+                               {"/home/ann/Backups"},
+                               {"not backed up: /w"}};
   const QVDictionary record = qv::outcomeRecord(outcome);
   EXPECT_EQ(record.at("outcome"), QVValue("complete with missing items")) << "a kind travels by its name";
   const QVRunOutcome copy = qv::outcomeFromRecord(record);

@@ -8,9 +8,9 @@
 
 #include <thread>
 
+#include "host/QVProgramRunner.h"
 #include "host/cli/QVCommandLine.h"
 #include "host/control/QVControlClient.h"
-#include "host/QVProgramRunner.h"
 #include "support/QVTestServer.h"
 
 using nlohmann::json;
@@ -73,7 +73,10 @@ class QVDaemonControlTest : public HostTest {
       if (halfClose) shutdown(fd, SHUT_WR);
     });
     for (char buffer[4096]; ssize_t n = recv(fd, buffer, sizeof buffer, 0);)
-      if (n < 0) break; else reply.append(buffer, static_cast<std::size_t>(n));
+      if (n < 0)
+        break;
+      else
+        reply.append(buffer, static_cast<std::size_t>(n));
     writer.join();
     close(fd);
     return reply;
@@ -120,7 +123,8 @@ TEST_F(QVDaemonControlTest, RunsStartedAnywhereShowEverywhereAndCanBeCancelledFr
   ASSERT_TRUE(backup.waitFor([&] { return group("Big")["state"] == "running"; }, seconds(30))) << backup.err;
   EXPECT_TRUE(group("Big")["progress"].is_number());
   const ProgramResult menu = runProgram({"menu"});
-  EXPECT_TRUE(menu.out.find("Backing up...") != std::string::npos || menu.out.find("Backup progress:") != std::string::npos)
+  EXPECT_TRUE(menu.out.find("Backing up...") != std::string::npos ||
+              menu.out.find("Backup progress:") != std::string::npos)
       << menu.out;
   EXPECT_EQ(runProgram({"restore", "Big", "--to", m_env.root() + "/r"}).status, 1) << "not while it is backed up";
   EXPECT_EQ(runProgram({"cancel", "Big"}).status, 0);
@@ -246,13 +250,15 @@ TEST_F(QVDaemonControlTest, APasswordHandedToTheDaemonIsKeptOnlyInTheKeychain) {
                       "--path", "b", "--user", "ann", "--password-stdin", "--default"},
                      password + "\n");
   bool argvClean = true;
-  add.waitFor([&] {
-    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-      const std::string arguments = readFile(entry.path().string() + "/cmdline");
-      argvClean = argvClean && arguments.find(password) == std::string::npos;
-    }
-    return false;
-  }, std::chrono::milliseconds(300));
+  add.waitFor(
+      [&] {
+        for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+          const std::string arguments = readFile(entry.path().string() + "/cmdline");
+          argvClean = argvClean && arguments.find(password) == std::string::npos;
+        }
+        return false;
+      },
+      std::chrono::milliseconds(300));
   EXPECT_EQ(add.finish().status, 0) << add.err;
   EXPECT_TRUE(argvClean) << "the password was in a process's arguments";
   runJSON({"group", "add", "Docs", makeFile("d.txt")});
@@ -269,7 +275,7 @@ TEST_F(QVDaemonControlTest, APasswordHandedToTheDaemonIsKeptOnlyInTheKeychain) {
   EXPECT_NE(readFile(m_env.configDirectory() + "/keychain.json").find(password), std::string::npos);
   // What holds secrets or the user's history is the user's alone.
   for (const std::string& path : {m_env.configDirectory() + "/keychain.json", m_env.journalPath(),
-                                 m_env.configDirectory() + "/agent.lock", m_env.root() + "/runtime/stellwin-backup"}) {
+                                  m_env.configDirectory() + "/agent.lock", m_env.root() + "/runtime/stellwin-backup"}) {
     struct stat info {};
     ASSERT_EQ(stat(path.c_str(), &info), 0) << path;
     EXPECT_EQ(info.st_mode & 077, 0u) << path;

@@ -16,7 +16,12 @@ constexpr const char* kInterface = R"(<node><interface name="org.freedesktop.Not
 constexpr const char* kPath = "/org/freedesktop/Notifications";
 constexpr const char* kName = "org.freedesktop.Notifications";
 
-struct Bubble { std::uint32_t replacesId, id; std::string body; std::vector<std::string> actions; int timeout; };
+struct Bubble {
+  std::uint32_t replacesId, id;
+  std::string body;
+  std::vector<std::string> actions;
+  int timeout;
+};
 
 class QVDesktopNotificationsTest : public HostTest {
  protected:
@@ -92,7 +97,8 @@ TEST_F(QVDesktopNotificationsTest, GathersTheFailuresOfARunInOneBubbleWhoseButto
   EXPECT_EQ(m_bubbles[1].body, "Backup for groups failed: " + first + ", " + second);
 
   // The daemon's bubble: "View Details..." shows the group in a bubble of its own, "Cancel" does not.
-  const std::string shownGroup = "stellwin-backup group show " + runJSON({"group", "show", "Photos", "--json"})["groupID"].get<std::string>();
+  const std::string shownGroup =
+      "stellwin-backup group show " + runJSON({"group", "show", "Photos", "--json"})["groupID"].get<std::string>();
   for (const std::string button : {"2", "1"}) {
     makeDue("Photos");
     RunningProgram daemon({"daemon"});

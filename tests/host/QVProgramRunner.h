@@ -20,7 +20,10 @@
 
 namespace qvtest {
 
-struct ProgramResult { int status = -1; std::string out, err; };
+struct ProgramResult {
+  int status = -1;
+  std::string out, err;
+};
 
 // Standard input is a pipe holding input; on a terminal, out has both streams and input is unused.
 // launcher: a program (absolute path) and its arguments that start the program, e.g. setpriv.
@@ -58,7 +61,10 @@ struct RunningProgram : ProgramResult {
         status = WIFEXITED(raw) ? WEXITSTATUS(raw) : 128 + WTERMSIG(raw);
       for (int i : {0, 1})  // until nothing is left for now, or a terminal is gone
         for (char buffer[8192]; ssize_t n = read(m_fds[i], buffer, sizeof buffer);)
-          if (n < 0) break; else (i ? err : out).append(buffer, n);
+          if (n < 0)
+            break;
+          else
+            (i ? err : out).append(buffer, n);
       if (condition() || status >= 0 || std::chrono::steady_clock::now() > deadline) return condition();
       pollfd fds[2] = {{m_fds[0], POLLIN, 0}, {m_fds[1], POLLIN, 0}};
       for (poll(fds, 2, 10); g_main_context_iteration(nullptr, FALSE);) continue;
@@ -66,8 +72,7 @@ struct RunningProgram : ProgramResult {
   }
   // Waits for the program's end, killing it after the timeout (status 137).
   ProgramResult finish(std::chrono::milliseconds timeout = std::chrono::seconds(120)) {
-    if (!waitFor([this] { return status >= 0; }, timeout))
-      kill(pid, SIGKILL), waitpid(pid, nullptr, 0), status = 137;
+    if (!waitFor([this] { return status >= 0; }, timeout)) kill(pid, SIGKILL), waitpid(pid, nullptr, 0), status = 137;
     return *this;
   }
   pid_t pid = -1;
@@ -90,7 +95,8 @@ inline ProgramResult runProgramAsUser(const std::vector<std::string>& arguments,
   if (lchown(root.c_str(), 65534, 65534) != 0) ADD_FAILURE() << root;
   return RunningProgram(arguments, "", "", false,
                         {"/usr/bin/env", "XDG_RUNTIME_DIR=" + root + "/runtime-user", "/usr/bin/setpriv",
-                         "--reuid=65534", "--regid=65534", "--clear-groups"}).finish();
+                         "--reuid=65534", "--regid=65534", "--clear-groups"})
+      .finish();
 }
 
 // A fixture with a home, preferences and keychain of its own, set up through the program itself.
@@ -112,7 +118,9 @@ class HostTest : public ::testing::Test {
   // Scheduled, and last attempted long ago: due the moment a daemon starts.
   void makeDue(const std::string& title, const std::string& schedule = "daily@03:00") {
     runJSON({"group", "set", title, "--schedule", schedule});
-    editStoredGroup(title, [](nlohmann::json& g) { g["lastBackupAttemptDate"] = {{"$date", "2020-01-01T00:00:00.000Z"}}; });
+    editStoredGroup(title, [](nlohmann::json& g) {
+      g["lastBackupAttemptDate"] = {{"$date", "2020-01-01T00:00:00.000Z"}};
+    });
   }
   // Changes the stored record of the group titled title, as a hand edit or an older version would.
   void editStoredGroup(const std::string& title, const std::function<void(nlohmann::json& group)>& change) {

@@ -50,7 +50,10 @@ TEST_F(QVRestoreCommandTest, ListsAVersionAndRestoresAFileByItsOwnPath) {
   EXPECT_EQ(listing["folder"], "Tree");
   ASSERT_EQ(listing["entries"].size(), 6u) << listing;
   const auto& a = listing["entries"][1];  // after "Grüße": names in byte order
-  EXPECT_EQ(a, nlohmann::json({{"name", "a.txt"}, {"path", "Tree/a.txt"}, {"kind", "file"}, {"size", 200000},
+  EXPECT_EQ(a, nlohmann::json({{"name", "a.txt"},
+                               {"path", "Tree/a.txt"},
+                               {"kind", "file"},
+                               {"size", 200000},
                                {"modified", a["modified"]}}));
   EXPECT_TRUE(a["modified"].get<std::string>().starts_with("20")) << a;
 
@@ -84,7 +87,8 @@ TEST_F(QVRestoreCommandTest, CtrlCEndsARestoreAndKeepsWhatWasRestored) {
   for (const auto& entry : fs::recursive_directory_iterator(scratch / "out"))
     if (entry.is_regular_file() && !entry.is_symlink()) kept += entry.file_size();
   const nlohmann::json result = nlohmann::json::parse(restore.out, nullptr, false);
-  EXPECT_EQ(result.value("bytesWritten", std::uintmax_t{0}), kept) << "only what was written and kept counts: " << restore.out;
+  EXPECT_EQ(result.value("bytesWritten", std::uintmax_t{0}), kept)
+      << "only what was written and kept counts: " << restore.out;
 }
 
 // A WebDAV server that lists names leading out of the folder they stand in: they are refused, the
@@ -114,7 +118,9 @@ class Handler(BaseHTTPRequestHandler):
 HTTPServer(('127.0.0.1', int(sys.argv[1])), Handler).serve_forever()
 )");
   ASSERT_EQ(runProgram({"target", "add", "--type", "dav", "--title", "Odd", "--server", "127.0.0.1", "--port",
-                        std::to_string(server.port()), "--path", "backups"}).status, 0);
+                        std::to_string(server.port()), "--path", "backups"})
+                .status,
+            0);
   ASSERT_EQ(runProgram({"group", "set", "Photos", "--target", "Odd"}).status, 0);
   TemporaryDirectory scratch;
   const std::string into = scratch / "a/b/out";
@@ -123,7 +129,8 @@ HTTPServer(('127.0.0.1', int(sys.argv[1])), Handler).serve_forever()
   EXPECT_EQ(readFile(into + "/ok.txt"), "data");
   EXPECT_FALSE(fs::exists(scratch / "a/escaped.txt") || fs::exists(scratch / "escaped.txt"));
   EXPECT_NE(result.err.find("../../escaped.txt: a name the destination gave that is not a plain file name"),
-            std::string::npos) << result.err;
+            std::string::npos)
+      << result.err;
   result = runProgram({"restore", "Photos", "--version", "20240101120000.backup", "--to", scratch / "x", "../etc"});
   EXPECT_EQ(result.status, 1);
   EXPECT_NE(result.err.find("../etc: not in the version"), std::string::npos) << "nor a path given: " << result.err;

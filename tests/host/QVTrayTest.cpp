@@ -43,7 +43,11 @@ Entry entryOf(GVariant* layout) {
   return entry;
 }
 
-struct Bubble { std::uint32_t id; std::string body; std::vector<std::string> actions; };
+struct Bubble {
+  std::uint32_t id;
+  std::string body;
+  std::vector<std::string> actions;
+};
 
 class QVTrayTest : public HostTest {
  protected:
@@ -69,10 +73,10 @@ class QVTrayTest : public HostTest {
   }
 
   GDBusConnection* connect() {
-    return g_dbus_connection_new_for_address_sync(
-        g_test_dbus_get_bus_address(m_dbus),
-        GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT | G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
+    return g_dbus_connection_new_for_address_sync(g_test_dbus_get_bus_address(m_dbus),
+                                                  GDBusConnectionFlags(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                                       G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                                                  nullptr, nullptr, nullptr);
   }
   GVariant* call(const std::string& name, const char* path, const char* interface, const char* method,
                  GVariant* parameters, GDBusConnection* bus = nullptr) {
@@ -90,9 +94,10 @@ class QVTrayTest : public HostTest {
   // ---- The watcher, a real one
   void startWatcher() {
     const char* argv[] = {kWatcher, nullptr};
-    ASSERT_TRUE(g_spawn_async(nullptr, const_cast<char**>(argv), nullptr,
-                              GSpawnFlags(G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL),
-                              nullptr, nullptr, &m_watcher, nullptr));
+    ASSERT_TRUE(
+        g_spawn_async(nullptr, const_cast<char**>(argv), nullptr,
+                      GSpawnFlags(G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL),
+                      nullptr, nullptr, &m_watcher, nullptr));
     ASSERT_TRUE(eventually([&] { return hasOwner("org.kde.StatusNotifierWatcher"); }, seconds(20)));
   }
   void stopWatcher() {
@@ -101,8 +106,9 @@ class QVTrayTest : public HostTest {
     eventually([&] { return !hasOwner("org.kde.StatusNotifierWatcher"); }, seconds(10));
   }
   std::vector<std::string> registeredItems() {
-    GVariant* reply = call("org.kde.StatusNotifierWatcher", "/StatusNotifierWatcher", "org.freedesktop.DBus.Properties",
-                           "Get", g_variant_new("(ss)", "org.kde.StatusNotifierWatcher", "RegisteredStatusNotifierItems"));
+    GVariant* reply =
+        call("org.kde.StatusNotifierWatcher", "/StatusNotifierWatcher", "org.freedesktop.DBus.Properties", "Get",
+             g_variant_new("(ss)", "org.kde.StatusNotifierWatcher", "RegisteredStatusNotifierItems"));
     std::vector<std::string> items;
     if (!reply) return items;
     GVariant* value = nullptr;
@@ -146,13 +152,14 @@ class QVTrayTest : public HostTest {
     GVariant* value = nullptr;
     g_variant_get(reply, "(v)", &value);
     g_autofree gchar* printed = g_variant_print(value, FALSE);
-    std::string text = g_variant_is_of_type(value, G_VARIANT_TYPE_STRING) ? g_variant_get_string(value, nullptr) : printed;
+    std::string text =
+        g_variant_is_of_type(value, G_VARIANT_TYPE_STRING) ? g_variant_get_string(value, nullptr) : printed;
     g_variant_unref(value), g_variant_unref(reply);
     return text;
   }
   Entry layout() {
-    GVariant* reply = call(item(), "/MenuBar", "com.canonical.dbusmenu", "GetLayout",
-                           g_variant_new("(iias)", 0, -1, nullptr));
+    GVariant* reply =
+        call(item(), "/MenuBar", "com.canonical.dbusmenu", "GetLayout", g_variant_new("(iias)", 0, -1, nullptr));
     if (!reply) return {};
     GVariant* root = g_variant_get_child_value(reply, 1);
     Entry entry = entryOf(root);
@@ -238,12 +245,14 @@ class QVTrayTest : public HostTest {
   // The newest bubble whose text contains text, waiting for it.
   std::optional<Bubble> bubble(const std::string& text) {
     std::optional<Bubble> found;
-    eventually([&] {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      for (const auto& b : m_bubbles)
-        if (b.body.find(text) != std::string::npos) found = b;
-      return found.has_value();
-    }, seconds(5));
+    eventually(
+        [&] {
+          std::lock_guard<std::mutex> lock(m_mutex);
+          for (const auto& b : m_bubbles)
+            if (b.body.find(text) != std::string::npos) found = b;
+          return found.has_value();
+        },
+        seconds(5));
     EXPECT_TRUE(found) << "no bubble with " << text;
     return found;
   }
@@ -270,14 +279,16 @@ TEST_F(QVTrayTest, ShowsTheMenuLiveAsTheCommandLineChangesTheGroups) {
   EXPECT_EQ(menu(), "") << "no groups: no backup section";
   EXPECT_EQ(property("Status"), "Active");
   EXPECT_EQ(property("IconName"), "stellwin-backup");
-  EXPECT_TRUE(std::filesystem::exists(property("IconThemePath") + "/hicolor/scalable/apps/stellwin-backup-running.svg"));
+  EXPECT_TRUE(
+      std::filesystem::exists(property("IconThemePath") + "/hicolor/scalable/apps/stellwin-backup-running.svg"));
 
   runJSON({"group", "add", "Photos", makeFile("p.jpg")});
   menuShows("Backup\n-\nPhotos\n  Last backup: Never\n  -\n  Backup Now\n  Remove group\n");
   runJSON({"group", "add", "Papers", makeFile("q.pdf")});
   runJSON({"group", "set", "Photos", "--title", "Pictures"});
-  menuShows("Backup\n-\nPictures\n  Last backup: Never\n  -\n  Backup Now\n  Remove group\n"
-            "Papers\n  Last backup: Never\n  -\n  Backup Now\n  Remove group\n");
+  menuShows(
+      "Backup\n-\nPictures\n  Last backup: Never\n  -\n  Backup Now\n  Remove group\n"
+      "Papers\n  Last backup: Never\n  -\n  Backup Now\n  Remove group\n");
   EXPECT_NE(property("ToolTip").find("Pictures: Last backup: Never"), std::string::npos) << property("ToolTip");
   runJSON({"group", "remove", "Pictures"});
   runJSON({"group", "remove", "Papers"});
@@ -293,17 +304,27 @@ TEST_F(QVTrayTest, NoDestinationShowsTheGroupInABubbleWithTheCommandThatShowsMor
   std::optional<Bubble> shown = bubble("Loose: Last backup: Never (No destination)");
   ASSERT_TRUE(shown);
   EXPECT_NE(shown->body.find("stellwin-backup group show " + storedGroup("Loose")["id"].get<std::string>()),
-            std::string::npos) << shown->body;
+            std::string::npos)
+      << shown->body;
 }
 
 // The same clicks in English and in German: an entry is known by its place, never by its title.
-struct Language { const char* language; const char* backupNow; const char* cancel; const char* progress; const char* last; };
+struct Language {
+  const char* language;
+  const char* backupNow;
+  const char* cancel;
+  const char* progress;
+  const char* last;
+};
 
 class QVTrayRunTest : public QVTrayTest, public ::testing::WithParamInterface<Language> {
  protected:
   void SetUp() override {
     for (const char* name : {"LANGUAGE", "LC_ALL"})
-      if (const char* value = getenv(name)) m_saved.emplace_back(name, value); else m_saved.emplace_back(name, std::nullopt);
+      if (const char* value = getenv(name))
+        m_saved.emplace_back(name, value);
+      else
+        m_saved.emplace_back(name, std::nullopt);
     setenv("LANGUAGE", GetParam().language, 1);
     setenv("LC_ALL", "C.UTF-8", 1);
     QVTrayTest::SetUp();
@@ -322,8 +343,10 @@ TEST_P(QVTrayRunTest, BackupNowRunsInTheDaemonCancelEndsItAndTheIconFollowsTheOu
   startDaemon();
 
   click("Small", l.backupNow);
-  ASSERT_TRUE(eventually([&] { return storedGroup("Small").contains("lastBackupDate"); }, seconds(20))) << m_daemon->err;
-  EXPECT_TRUE(eventually([&] { return menu().find(std::string("Small\n  ") + l.last) != std::string::npos; }, seconds(2)))
+  ASSERT_TRUE(eventually([&] { return storedGroup("Small").contains("lastBackupDate"); }, seconds(20)))
+      << m_daemon->err;
+  EXPECT_TRUE(
+      eventually([&] { return menu().find(std::string("Small\n  ") + l.last) != std::string::npos; }, seconds(2)))
       << menu();
 
   const std::int32_t bigStatusLine = layout().children.at(2).children.at(0).id;
@@ -332,17 +355,20 @@ TEST_P(QVTrayRunTest, BackupNowRunsInTheDaemonCancelEndsItAndTheIconFollowsTheOu
       m_bus, nullptr, "com.canonical.dbusmenu", nullptr, "/MenuBar", nullptr, G_DBUS_SIGNAL_FLAGS_NONE,
       [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant*, gpointer count) {
         ++*static_cast<int*>(count);
-      }, &updates, nullptr);
+      },
+      &updates, nullptr);
   click("Big", l.backupNow);
   std::string shown;
-  ASSERT_TRUE(eventually([&] { return (shown = menu()).find(std::string("Big\n  ") + l.progress) != std::string::npos; },
-                         seconds(20))) << shown << m_daemon->err;
+  ASSERT_TRUE(eventually(
+      [&] { return (shown = menu()).find(std::string("Big\n  ") + l.progress) != std::string::npos; }, seconds(20)))
+      << shown << m_daemon->err;
   m_daemon->waitFor([] { return false; }, seconds(2));
   g_dbus_connection_signal_unsubscribe(m_bus, subscription);
   EXPECT_LE(updates, 14) << "a few updates a second, never one per progress step";
   EXPECT_EQ(layout().children.at(2).children.at(0).id, bigStatusLine) << "updated in place, so an open menu stays open";
-  EXPECT_NE(shown.find(std::string("  -\n  ") + l.cancel + "\nSmall"), std::string::npos) << "only Cancel while it runs:\n"
-                                                                                        << shown;
+  EXPECT_NE(shown.find(std::string("  -\n  ") + l.cancel + "\nSmall"), std::string::npos)
+      << "only Cancel while it runs:\n"
+      << shown;
   EXPECT_EQ(property("IconName"), "stellwin-backup-running");
   click("Big", l.cancel);
   ASSERT_TRUE(eventually([&] { return storedGroup("Big")["statusCode"] == -128; }, seconds(30))) << m_daemon->err;
@@ -360,7 +386,8 @@ TEST_P(QVTrayRunTest, BackupNowRunsInTheDaemonCancelEndsItAndTheIconFollowsTheOu
 }
 
 INSTANTIATE_TEST_SUITE_P(Languages, QVTrayRunTest,
-                         ::testing::Values(Language{"en", "Backup Now", "Cancel backup", "Backup progress: ", "Last backup: "},
+                         ::testing::Values(Language{"en", "Backup Now", "Cancel backup",
+                                                    "Backup progress: ", "Last backup: "},
                                            Language{"de", "Jetzt sichern", "Sicherung abbrechen",
                                                     "Fortschritt der Sicherung: ", "Letzte Sicherung: "}),
                          [](const auto& info) { return std::string(info.param.language); });
@@ -381,7 +408,8 @@ TEST_F(QVTrayTest, RemoveGroupThenUndoPutsTheGroupBackByteForByte) {
   EXPECT_TRUE(storedGroup("Photos").is_null()) << "removed at once";
   press(*removed, "1");
   EXPECT_TRUE(eventually([&] { return readFile(m_env.preferencesPath()) == before; }, seconds(5)))
-      << readFile(m_env.preferencesPath()) << "\nexpected:\n" << before;
+      << readFile(m_env.preferencesPath()) << "\nexpected:\n"
+      << before;
   EXPECT_TRUE(eventually([&] { return menu().find("First\n") < menu().find("Photos\n"); }, seconds(1))) << menu();
 }
 

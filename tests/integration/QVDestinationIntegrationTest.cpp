@@ -43,7 +43,8 @@ struct Kind {
 };
 const Kind kApache{"Apache", Software::Apache, false, "/usr/sbin/apache2"},
     kApacheAuth{"ApacheWithBasicAuth", Software::Apache, true, "/usr/sbin/apache2"},
-    kNginx{"Nginx", Software::Nginx, false, "/usr/sbin/nginx"}, kVsftpd{"Vsftpd", Software::Vsftpd, false, "/usr/sbin/vsftpd"},
+    kNginx{"Nginx", Software::Nginx, false, "/usr/sbin/nginx"},
+    kVsftpd{"Vsftpd", Software::Vsftpd, false, "/usr/sbin/vsftpd"},
     kFTPS{"FTPSOnVsftpd", Software::VsftpdOverTLS, false, "/usr/sbin/vsftpd"},
     kPyftpdlib{"Pyftpdlib", Software::Pyftpdlib, true, "/usr/lib/python3/dist-packages/pyftpdlib"};
 const std::optional<TestCertificates> kCertificates = TestCertificates::fromEnvironment();
@@ -66,11 +67,14 @@ struct Server {
     if (kind.software == Software::Apache)
       serve(std::make_unique<ApacheDAVServer>(kind.password ? std::optional(std::pair(kUser, kPassword)) : std::nullopt,
                                               maxBody));
-    else if (kind.software == Software::Nginx) serve(std::make_unique<NginxDAVServer>(maxBody));
-    else if (kind.software == Software::Vsftpd) serve(std::make_unique<VsftpdServer>());
+    else if (kind.software == Software::Nginx)
+      serve(std::make_unique<NginxDAVServer>(maxBody));
+    else if (kind.software == Software::Vsftpd)
+      serve(std::make_unique<VsftpdServer>());
     else if (kind.software == Software::VsftpdOverTLS)
       serve(std::make_unique<VsftpdServer>(std::pair(kCertificates->trustedCertificate, kCertificates->trustedKey)));
-    else serve(std::make_unique<PyftpdlibServer>(kUser, kPassword));
+    else
+      serve(std::make_unique<PyftpdlibServer>(kUser, kPassword));
     // WebDAV makes no collection above the group's; pyftpdlib is reached from its root.
     if (!kind.ftp()) fs::create_directories(root + "/backup");
     destination.type = !kind.ftp() ? "dav" : kind.software == Software::VsftpdOverTLS ? "ftps" : "ftp";
@@ -85,7 +89,8 @@ struct Server {
 
 // A text that may hold the password, fit to print in a failure message.
 std::string masked(std::string text) {
-  for (std::size_t at; (at = text.find(kPassword)) != std::string::npos;) text.replace(at, kPassword.size(), "<password>");
+  for (std::size_t at; (at = text.find(kPassword)) != std::string::npos;)
+    text.replace(at, kPassword.size(), "<password>");
   return text;
 }
 
@@ -157,11 +162,12 @@ TEST_P(QVDestinationIntegrationTest, CopiesATreePrunesOldVersionsAndChangesNothi
   host.journal->clear();
   ASSERT_TRUE(runToEnd(group));
   // WebDAV names the URL with the credentials as they were given; FTP gives libcurl's text.
-  const std::string url = "http://" + (kind().password ? kUser + ":" + kPassword + "@" : "") + "127.0.0.1:" +
-                          std::to_string(m_server->process->port()) + "/backup";
+  const std::string url = "http://" + (kind().password ? kUser + ":" + kPassword + "@" : "") +
+                          "127.0.0.1:" + std::to_string(m_server->process->port()) + "/backup";
   EXPECT_EQ(group->statusCode, kind().ftp() ? 7 : -27);
-  EXPECT_EQ(masked(shownFailure(group)), masked("Fotos für Oma - " + (kind().ftp() ? "Couldn't connect to server"
-                                                                                   : "Could not connect to server " + url)));
+  EXPECT_EQ(masked(shownFailure(group)),
+            masked("Fotos für Oma - " +
+                   (kind().ftp() ? "Couldn't connect to server" : "Could not connect to server " + url)));
   EXPECT_FALSE(contains(host.linesStartingWith("delegate.backupProgress"),
                         "delegate.backupProgress:0.00|" + group->identifier + "|1"));
   // An FTP destination whose connection check failed stays unavailable for good, even once the server is back.
@@ -220,8 +226,8 @@ TEST_P(QVFTPDestinationTest, KeepsWhatArrivedListsAndRemovesAsTheServerAllows) {
   EXPECT_TRUE(fs::exists(folder("Edge/empty"))) << "the folder itself stays";
   destination.removeRootEntryForGroup(*group);
   EXPECT_TRUE(fs::exists(entry)) << "never emptied first";
-  EXPECT_TRUE(contains(logged.lines(), "QVFTPBackupTarget warning: Could not remove directory -" +
-                                           destination.path() + "Edge/"));
+  EXPECT_TRUE(contains(logged.lines(),
+                       "QVFTPBackupTarget warning: Could not remove directory -" + destination.path() + "Edge/"));
   EXPECT_TRUE(destination.removeEntry(kEntry, *group));
   EXPECT_FALSE(fs::exists(entry));
 
@@ -266,7 +272,8 @@ TEST(QVDestinationTimeoutTest, AServerThatNeverAnswersFailsTheItemWithinItsTimeo
   SilentServer server;
   writeFile(env.root() + "/a.txt", "a");
   const std::string ftpText = "Could not connect to server ftp://127.0.0.1/";
-  const std::string davText = "Could not connect to server http://127.0.0.1:" + std::to_string(server.port()) + "/backup";
+  const std::string davText =
+      "Could not connect to server http://127.0.0.1:" + std::to_string(server.port()) + "/backup";
   for (const auto& [type, code, text, least, most] :
        {std::tuple("dav", -27, davText, 1s, 20s), std::tuple("ftp", 28, ftpText, 19s, 30s)}) {
     QVURLSession::setIdleTimeoutForTesting(2);
@@ -292,7 +299,8 @@ TEST(QVDestinationTimeoutTest, AServerThatNeverAnswersFailsTheItemWithinItsTimeo
 class QVDestinationProgramTest : public HostTest, public ::testing::WithParamInterface<Kind> {
  protected:
   void SetUp() override {
-    if (!fs::exists(GetParam().needs)) GTEST_SKIP() << GetParam().needs << " is not installed (scripts/setup.sh --tests)";
+    if (!fs::exists(GetParam().needs))
+      GTEST_SKIP() << GetParam().needs << " is not installed (scripts/setup.sh --tests)";
     m_server = std::make_unique<Server>(GetParam());
   }
   std::string groupFolder() const { return m_server->root + "/backup/Photos"; }
@@ -305,8 +313,9 @@ class QVDestinationProgramTest : public HostTest, public ::testing::WithParamInt
   // The group "Photos" of the items on a destination "NAS" of this server, keeping two versions.
   void addGroup(const Lines& items) {
     const RemoteDestination& to = m_server->destination;
-    Lines add = {"target", "add", "--type", to.type, "--title", "NAS", "--server", "127.0.0.1", "--port",
-                 std::to_string(to.port), "--path", to.path};
+    Lines add = {"target", "add",      "--type",    to.type,  "--title",
+                 "NAS",    "--server", "127.0.0.1", "--port", std::to_string(to.port),
+                 "--path", to.path};
     if (to.user) add.insert(add.end(), {"--user", *to.user, "--password-stdin"});
     ProgramResult result = run(add, kPassword + "\n");
     ASSERT_EQ(result.status, 0) << result.err;
@@ -328,7 +337,8 @@ TEST_P(QVDestinationProgramTest, BacksUpListsRestoresVerifiesAndFailsWithoutEver
   const nlohmann::json versions = runJSON({"versions", "Photos", "--json"});
   ASSERT_EQ(versions.size(), 1u) << versions;
   EXPECT_TRUE(result.out.starts_with("Photos: complete, ") &&
-              result.out.ends_with(", version " + versions[0]["name"].get<std::string>() + "\n")) << result.out;
+              result.out.ends_with(", version " + versions[0]["name"].get<std::string>() + "\n"))
+      << result.out;
   const std::string version = groupFolder() + "/" + versions[0]["name"].get<std::string>();
   EXPECT_EQ(treeListing(version + "/Tree"), treeListing(tree));
   const nlohmann::json runs = runJSON({"log", "Photos", "--json"});
@@ -340,18 +350,20 @@ TEST_P(QVDestinationProgramTest, BacksUpListsRestoresVerifiesAndFailsWithoutEver
     ASSERT_EQ(run({"target", "set", "NAS", "--password-stdin"}, "not the password\n").status, 0);
     result = run({"backup", "Photos"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.out, GetParam().ftp() ? "Photos: failed (67): Login denied\n"
-                                           : "Photos: failed (-27): The remote server returned an error - (401) Unauthorized\n");
+    EXPECT_EQ(result.out, GetParam().ftp()
+                              ? "Photos: failed (67): Login denied\n"
+                              : "Photos: failed (-27): The remote server returned an error - (401) Unauthorized\n");
     EXPECT_EQ(namesIn(groupFolder()), Lines{fs::path(version).filename().string()}) << "nothing was made";
     ASSERT_EQ(run({"target", "set", "NAS", "--password-stdin"}, kPassword + "\n").status, 0);
   }
   m_server->process->stop();
   result = run({"backup", "Photos"});
   EXPECT_EQ(result.status, 1);
-  const std::string failure = GetParam().ftp() ? "Couldn't connect to server"
-                                               : "Could not connect to server http://" +
-                                                     std::string(GetParam().password ? kUser + ":***@" : "") +
-                                                     "127.0.0.1:" + std::to_string(m_server->destination.port) + "/backup";
+  const std::string failure = GetParam().ftp()
+                                  ? "Couldn't connect to server"
+                                  : "Could not connect to server http://" +
+                                        std::string(GetParam().password ? kUser + ":***@" : "") +
+                                        "127.0.0.1:" + std::to_string(m_server->destination.port) + "/backup";
   EXPECT_NE(result.out.find(failure), std::string::npos) << masked(result.out);
   if (GetParam().ftp()) {  // libcurl's code, in libcurl's words
     EXPECT_NE(run({"status"}).out.find("failed (7): Couldn't connect to server"), std::string::npos);

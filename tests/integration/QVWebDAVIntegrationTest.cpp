@@ -72,8 +72,11 @@ class QVWebDAVIntegrationTest : public qvtest::HostTest, public ::testing::WithP
         break;
     }
     m_source = m_env.home() + "/Projects";
-    for (const auto& [path, text] : std::vector<std::pair<std::string, std::string>>{
-             {"a/b/c/deep.txt", "deep"}, {"with space/Grüße, Ünïcødé.txt", "non-ASCII"}, {"empty", ""}, {"top.txt", "1"}})
+    for (const auto& [path, text] :
+         std::vector<std::pair<std::string, std::string>>{{"a/b/c/deep.txt", "deep"},
+                                                          {"with space/Grüße, Ünïcødé.txt", "non-ASCII"},
+                                                          {"empty", ""},
+                                                          {"top.txt", "1"}})
       qvtest::writeFile(m_source + "/" + path, text);
     std::string large(6 << 20, '\0');
     for (std::size_t i = 0; i < large.size(); ++i) large[i] = static_cast<char>((i * 2654435761u) >> 13);
@@ -146,8 +149,7 @@ TEST_P(QVWebDAVIntegrationTest, NamesTheServerThatRefusedThePassword) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, QVWebDAVIntegrationTest,
-                         ::testing::Values(Server::sabre, Server::apacheHTTPS, Server::nginx),
-                         [](const auto& info) {
+                         ::testing::Values(Server::sabre, Server::apacheHTTPS, Server::nginx), [](const auto& info) {
                            return std::string(info.param == Server::sabre         ? "SabreDAV"
                                               : info.param == Server::apacheHTTPS ? "ApacheHTTPS"
                                                                                   : "Nginx");
@@ -194,13 +196,15 @@ TEST_F(QVWebDAVServerTest, RefusesWhatWouldExposeThePassword) {
       {&misnamed, otherHost.caFile(), "is made out for another host name"},
   };
   for (const auto& [apache, caFile, text] : cases) {
-    std::vector<std::string> arguments = {"--type", "webdav", "--url", "https://127.0.0.1:" + std::to_string(apache->port())};
+    std::vector<std::string> arguments = {"--type", "webdav", "--url",
+                                          "https://127.0.0.1:" + std::to_string(apache->port())};
     if (!caFile.empty()) arguments.insert(arguments.end(), {"--ca-file", caFile});
     ASSERT_EQ(add(arguments).status, 0);
     runJSON({"group", "set", "Work", "--target", "Cloud"});
     ProgramResult result = backup();
     EXPECT_EQ(result.status, 1);
-    EXPECT_TRUE(holds(result.out, "certificate of the server 127.0.0.1:" + std::to_string(apache->port()) + " " + text));
+    EXPECT_TRUE(
+        holds(result.out, "certificate of the server 127.0.0.1:" + std::to_string(apache->port()) + " " + text));
     if (caFile.empty()) {
       EXPECT_TRUE(holds(result.out, "--ca-file"));
     }
@@ -215,7 +219,8 @@ TEST_F(QVWebDAVServerTest, SwitchesADAVDestinationOnSabreDAVToTheWebDAVKind) {
   qvtest::SabreDAVServer server("/remote.php/dav/files/ann/", "ann", kPassword);
   const std::string port = std::to_string(server.port());
   const std::string url = "http://127.0.0.1:" + port + "/remote.php/dav/files/ann/";
-  ProgramResult refused = add({"--type", "dav", "--server", "127.0.0.1", "--port", port, "--path", "remote.php/dav/files/ann"});
+  ProgramResult refused =
+      add({"--type", "dav", "--server", "127.0.0.1", "--port", port, "--path", "remote.php/dav/files/ann"});
   EXPECT_EQ(refused.status, 2);
   EXPECT_TRUE(holds(refused.err, "--type webdav --url " + url));
 
@@ -228,8 +233,9 @@ TEST_F(QVWebDAVServerTest, SwitchesADAVDestinationOnSabreDAVToTheWebDAVKind) {
   // Turned into a dav destination by hand: the run fails before it touches the server.
   nlohmann::json preferences = nlohmann::json::parse(qvtest::readFile(m_env.preferencesPath()));
   for (auto& target : preferences["QVBackupAgent"]["targets"])
-    if (target["title"] == "Cloud") target.update({{"type", "dav"}, {"server", "127.0.0.1"}, {"port", server.port()},
-                                                   {"path", "remote.php/dav/files/ann"}});
+    if (target["title"] == "Cloud")
+      target.update(
+          {{"type", "dav"}, {"server", "127.0.0.1"}, {"port", server.port()}, {"path", "remote.php/dav/files/ann"}});
   qvtest::writeFile(m_env.preferencesPath(), preferences.dump(2));
   ProgramResult run = backup();
   EXPECT_EQ(run.status, 1);
@@ -267,7 +273,9 @@ TEST_F(QVWebDAVServerTest, NamesTheFilesTheServerRefusedAndBacksUpTheRest) {
   qvtest::writeFile(m_env.home() + "/Projects/draft.part", "d");
   qvtest::writeFile(m_env.home() + "/Projects/sub/b.txt", "b");
   ASSERT_EQ(runProgram({"target", "add", "--type", "webdav", "--title", "Cloud", "--url",
-                        "http://127.0.0.1:" + std::to_string(server.port()) + "/"}).status, 0);
+                        "http://127.0.0.1:" + std::to_string(server.port()) + "/"})
+                .status,
+            0);
   runJSON({"group", "set", "Work", "--target", "Cloud"});
   ProgramResult result = backup();
   EXPECT_EQ(result.status, 0) << result.out;

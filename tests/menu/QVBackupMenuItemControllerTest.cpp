@@ -59,8 +59,8 @@ TEST_F(QVBackupMenuItemControllerTest, ListsAHeadingAndOneItemPerGroupAndNothing
   EXPECT_FALSE(items[0]->hasAction() || items[0]->submenu());
   EXPECT_EQ(items[2]->indentationLevel(), 1);
   EXPECT_FALSE(items[2]->hasAction());
-  EXPECT_EQ(submenu("Photos"),
-            (std::vector<std::string>{"Last backup: Never", "----", "Backup Now", "Cancel backup (hidden)", "Remove group"}));
+  EXPECT_EQ(submenu("Photos"), (std::vector<std::string>{"Last backup: Never", "----", "Backup Now",
+                                                         "Cancel backup (hidden)", "Remove group"}));
   EXPECT_EQ(submenu("Notes")[2], "No destination");
   const QVMenu& entries = *items[3]->submenu();
   EXPECT_FALSE(entries.itemArray()[0]->hasAction()) << "the status line is inert text";
@@ -103,8 +103,8 @@ TEST_F(QVBackupMenuItemControllerTest, RunEventsSwapTheEntriesAndARenamedGroupGe
   QVGroupRef photos = addGroup("Photos");
   controller().agentDidStartBackupGroup(photos);  // before any list: the event makes the item
   const auto item = agent->menuItems().value()[2];
-  EXPECT_EQ(submenu("Photos"), (std::vector<std::string>{"Backing up...", "----", "Backup Now (hidden)", "Cancel backup",
-                                                         "Remove group (hidden)"}));
+  EXPECT_EQ(submenu("Photos"), (std::vector<std::string>{"Backing up...", "----", "Backup Now (hidden)",
+                                                         "Cancel backup", "Remove group (hidden)"}));
   controller().agentGroup(photos, 42);
   EXPECT_EQ(submenu("Photos")[0], "Backup progress: 42%");
   EXPECT_EQ(submenu("Photos")[2], "Backup Now (hidden)") << "a new list leaves the run's flags as they are";
@@ -112,8 +112,9 @@ TEST_F(QVBackupMenuItemControllerTest, RunEventsSwapTheEntriesAndARenamedGroupGe
   auto done = std::make_shared<QVGroup>(*photos);
   done->lastBackupDate = std::chrono::system_clock::now();
   controller().agentDidFinishBackupGroup(done);
-  EXPECT_EQ(submenu("Photos"), (std::vector<std::string>{"Last backup: " + qv::stringFromDate(*done->lastBackupDate),
-                                                         "----", "Backup Now", "Cancel backup (hidden)", "Remove group"}));
+  EXPECT_EQ(submenu("Photos"),
+            (std::vector<std::string>{"Last backup: " + qv::stringFromDate(*done->lastBackupDate), "----", "Backup Now",
+                                      "Cancel backup (hidden)", "Remove group"}));
   EXPECT_EQ(agent->menuItems().value()[2], item) << "updated in place";
 
   // A renamed group gets a new item. The old record is gone: an event for the old group makes it afresh,

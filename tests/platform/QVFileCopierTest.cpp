@@ -39,7 +39,9 @@ class QVFileCopierTest : public ::testing::Test {
   };
 
   void SetUp() override { m_copier.setDelegate(&m_delegate); }
-  void TearDown() override { if (m_mounted) umount2(m_volume.c_str(), MNT_DETACH); }
+  void TearDown() override {
+    if (m_mounted) umount2(m_volume.c_str(), MNT_DETACH);
+  }
   // A small tmpfs of our own at m_volume (root only): a second file system, or a volume that fills up.
   bool mountTmpfs(const char* options) {
     fs::create_directories(m_volume);
@@ -92,7 +94,7 @@ TEST_F(QVFileCopierTest, CopiesATreeAsItIsOnTheSameAndOnAnotherFileSystemAndInto
 
   std::vector<std::string> destinations{m_dir / "dst"};
   if (mountTmpfs("size=64m")) destinations.push_back(m_volume + "/dst");  // by read/write, not the kernel
-  const auto contents = [](const std::string& path, mode_t mode) {  // a link's target, a file's bytes
+  const auto contents = [](const std::string& path, mode_t mode) {        // a link's target, a file's bytes
     return S_ISLNK(mode) ? fs::read_symlink(path).string() : S_ISREG(mode) ? qvtest::readFile(path) : "";
   };
   for (const std::string& dst : destinations) {
@@ -100,10 +102,12 @@ TEST_F(QVFileCopierTest, CopiesATreeAsItIsOnTheSameAndOnAnotherFileSystemAndInto
     EXPECT_EQ(std::distance(fs::recursive_directory_iterator(dst), {}), std::ptrdiff_t(items.size() - 1));
     for (const std::string& item : items) {
       const std::string copied = dst + item.substr(src.size());
-      struct stat a {}, b {};
+      struct stat a {
+      }, b{};
       ASSERT_EQ(lstat(item.c_str(), &a) | lstat(copied.c_str(), &b), 0) << copied;
       EXPECT_EQ(std::tuple(a.st_mode, a.st_mtim.tv_sec, a.st_mtim.tv_nsec),
-                std::tuple(b.st_mode, b.st_mtim.tv_sec, b.st_mtim.tv_nsec)) << copied;
+                std::tuple(b.st_mode, b.st_mtim.tv_sec, b.st_mtim.tv_nsec))
+          << copied;
       EXPECT_TRUE(contents(item, a.st_mode) == contents(copied, b.st_mode)) << copied;
     }
   }
@@ -145,7 +149,10 @@ TEST_F(QVFileCopierTest, ReportsTheTotalsOnceThenRisingThrottledProgressEndingAt
   for (int i = 0; i < 40; ++i) qvtest::writeFile(m_dir / ("src/f" + std::to_string(i)), std::string(1000, 'x'));
   qvtest::writeFile(m_dir / "src/empty", "");
   fs::create_symlink("f1", m_dir / "src/link");
-  m_delegate.answer = [] { std::this_thread::sleep_for(std::chrono::milliseconds(15)); return true; };
+  m_delegate.answer = [] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(15));
+    return true;
+  };
   const auto start = std::chrono::steady_clock::now();
   ASSERT_TRUE(copy(m_dir / "src", m_dir / "dst"));
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -165,7 +172,10 @@ TEST_F(QVFileCopierTest, NeverStoresAnItemThatVanishedOrChangedMidCopyOrWhoseFol
   const std::string src = m_dir / "src/big.bin", dst = m_dir / "dst";
   for (bool ignoring : {false, true}) {
     qvtest::writeFile(m_dir / "src/victim", "v");
-    m_delegate.answer = [&] { if (fs::exists(dst)) fs::remove(m_dir / "src/victim"); return true; };
+    m_delegate.answer = [&] {
+      if (fs::exists(dst)) fs::remove(m_dir / "src/victim");
+      return true;
+    };
     fs::remove_all(dst);
     EXPECT_EQ(copy(m_dir / "src", dst, ignoring), ignoring);
     EXPECT_EQ(m_error.code, ignoring ? 0 : -43);
@@ -186,7 +196,10 @@ TEST_F(QVFileCopierTest, NeverStoresAnItemThatVanishedOrChangedMidCopyOrWhoseFol
     EXPECT_EQ(m_copier.passedOverPaths(), std::vector<std::string>(changes == 3, src)) << changes;
     EXPECT_EQ(qvtest::readFile(dst + "/big.bin"), changes == 3 ? "" : std::string(9 * kMiB, 'b')) << "never torn";
   }
-  m_delegate.answer = [&] { if (inside()) fs::remove_all(dst); return true; };
+  m_delegate.answer = [&] {
+    if (inside()) fs::remove_all(dst);
+    return true;
+  };
   fs::remove_all(dst);
   qvtest::writeFile(src, std::string(20 * kMiB, 'a'));
   EXPECT_FALSE(copy(m_dir / "src", dst, true));

@@ -27,4 +27,3 @@ TEST(QVFileSystemTest, SumsRegularFilesOfATreeWithoutFollowingLinks) {
   fs::create_symlink(dir / "gone", dir / "dangling");
   EXPECT_FALSE(fileExistsAtPath(dir / "dangling"));
 }
-

@@ -52,8 +52,8 @@ TEST_F(QVKeychainTest, AddsLooksUpUpdatesAndDeletesAndItemSettersWriteThrough) {
 // Two keychains on one file stand for two processes; their threads write at once, with service names and
 // passwords awkward to store, under a umask that would let anyone read.
 TEST_F(QVKeychainTest, KeepsEveryItemExactlyInAPrivateFileWhenThreadsOfTwoProcessesWriteAtOnce) {
-  const std::string passwords[] = {"with  spaces ", "a:b::c", "q\"s'b\\", "Grüße 日本 🔑", "{\"p\": 1}", "newline\n",
-                                   std::string(5000, 'x')};
+  const std::string passwords[] = {
+      "with  spaces ", "a:b::c", "q\"s'b\\", "Grüße 日本 🔑", "{\"p\": 1}", "newline\n", std::string(5000, 'x')};
   const auto service = [](int i) { return "é:@ \"N\" " + std::to_string(i); };
   std::unique_ptr<QVKeychain> keychains[] = {open(), open()};
   const mode_t previousUmask = ::umask(0);
@@ -67,7 +67,8 @@ TEST_F(QVKeychainTest, KeepsEveryItemExactlyInAPrivateFileWhenThreadsOfTwoProces
   ::umask(previousUmask);
   for (int i = 0; i < 48; ++i)
     EXPECT_EQ(fields(open()->keychainItemWithService(service(i)).value()),
-              std::make_tuple("user@host:1", "P4ss" + passwords[i % 7], service(i))) << i;
+              std::make_tuple("user@host:1", "P4ss" + passwords[i % 7], service(i)))
+        << i;
   struct stat st {};
   ASSERT_EQ(::stat(m_path.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0600u);

@@ -52,11 +52,16 @@ TEST(QVTimerTest, FiresOnceWhenDueUnlessInvalidatedOrDestroyedAndItsActionMayDes
   QVTimer future(now + 150ms, [&](QVTimer&) { futureFiredAt = std::chrono::system_clock::now(); });
   QVTimer invalidated(now + 20ms, [&](QVTimer&) { fired += 1000; });
   invalidated.invalidate();
-  { QVTimer destroyed(now - 1s, [&](QVTimer&) { fired += 1000; }); }
+  {
+    QVTimer destroyed(now - 1s, [&](QVTimer&) { fired += 1000; });
+  }
   auto owned = std::make_shared<std::string>("still here");  // dies with the action
   std::string seen;
   std::unique_ptr<QVTimer> self;
-  self = std::make_unique<QVTimer>(now, [&, owned](QVTimer&) { self.reset(); seen = *owned; });
+  self = std::make_unique<QVTimer>(now, [&, owned](QVTimer&) {
+    self.reset();
+    seen = *owned;
+  });
   EXPECT_TRUE(qv::runMainLoopUntil([&] { return fired && !self; }, 1s)) << "a past date fires at once";
   ASSERT_TRUE(qv::runMainLoopUntil([&] { return futureFiredAt != QVDate{}; }, 3s));
   EXPECT_GE(futureFiredAt, now + 150ms);

@@ -42,7 +42,9 @@ void useZone(const char* zone) {
 
 TEST(QVScheduleTest, KeepsWallClockTimesAcrossClockChangesAndMonthEnds) {
   ASSERT_TRUE(std::filesystem::exists("/usr/share/zoneinfo/Europe/Berlin")) << "tzdata is not installed";
-  struct Case { const char *zone, *form, *last, *expected; };
+  struct Case {
+    const char *zone, *form, *last, *expected;
+  };
   const char *B = "Europe/Berlin", *U = "UTC";
   const std::vector<Case> cases = {
       // 09:00 CET -> CEST and back; 02:30 is skipped in spring (03:30) and not repeated in the fall.
@@ -57,9 +59,12 @@ TEST(QVScheduleTest, KeepsWallClockTimesAcrossClockChangesAndMonthEnds) {
       // Hourly is exactly one hour on, through the skipped hour and into the repeated one.
       {B, "hourly:15", "2024-03-31 00:15", "2024-03-31 01:15"},
       {B, "hourly:15", "2024-10-27 00:15", "2024-10-27 01:15"},
-      {U, "monthly@31", "2024-01-31", "2024-02-29 00:00"}, {U, "monthly@31", "2024-02-29", "2024-03-31 00:00"},
-      {U, "monthly@31", "2024-03-31", "2024-04-30 00:00"}, {U, "monthly@31", "2025-01-31", "2025-02-28 00:00"},
-      {U, "monthly@31", "2000-01-31", "2000-02-29 00:00"}, {U, "monthly@31", "2100-01-31", "2100-02-28 00:00"},
+      {U, "monthly@31", "2024-01-31", "2024-02-29 00:00"},
+      {U, "monthly@31", "2024-02-29", "2024-03-31 00:00"},
+      {U, "monthly@31", "2024-03-31", "2024-04-30 00:00"},
+      {U, "monthly@31", "2025-01-31", "2025-02-28 00:00"},
+      {U, "monthly@31", "2000-01-31", "2000-02-29 00:00"},
+      {U, "monthly@31", "2100-01-31", "2100-02-28 00:00"},
   };
   for (const Case& c : cases) {
     useZone(c.zone);
@@ -92,9 +97,16 @@ TEST(QVScheduleTest, CountsFromTheLastAttemptElseFromNowAndNeverForManual) {
 
 TEST(QVScheduleFormsTest, ReadableAndStoredFormsRoundTripAndBadOnesAreRefusedWithAReason) {
   for (auto [text, canonical] : std::vector<std::pair<const char*, const char*>>{
-           {"manual", "manual"}, {"hourly", "hourly:00"}, {"hourly:05", "hourly:05"}, {"daily", "daily@00:00"},
-           {"DAILY@9:30", "daily@09:30"}, {"Weekly@Friday", "weekly@fri@00:00"}, {"weekly@7@8:05", "weekly@sun@08:05"},
-           {"weekly@TUE@23:59", "weekly@tue@23:59"}, {"monthly", "monthly@1@00:00"}, {"monthly@31", "monthly@31@00:00"},
+           {"manual", "manual"},
+           {"hourly", "hourly:00"},
+           {"hourly:05", "hourly:05"},
+           {"daily", "daily@00:00"},
+           {"DAILY@9:30", "daily@09:30"},
+           {"Weekly@Friday", "weekly@fri@00:00"},
+           {"weekly@7@8:05", "weekly@sun@08:05"},
+           {"weekly@TUE@23:59", "weekly@tue@23:59"},
+           {"monthly", "monthly@1@00:00"},
+           {"monthly@31", "monthly@31@00:00"},
        }) {
     std::string error;
     auto parsed = qv::scheduleFromSpec(text, &error);

@@ -33,7 +33,7 @@ TEST_F(QVUserDefaultsTest, RewritesTheFileOnlyForAChangeAndKeepsTheOldOneWhenThe
   store.setObject(std::string(64 * 1024, 'n'), "k");
   struct rlimit saved {};
   ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
-  const struct rlimit small {4096, saved.rlim_max};
+  const struct rlimit small { 4096, saved.rlim_max };
   auto previousHandler = std::signal(SIGXFSZ, SIG_IGN);
   ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
   const bool written = store.synchronize();

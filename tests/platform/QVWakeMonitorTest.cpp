@@ -15,7 +15,9 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-void spin(std::chrono::milliseconds duration) { qv::runMainLoopUntil([] { return false; }, duration); }
+void spin(std::chrono::milliseconds duration) {
+  qv::runMainLoopUntil([] { return false; }, duration);
+}
 
 // A private dbus-daemon standing in for the system bus, and a connection on it that owns logind's name.
 struct FakeLogind {

@@ -16,8 +16,9 @@ class QVBadInputTest : public HostTest {
   // The program neither crashed nor hung, and said something when it failed.
   static void expectDefined(const ProgramResult& result, const std::string& what) {
     EXPECT_TRUE(result.status == 0 || result.status == 1 || result.status == 2) << what << ": " << result.status << "\n"
-                                                                               << result.err;
-    EXPECT_TRUE(result.status == 0 || result.err.find("stellwin-backup: ") != std::string::npos) << what << "\n" << result.err;
+                                                                                << result.err;
+    EXPECT_TRUE(result.status == 0 || result.err.find("stellwin-backup: ") != std::string::npos) << what << "\n"
+                                                                                                 << result.err;
   }
   // A group of one file at a destination of type at 127.0.0.1:port, path case.
   void addRemoteGroup(const std::string& type, int port, const std::string& name) {
@@ -76,7 +77,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = 'HTTP/1.1'
     def log_message(self, *args): pass
     def do_GET(self):
-        open(')" + leak + R"(', 'a').write(self.path + '\n')
+        open(')" + leak +
+                      R"(', 'a').write(self.path + '\n')
         self.send_response(404); self.send_header('Content-Length', '0'); self.end_headers()
     def do_PROPFIND(self):
         self.rfile.read(int(self.headers.get('Content-Length', 0)))
@@ -126,7 +128,8 @@ class Handler(FTPHandler):
     def ftp_NLST(self, path): self.push_dtp_data(self.listing(path), cmd='NLST')
     def ftp_LIST(self, path): self.push_dtp_data(self.listing(path), cmd='LIST')
 authorizer = DummyAuthorizer()
-authorizer.add_anonymous(')" + root + R"(', perm='elradfmwMT')
+authorizer.add_anonymous(')" +
+                      root + R"(', perm='elradfmwMT')
 Handler.authorizer = authorizer
 FTPServer(('127.0.0.1', int(sys.argv[1])), Handler).serve_forever()
 )");

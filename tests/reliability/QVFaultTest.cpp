@@ -29,7 +29,8 @@ class QVFaultTest : public HostTest, public ::testing::WithParamInterface<std::s
     if (!haveProgram("/usr/sbin/apache2") || !haveProgram("/usr/bin/python3")) GTEST_SKIP() << "no test servers";
     m_root = addDestination("Dest", m_env.root() + "/local");
     m_daemon = std::make_unique<RunningProgram>(std::vector<std::string>{"daemon"});
-    ASSERT_TRUE(m_daemon->waitFor([&] { return m_daemon->err.find("started with") != std::string::npos; }, seconds(20)));
+    ASSERT_TRUE(
+        m_daemon->waitFor([&] { return m_daemon->err.find("started with") != std::string::npos; }, seconds(20)));
   }
   void TearDown() override {
     if (!m_daemon) return;
@@ -55,8 +56,8 @@ class QVFaultTest : public HostTest, public ::testing::WithParamInterface<std::s
     } else if (GetParam() == "ftp") {
       m_servers.push_back(std::make_unique<PyftpdlibServer>("ann", "pw", 64 << 20));
       root = static_cast<PyftpdlibServer&>(*m_servers.back()).root() + "/b";
-      arguments.insert(arguments.end(), {"ftp", "--server", "127.0.0.1", "--path", "b", "--user", "ann",
-                                         "--password-stdin"});
+      arguments.insert(arguments.end(),
+                       {"ftp", "--server", "127.0.0.1", "--path", "b", "--user", "ann", "--password-stdin"});
       input = "pw\n";
     } else {
       root = localFolder;
@@ -101,9 +102,12 @@ class QVFaultTest : public HostTest, public ::testing::WithParamInterface<std::s
     const std::set<std::string> before = bigFiles();
     RunningProgram backup({"backup", title});
     // A new path, not a count: the server may still be dropping what an aborted upload left.
-    EXPECT_TRUE(backup.waitFor([&] {
-      return std::ranges::any_of(bigFiles(), [&](const std::string& path) { return !before.contains(path); });
-    }, seconds(60))) << backup.err;
+    EXPECT_TRUE(backup.waitFor(
+        [&] {
+          return std::ranges::any_of(bigFiles(), [&](const std::string& path) { return !before.contains(path); });
+        },
+        seconds(60)))
+        << backup.err;
     act();
     return backup.finish();
   }
@@ -182,9 +186,7 @@ TEST_P(QVFaultTest, CancelBeforeTheFirstItemInsideAFileAndDuringPruningEndsWithM
   });
   // Inside the large file, after a whole run.
   EXPECT_EQ(backupWhile("Docs", [] {}).status, 0) << "runs to its end when left alone";
-  cancelled([&](int& cancel) {
-    return backupWhile("Docs", [&] { cancel = runProgram({"cancel", "Docs"}).status; });
-  });
+  cancelled([&](int& cancel) { return backupWhile("Docs", [&] { cancel = runProgram({"cancel", "Docs"}).status; }); });
 }
 
 TEST_P(QVFaultTest, TheDestinationOrItsServerVanishingDuringARunIsToldAndTheNextRunWorksAgain) {
@@ -259,12 +261,14 @@ TEST_P(QVPruneFaultTest, CancelledOrKilledWhilePruningTheNewestVersionStays) {
   auto runWhilePruning = [&](const std::function<void()>& act) {
     for (int version = 0; version < 4; ++version)
       for (int file = 0; file < 400; ++file)
-        writeFile(m_root + "/Docs/2020010100000" + std::to_string(version) + ".backup/Docs/f" + std::to_string(file), "old");
+        writeFile(m_root + "/Docs/2020010100000" + std::to_string(version) + ".backup/Docs/f" + std::to_string(file),
+                  "old");
     fs::permissions(m_root + "/Docs", fs::perms::all);
     RunningProgram run({"backup", "Docs"});
     auto old = [&] {
       const auto all = versions("Docs");
-      return std::count_if(all.begin(), all.end(), [](const std::string& v) { return v.find("/2020") != std::string::npos; });
+      return std::count_if(all.begin(), all.end(),
+                           [](const std::string& v) { return v.find("/2020") != std::string::npos; });
     };
     EXPECT_TRUE(run.waitFor([&] { return old() < 4; }, seconds(60))) << run.err;
     act();

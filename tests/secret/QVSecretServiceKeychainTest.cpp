@@ -39,7 +39,10 @@ class QVSecretServiceKeychainTest : public qvtest::AgentTest {
     g_autofree char* out = nullptr;
     g_spawn_command_line_sync(("dbus-send --session --print-reply --dest=org.freedesktop.secrets "
                                "/org/freedesktop/secrets/aliases/default org.freedesktop.Secret.Collection.SearchItems "
-                               "dict:string:string:service," + m_service).c_str(), &out, nullptr, nullptr, nullptr);
+                               "dict:string:string:service," +
+                               m_service)
+                                  .c_str(),
+                              &out, nullptr, nullptr, nullptr);
     int n = 0;
     for (const char* at = out; at && (at = std::strstr(at, "object path")); ++at) ++n;
     return n;

@@ -24,7 +24,8 @@ QVDictionary agentPreferencesOnDisk(const IsolatedEnvironment& env) {
   return agent.dictionary() ? *agent.dictionary() : QVDictionary{};
 }
 
-const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key, const std::string& identifier) {
+const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key,
+                                 const std::string& identifier) {
   const QVValue* records = qv::valueForKey(preferences, key);
   if (records && records->array())
     for (const QVValue& record : *records->array())

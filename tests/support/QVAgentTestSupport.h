@@ -23,7 +23,8 @@ QVDictionary agentPreferencesInMemory();
 QVDictionary agentPreferencesOnDisk(const IsolatedEnvironment& env);
 // The record under key ("groups" or "targets") with that "id" (or nullptr); the value under key of a record,
 // and under field of a stored record (a null value when missing).
-const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key, const std::string& identifier);
+const QVDictionary* storedRecord(const QVDictionary& preferences, const std::string& key,
+                                 const std::string& identifier);
 QVValue valueIn(const QVDictionary* record, const std::string& key);
 QVValue storedValue(const QVDictionary& preferences, const std::string& key, const std::string& identifier,
                     const std::string& field);

@@ -7,7 +7,6 @@
 #include <filesystem>
 #include <vector>
 
-
 namespace fs = std::filesystem;
 
 namespace qvtest {
@@ -31,14 +30,18 @@ VsftpdServer::VsftpdServer(const std::optional<std::pair<std::string, std::strin
   std::string conf = "listen=YES\nbackground=NO\nlisten_address=127.0.0.1\nlisten_port=" + std::to_string(port) +
                      "\nrun_as_launching_user=YES\nanonymous_enable=YES\nno_anon_password=YES\nanon_root=" + root() +
                      "\nwrite_enable=YES\nanon_upload_enable=YES\nanon_mkdir_write_enable=YES\n"
-                     "anon_other_write_enable=YES\nanon_umask=022\nsecure_chroot_dir=" + dir + "/empty\n"
-                     "pasv_min_port=" + std::to_string(passive) + "\npasv_max_port=" + std::to_string(passive + 9) +
+                     "anon_other_write_enable=YES\nanon_umask=022\nsecure_chroot_dir=" +
+                     dir +
+                     "/empty\n"
+                     "pasv_min_port=" +
+                     std::to_string(passive) + "\npasv_max_port=" + std::to_string(passive + 9) +
                      "\npasv_address=127.0.0.1\nseccomp_sandbox=NO\nxferlog_enable=YES\nvsftpd_log_file=" + dir +
                      "/vsftpd.log\n";
   if (tls)
-    conf += "ssl_enable=YES\nimplicit_ssl=YES\nallow_anon_ssl=YES\nforce_anon_logins_ssl=YES\n"
-            "force_anon_data_ssl=YES\nssl_ciphers=HIGH\nrequire_ssl_reuse=NO\nrsa_cert_file=" + tls->first +
-            "\nrsa_private_key_file=" + tls->second + "\n";
+    conf +=
+        "ssl_enable=YES\nimplicit_ssl=YES\nallow_anon_ssl=YES\nforce_anon_logins_ssl=YES\n"
+        "force_anon_data_ssl=YES\nssl_ciphers=HIGH\nrequire_ssl_reuse=NO\nrsa_cert_file=" +
+        tls->first + "\nrsa_private_key_file=" + tls->second + "\n";
   writeFile(dir + "/vsftpd.conf", conf);
   writeFile(dir + "/vsftpd.log", "");
   // vsftpd loses the tail of uploads over TLS 1.3 (libcurl then reports 18 for the file), so the

@@ -36,5 +36,4 @@ class PyftpdlibServer : public TestServer {
   std::string root() const { return directory() + "/root"; }
 };
 
-
 }  // namespace qvtest

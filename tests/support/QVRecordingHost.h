@@ -32,8 +32,14 @@ class RecordingHost : public QVHostApplication, public QVTPAgent, public QVHostA
   QVNotification notificationInstance() override { return {}; }
   void showNotification(const QVNotification& n) override;
   void removeNotificationWithTag(const std::string& tag) override { add("removeNotificationWithTag:" + tag); }
-  void startStatusIconAnimation() override { ++animations; add("startStatusIconAnimation"); }
-  void stopStatusIconAnimation() override { --animations; add("stopStatusIconAnimation"); }
+  void startStatusIconAnimation() override {
+    ++animations;
+    add("startStatusIconAnimation");
+  }
+  void stopStatusIconAnimation() override {
+    --animations;
+    add("stopStatusIconAnimation");
+  }
   void setBackupGroupsCount(std::size_t n) override;
   void showGroupsWithIDs(const Journal& ids) override { add("host.showGroupsWithIDs:" + joined(ids)); }
 
@@ -62,7 +68,9 @@ class RecordingDelegate : public QVBackupAgentDelegate {
   void groupWithIDDidRemovedInAgent(const std::string& id, QVBackupAgent&) override {
     add("groupWithIDDidRemoved:" + id, true);
   }
-  void targetDidChangeInAgent(const QVTargetRef& t, QVBackupAgent&) override { add("targetDidChange:" + title(t), true); }
+  void targetDidChangeInAgent(const QVTargetRef& t, QVBackupAgent&) override {
+    add("targetDidChange:" + title(t), true);
+  }
   void showGroupsWithIDs(const Journal& ids) override { add("showGroupsWithIDs:" + joined(ids)); }
   void setLastBackupDate(const std::optional<QVDate>& date) override {
     add(date ? "setLastBackupDate:date" : "setLastBackupDate:none");
@@ -70,7 +78,9 @@ class RecordingDelegate : public QVBackupAgentDelegate {
 
  private:
   template <typename Ref>
-  static std::string title(const Ref& ref) { return ref ? ref->title : "<none>"; }
+  static std::string title(const Ref& ref) {
+    return ref ? ref->title : "<none>";
+  }
   void add(const std::string& line, bool changed = false);
 };
 

@@ -18,9 +18,9 @@ struct Script {
   std::mutex mutex;
   std::condition_variable changed;
   std::vector<std::optional<std::int64_t>> failures;  // per item: a code fails with "scripted <code>", 0 with no error
-  std::vector<std::vector<double>> progress;           // per item: fractions reported before answering
-  int unavailableAfterItems = -1;  // isAvailable turns false once this many items were tried
-  int blockAtItem = -1;            // the item that waits until release() or cancel
+  std::vector<std::vector<double>> progress;          // per item: fractions reported before answering
+  int unavailableAfterItems = -1;                     // isAvailable turns false once this many items were tried
+  int blockAtItem = -1;                               // the item that waits until release() or cancel
   // Guarded by mutex:
   bool blocked = false, released = false;
   std::vector<std::string> entries, removed;

@@ -10,8 +10,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <stdexcept>
 #include <thread>
@@ -134,9 +134,12 @@ TestCertificateAuthority::TestCertificateAuthority(const std::string& hostName) 
   const std::string altName = hostName == "127.0.0.1" ? "IP:127.0.0.1,DNS:localhost" : "DNS:" + hostName;
   writeFile(d + "/ext.cnf", "subjectAltName=" + altName + "\nbasicConstraints=CA:FALSE\n");
   const std::string command =
-      "cd '" + d + "' && openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 "
+      "cd '" + d +
+      "' && openssl req -x509 -newkey rsa:2048 -nodes -keyout ca.key -out ca.pem -days 2 "
       "-subj '/CN=Stellwin Test CA' && openssl req -newkey rsa:2048 -nodes -keyout server.key -out server.csr "
-      "-subj '/CN=" + hostName + "' && openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial "
+      "-subj '/CN=" +
+      hostName +
+      "' && openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial "
       "-out server.pem -days 2 -extfile ext.cnf";
   if (std::system(("(" + command + ") >/dev/null 2>&1").c_str()) != 0)
     throw std::runtime_error("openssl could not make the test certificates");
@@ -148,16 +151,19 @@ SabreDAVServer::SabreDAVServer(const std::string& basePath, const std::string& u
   // The credentials reach PHP in a file, never on a command line.
   writeFile(dir + "/user", user);
   writeFile(dir + "/password", password);
-  writeFile(dir + "/server.php",
-            "<?php\nrequire_once 'Sabre/autoload.php';\n"
-            "class TestAuth extends \\Sabre\\DAV\\Auth\\Backend\\AbstractBasic {\n"
-            "  protected function validateUserPass($u, $p) {\n"
-            "    return $u === file_get_contents(__DIR__ . '/user') && $p === file_get_contents(__DIR__ . '/password');\n"
-            "  }\n}\n"
-            "$server = new \\Sabre\\DAV\\Server(new \\Sabre\\DAV\\FS\\Directory(__DIR__ . '/www'));\n"
-            "$server->setBaseUri('" + basePath + "');\n"
-            "$server->addPlugin(new \\Sabre\\DAV\\Auth\\Plugin(new TestAuth(), 'realm'));\n"
-            "$server->exec();\n");
+  writeFile(
+      dir + "/server.php",
+      "<?php\nrequire_once 'Sabre/autoload.php';\n"
+      "class TestAuth extends \\Sabre\\DAV\\Auth\\Backend\\AbstractBasic {\n"
+      "  protected function validateUserPass($u, $p) {\n"
+      "    return $u === file_get_contents(__DIR__ . '/user') && $p === file_get_contents(__DIR__ . '/password');\n"
+      "  }\n}\n"
+      "$server = new \\Sabre\\DAV\\Server(new \\Sabre\\DAV\\FS\\Directory(__DIR__ . '/www'));\n"
+      "$server->setBaseUri('" +
+          basePath +
+          "');\n"
+          "$server->addPlugin(new \\Sabre\\DAV\\Auth\\Plugin(new TestAuth(), 'realm'));\n"
+          "$server->exec();\n");
   writeFile(dir + "/server.log", "");
   const int port = freePort();
   start({"/usr/bin/php", "-d", "upload_max_filesize=0", "-d", "post_max_size=0", "-d", "memory_limit=-1", "-S",
@@ -173,7 +179,8 @@ ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std:
   std::string access = "    Require all granted\n";
   if (basicUser) {
     // htpasswd takes the password on standard input (-i), never on its command line.
-    const std::string command = "/usr/bin/htpasswd -ciB '" + dir + "/htpasswd' '" + basicUser->first + "' >/dev/null 2>&1";
+    const std::string command =
+        "/usr/bin/htpasswd -ciB '" + dir + "/htpasswd' '" + basicUser->first + "' >/dev/null 2>&1";
     FILE* pipe = ::popen(command.c_str(), "w");
     if (!pipe) throw std::runtime_error("cannot run htpasswd");
     std::fputs(basicUser->second.c_str(), pipe);
@@ -184,17 +191,22 @@ ApacheDAVServer::ApacheDAVServer(const std::optional<std::pair<std::string, std:
   const std::string modules = "/usr/lib/apache2/modules/";
   std::string conf = "ServerRoot " + dir + "\nPidFile " + dir + "/httpd.pid\nErrorLog " + dir +
                      "/error.log\nListen 127.0.0.1:" + std::to_string(port) + "\nServerName 127.0.0.1\n";
-  for (const char* module : {"mpm_event", "authz_core", "authz_user", "authn_core", "authn_file", "auth_basic", "dav",
-                             "dav_fs"})
+  for (const char* module :
+       {"mpm_event", "authz_core", "authz_user", "authn_core", "authn_file", "auth_basic", "dav", "dav_fs"})
     conf += std::string("LoadModule ") + module + "_module " + modules + "mod_" + module + ".so\n";
   if (tls)
     conf += "LoadModule ssl_module " + modules + "mod_ssl.so\nLoadModule socache_shmcb_module " + modules +
-            "mod_socache_shmcb.so\nSSLSessionCache shmcb:" + dir + "/ssl_scache(512000)\nSSLEngine on\n"
-            "SSLCertificateFile " + tls->certificateFile() + "\nSSLCertificateKeyFile " + tls->keyFile() + "\n";
-  conf += "StartServers 1\nServerLimit 1\nThreadsPerChild 16\nMaxRequestWorkers 16\nLimitRequestBody " + std::to_string(maxBody) + "\n"
+            "mod_socache_shmcb.so\nSSLSessionCache shmcb:" + dir +
+            "/ssl_scache(512000)\nSSLEngine on\n"
+            "SSLCertificateFile " +
+            tls->certificateFile() + "\nSSLCertificateKeyFile " + tls->keyFile() + "\n";
+  conf += "StartServers 1\nServerLimit 1\nThreadsPerChild 16\nMaxRequestWorkers 16\nLimitRequestBody " +
+          std::to_string(maxBody) +
+          "\n"
           "KeepAlive On\nMaxKeepAliveRequests 0\nKeepAliveTimeout 30\nTimeout 60\n"
-          "DavLockDB " + dir + "/davlock\nDocumentRoot " + root() + "\n<Directory " + root() +
-          ">\n    Dav On\n" + access + "</Directory>\n";
+          "DavLockDB " +
+          dir + "/davlock\nDocumentRoot " + root() + "\n<Directory " + root() + ">\n    Dav On\n" + access +
+          "</Directory>\n";
   if (!refusedNames.empty()) conf += "<FilesMatch \"" + refusedNames + "\">\n    Require all denied\n</FilesMatch>\n";
   writeFile(dir + "/httpd.conf", conf);
   start({"/usr/sbin/apache2", "-f", dir + "/httpd.conf", "-DFOREGROUND"}, port, dir + "/error.log");
@@ -205,18 +217,19 @@ NginxDAVServer::NginxDAVServer(long maxBody) {
   fs::create_directories(root());
   fs::create_directories(dir + "/temp");
   const int port = freePort();
-  std::string conf = "load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;\ndaemon off;\n"
-                     "master_process off;\npid " + dir + "/nginx.pid;\nerror_log " + dir + "/error.log;\n";
+  std::string conf =
+      "load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;\ndaemon off;\n"
+      "master_process off;\npid " +
+      dir + "/nginx.pid;\nerror_log " + dir + "/error.log;\n";
   if (::geteuid() == 0) conf += "user root root;\n";
   conf += "events { worker_connections 64; }\nhttp {\n  access_log off;\n  client_body_temp_path " + dir +
           "/temp;\n  proxy_temp_path " + dir + "/temp;\n  fastcgi_temp_path " + dir + "/temp;\n  uwsgi_temp_path " +
-          dir + "/temp;\n  scgi_temp_path " + dir + "/temp;\n  server {\n    listen 127.0.0.1:" +
-          std::to_string(port) + ";\n    root " + root() +
-          ";\n    client_max_body_size " + std::to_string(maxBody) + ";\n    dav_methods PUT DELETE MKCOL COPY MOVE;\n"
+          dir + "/temp;\n  scgi_temp_path " + dir + "/temp;\n  server {\n    listen 127.0.0.1:" + std::to_string(port) +
+          ";\n    root " + root() + ";\n    client_max_body_size " + std::to_string(maxBody) +
+          ";\n    dav_methods PUT DELETE MKCOL COPY MOVE;\n"
           "    dav_ext_methods PROPFIND OPTIONS;\n    create_full_put_path off;\n  }\n}\n";
   writeFile(dir + "/nginx.conf", conf);
-  start({"/usr/sbin/nginx", "-p", dir, "-c", dir + "/nginx.conf", "-e", dir + "/error.log"}, port,
-        dir + "/error.log");
+  start({"/usr/sbin/nginx", "-p", dir, "-c", dir + "/nginx.conf", "-e", dir + "/error.log"}, port, dir + "/error.log");
 }
 
 PythonServer::PythonServer(const std::string& script) {
@@ -227,10 +240,11 @@ PythonServer::PythonServer(const std::string& script) {
 }
 
 SilentServer::SilentServer()
-    : PythonServer("import socket, sys\n"
-                   "listener = socket.create_server(('127.0.0.1', int(sys.argv[1])))\n"
-                   "held = []\n"
-                   "while True:\n"
-                   "    held.append(listener.accept())\n") {}
+    : PythonServer(
+          "import socket, sys\n"
+          "listener = socket.create_server(('127.0.0.1', int(sys.argv[1])))\n"
+          "held = []\n"
+          "while True:\n"
+          "    held.append(listener.accept())\n") {}
 
 }  // namespace qvtest

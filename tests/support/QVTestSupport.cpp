@@ -25,7 +25,8 @@ TemporaryDirectory::~TemporaryDirectory() {
   // Folders a test made unreadable or read-only must still go.
   for (auto it = fs::recursive_directory_iterator(m_path, fs::directory_options::skip_permission_denied, ec);
        !ec && it != fs::recursive_directory_iterator(); it.increment(ec))
-    if (it->is_directory(ec) && !it->is_symlink(ec)) fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
+    if (it->is_directory(ec) && !it->is_symlink(ec))
+      fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, ec);
   fs::permissions(m_path, fs::perms::owner_all, fs::perm_options::add, ec);
   fs::remove_all(m_path, ec);
 }
@@ -55,8 +56,10 @@ IsolatedEnvironment::~IsolatedEnvironment() {
   QVUserDefaults::resetStandardUserDefaults();
   QVKeychain::setSharedProxy(nullptr);
   for (const auto& [name, value] : m_saved) {
-    if (value) setenv(name.c_str(), value->c_str(), 1);
-    else unsetenv(name.c_str());
+    if (value)
+      setenv(name.c_str(), value->c_str(), 1);
+    else
+      unsetenv(name.c_str());
   }
 }
 

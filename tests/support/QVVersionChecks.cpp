@@ -92,8 +92,8 @@ void expectRestoreAndVerify(const std::string& tree, const std::string& versionF
   fs::remove(versionFolder + "/Tree/Grüße/日本 #1?.txt");
   result = runProgram({"verify", group});
   EXPECT_EQ(result.status, 1);
-  for (const char* damaged : {"Tree/deep/er/est/x 100%.bin: differs", "Tree/with space/b c.txt: differs",
-                              "Tree/Grüße/日本 #1?.txt: missing"})
+  for (const char* damaged :
+       {"Tree/deep/er/est/x 100%.bin: differs", "Tree/with space/b c.txt: differs", "Tree/Grüße/日本 #1?.txt: missing"})
     EXPECT_NE(result.err.find(damaged), std::string::npos) << damaged << "\n" << result.err;
 }
 

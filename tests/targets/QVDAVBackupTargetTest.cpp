@@ -76,7 +76,8 @@ TEST_F(QVDAVBackupTargetTest, ListsTheCollectionsOfARepliesOwnDAVPrefix) {
       // Only the collection itself, a file only, a name that does not decode, a full URL as href.
       {reply(dav, {}), std::nullopt},
       {reply(dav, {{"/g/f.txt", ""}}), std::nullopt},
-      {reply(dav, {{"/g/bad%zz/", "<D:collection/>"}, {"/g/%ff%fe/", "<D:collection/>"}, {"/g/ok/", "<D:collection/>"}}),
+      {reply(dav,
+             {{"/g/bad%zz/", "<D:collection/>"}, {"/g/%ff%fe/", "<D:collection/>"}, {"/g/ok/", "<D:collection/>"}}),
        std::vector<std::string>{"ok"}},
       {reply(dav, {{"http://nas.local:8080/g/v%20w/", "<D:collection/>"}}), std::vector<std::string>{"v w"}},
       {"", std::nullopt},

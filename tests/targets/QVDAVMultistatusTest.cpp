@@ -31,7 +31,8 @@ TEST(QVDAVMultistatusTest, ReadsEveryServersListingByNamespace) {
   const std::vector<std::tuple<std::string, std::string, Names>> cases = {
       {"SabreDAV's d:, the folder itself first",
        "<d:multistatus xmlns:d=\"DAV:\" xmlns:s=\"http://sabredav.org/ns\">" + member("d:", self, true) +
-           member("d:", self + "20240101120000.backup/", true) + member("d:", self + "notes.txt", false) + "</d:multistatus>",
+           member("d:", self + "20240101120000.backup/", true) + member("d:", self + "notes.txt", false) +
+           "</d:multistatus>",
        std::vector<std::string>{"20240101120000.backup"}},
       {"a default namespace, the folder itself last and unescaped, full URLs",
        "<multistatus xmlns=\"DAV:\">" + member("", "http://127.0.0.1:8080" + self + "a%20b/", true) +
@@ -40,7 +41,8 @@ TEST(QVDAVMultistatusTest, ReadsEveryServersListingByNamespace) {
       {"no folder itself, Apache's lp1 on properties, an href with a raw %",
        "<D:multistatus xmlns:D=\"DAV:\"><D:response xmlns:lp1=\"DAV:\"><D:href>" + self +
            "v/</D:href><D:propstat><D:prop><lp1:resourcetype><D:collection/></lp1:resourcetype></D:prop>"
-           "</D:propstat></D:response>" + member("D:", self + "100%/", true) + "</D:multistatus>",
+           "</D:propstat></D:response>" +
+           member("D:", self + "100%/", true) + "</D:multistatus>",
        std::vector<std::string>{"v", "100%"}},
       {"a property that the server reports missing (404 propstat) is not a collection",
        "<d:multistatus xmlns:d=\"DAV:\"><d:response><d:href>" + self +
@@ -56,16 +58,16 @@ TEST(QVDAVMultistatusTest, ReadsEveryServersListingByNamespace) {
     EXPECT_EQ(QVDAVMultistatus::collectionNamesInReply(text, base), names) << what;
 
   auto members = QVDAVMultistatus::membersInReply(
-      "<d:multistatus xmlns:d=\"DAV:\">" + member("d:", self + "f", false, "<d:getcontentlength>42</d:getcontentlength>") +
-          "</d:multistatus>",
+      "<d:multistatus xmlns:d=\"DAV:\">" +
+          member("d:", self + "f", false, "<d:getcontentlength>42</d:getcontentlength>") + "</d:multistatus>",
       base);
   ASSERT_TRUE(members && members->size() == 1);
   EXPECT_EQ(members->front().size, 42u);
 }
 
 TEST(QVDAVMultistatusTest, TellsAListingThatOnlyANamespaceReadingSees) {
-  EXPECT_TRUE(QVDAVMultistatus::isReadableOnlyByNamespace("<d:multistatus xmlns:d=\"DAV:\">" + member("d:", "/a/", true) +
-                                                          "</d:multistatus>"));
+  EXPECT_TRUE(QVDAVMultistatus::isReadableOnlyByNamespace("<d:multistatus xmlns:d=\"DAV:\">" +
+                                                          member("d:", "/a/", true) + "</d:multistatus>"));
   EXPECT_TRUE(QVDAVMultistatus::isReadableOnlyByNamespace("<multistatus xmlns=\"DAV:\">" + member("", "/a/", true) +
                                                           "</multistatus>"));
   EXPECT_FALSE(QVDAVMultistatus::isReadableOnlyByNamespace(capturedReply("apache")));

@@ -21,9 +21,14 @@ TEST(QVFTPBackupTargetTest, ReadsDirectoriesAndFilesFromLongListings) {
       // A further space before the name, and a carriage return, belong to the name.
       {"-rw-r--r-- 1 a b 1 Nov 21 07:00  lead", {{" lead", false}}},
       {"-rw-r--r-- 1 a b 1 Nov 21 07:00 crlf\r", {{"crlf\r", false}}},
-      {"total 24", {}}, {"drwxr-xr-x 2 a b 4096 Nov 21 07:00 .", {}}, {"drwxr-xr-x 2 a b 4096 Nov 21 07:00 ..", {}},
-      {"-rw-r--r-- 1 a b 1 Nov 21 07:00", {}}, {"drwxr-xr-x 2 a b 4096 Nov 21 07:00 ", {}},
-      {"crw-rw-rw- 1 0 0 1, 3 Nov 21 07:00 null", {}}, {"d", {}}, {"", {}}};
+      {"total 24", {}},
+      {"drwxr-xr-x 2 a b 4096 Nov 21 07:00 .", {}},
+      {"drwxr-xr-x 2 a b 4096 Nov 21 07:00 ..", {}},
+      {"-rw-r--r-- 1 a b 1 Nov 21 07:00", {}},
+      {"drwxr-xr-x 2 a b 4096 Nov 21 07:00 ", {}},
+      {"crw-rw-rw- 1 0 0 1, 3 Nov 21 07:00 null", {}},
+      {"d", {}},
+      {"", {}}};
   std::vector<std::string> all;
   std::vector<Entry> expectedAll;
   for (const auto& [line, expected] : cases) {

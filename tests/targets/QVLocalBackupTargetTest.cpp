@@ -64,7 +64,8 @@ TEST_F(QVLocalBackupTargetTest, FailsWithoutTheDestinationFolderTheSourceOrAcces
   expectError(-43, "Group item is missing for backup", "gone.txt");
   qvtest::writeFile(m_dest + "/Photos", "in the way");  // where the group's folder belongs: fails even for root
   EXPECT_FALSE(backup("a.txt"));
-  expectError(std::nullopt, "You do not have appropriate access privileges to save group Photos in folder dest", "a.txt");
+  expectError(std::nullopt, "You do not have appropriate access privileges to save group Photos in folder dest",
+              "a.txt");
   EXPECT_EQ(qvtest::readFile(m_dest + "/Photos"), "in the way");
 }
 
@@ -96,7 +97,7 @@ TEST_F(QVLocalBackupTargetTest, ListsNothingBeforeTheFirstBackupAndRemovesOnlyTh
   EXPECT_TRUE(fs::exists(m_dest + "/Other/" + kEntry + "/d.txt"));
   EXPECT_TRUE(log.lines().empty());
   m_target.removeRootEntryForGroup(m_group);
-  EXPECT_EQ(log.lines(), std::vector<std::string>{"QVLocalBackupTarget warning: Could not remove directory -" + m_dest +
-                                                  "/Photos"})
+  EXPECT_EQ(log.lines(),
+            std::vector<std::string>{"QVLocalBackupTarget warning: Could not remove directory -" + m_dest + "/Photos"})
       << "a folder that is not there cannot be removed";
 }

@@ -41,7 +41,8 @@ TEST_F(QVWebDAVBackupTargetTest, RemovesTheGroupsFolderOnlyWhenAListingShowedNot
   const std::string version = "20240101120000.backup";
   const std::string open = "<d:multistatus xmlns:d=\"DAV:\">", close = "</d:multistatus>";
   const std::string self = "<d:response><d:href>/dav/G/</d:href></d:response>";
-  const std::string only = "<d:response><d:href>/dav/G/" + version + "/</d:href><d:propstat><d:prop><d:resourcetype>"
+  const std::string only = "<d:response><d:href>/dav/G/" + version +
+                           "/</d:href><d:propstat><d:prop><d:resourcetype>"
                            "<d:collection/></d:resourcetype></d:prop></d:propstat></d:response>";
   const std::string other = "<d:response><d:href>/dav/G/notes.txt</d:href></d:response>";
   const std::vector<std::tuple<std::optional<std::string>, bool, std::string>> cases = {
@@ -64,7 +65,8 @@ TEST_F(QVWebDAVBackupTargetTest, RemovesTheGroupsFolderOnlyWhenAListingShowedNot
     EXPECT_EQ(error.code, -27);
     auto entries = target.entriesInDirectoryForItem(group);
     EXPECT_EQ(entries.has_value(), listing && listing->find("<html>") == std::string::npos);
-    if (entries && std::find(entries->begin(), entries->end(), version) != entries->end()) target.removeEntry(version, group);
+    if (entries && std::find(entries->begin(), entries->end(), version) != entries->end())
+      target.removeEntry(version, group);
     target.removeRootEntryForGroup(group);
     const std::string requests = qvtest::readFile(server.directory() + "/requests");
     EXPECT_EQ(requests.find("DELETE /dav/G/\n") != std::string::npos, removed) << requests;

@@ -9,11 +9,11 @@
 
 #include "agent/QVBackupAgent.h"
 #include "agent/QVVersionName.h"
-#include "host/run/QVHostApp.h"
-#include "host/run/QVRecords.h"
 #include "host/cli/QVDestinationChecks.h"
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVRunPresenter.h"
+#include "host/run/QVHostApp.h"
+#include "host/run/QVRecords.h"
 #include "platform/QVRunLoop.h"
 
 namespace {
@@ -81,8 +81,8 @@ int QVBackupCommand::findGroups(const QVBackupAgent& agent, const QVCommandOptio
   return 0;
 }
 
-std::optional<QVRunOutcome> QVBackupCommand::startRun(QVBackupAgent& agent, QVRunMonitor& monitor,
-                                                      const QVGroup& group, std::string& say) {
+std::optional<QVRunOutcome> QVBackupCommand::startRun(QVBackupAgent& agent, QVRunMonitor& monitor, const QVGroup& group,
+                                                      std::string& say) {
   QVRunOutcome refused;
   refused.groupID = group.identifier;
   refused.title = group.title;
@@ -144,8 +144,8 @@ int QVBackupCommand::waitForRuns(const std::vector<std::string>& requested, bool
   m_host.setNotificationsPrintedElsewhere(true);
   const QVSubscription starts =
       m_monitor.addStartListener([&](const QVGroup& group) { presenter.begin(group.identifier, group.title); });
-  const QVSubscription progress = m_monitor.addProgressListener(
-      [&](const std::string& groupID, std::int64_t percent, const std::string& item) {
+  const QVSubscription progress =
+      m_monitor.addProgressListener([&](const std::string& groupID, std::int64_t percent, const std::string& item) {
         presenter.update(groupID, percent, item);
       });
   const QVSubscription outcomes =

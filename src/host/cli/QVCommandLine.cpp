@@ -34,9 +34,10 @@ constexpr const char* kScheduleHelp =
 }  // namespace
 
 struct QVCommandLine::Impl {
-  CLI::App app{"Stellwin Backup: copies groups of files and folders to a folder, a WebDAV server or an FTP "
-               "server, on request or on a schedule.",
-               kProgram};
+  CLI::App app{
+      "Stellwin Backup: copies groups of files and folders to a folder, a WebDAV server or an FTP "
+      "server, on request or on a schedule.",
+      kProgram};
 
   // Values as CLI11 fills them; copied into the options after a successful parse.
   std::string name, group, target, title, groupTarget, versions, schedule, type, path, server, port, user, url, caFile;
@@ -132,8 +133,7 @@ struct QVCommandLine::Impl {
     groupSet = groupCommand->add_subcommand("set", "Change a group's title, destination, versions or schedule");
     groupSet->add_option("GROUP", group, "The group")->required();
     addOptional(groupSet, "--title", title, &QVCommandOptions::title, "New title");
-    addOptional(groupSet, "--target", groupTarget, &QVCommandOptions::groupTarget,
-                "Destination (identifier or title)");
+    addOptional(groupSet, "--target", groupTarget, &QVCommandOptions::groupTarget, "Destination (identifier or title)");
     addOptional(groupSet, "--versions", versions, &QVCommandOptions::versions,
                 "How many versions to keep, 1 to 100000 (0, with --yes, removes each backup right after it is made)");
     groupSet->add_flag("--yes", yes, "Confirm a setting that removes backups (--versions 0)");
@@ -149,7 +149,8 @@ struct QVCommandLine::Impl {
     groupRemoveItems->add_option("PATH", paths, "Items to remove, as added")->required();
     groupRemoveItems->footer(kGroupHelp);
 
-    targetCommand = app.add_subcommand("destination", "Add, list, change and remove backup destinations (also: target)");
+    targetCommand =
+        app.add_subcommand("destination", "Add, list, change and remove backup destinations (also: target)");
     targetCommand->alias("target");
     targetCommand->require_subcommand(1);
     targetAdd = targetCommand->add_subcommand("add", "Add a destination");
@@ -169,8 +170,8 @@ struct QVCommandLine::Impl {
     targetRemove->add_option("TARGET", target, "The destination")->required();
     addOptional(targetRemove, "--groups-to", groupsTo, &QVCommandOptions::groupsTo,
                 "Move the groups that use it to this destination first");
-    targetRemove->add_flag("--force", force,
-                           "Remove it although groups use it; they cannot be backed up until given another destination");
+    targetRemove->add_flag(
+        "--force", force, "Remove it although groups use it; they cannot be backed up until given another destination");
     targetRemove->footer(kTargetHelp);
 
     versionsCommand = app.add_subcommand("versions", "List the versions of a group at its destination");
@@ -231,7 +232,9 @@ struct QVCommandLine::Impl {
     addOptional(files, "--version", version, &QVCommandOptions::version,
                 "The version: its name (with or without \".backup\"), a unique beginning of it, or \"latest\"; "
                 "default: the newest complete version");
-    files->add_option("PATH", paths, "A folder inside the version, or its own absolute path (default: the version itself)")
+    files
+        ->add_option("PATH", paths,
+                     "A folder inside the version, or its own absolute path (default: the version itself)")
         ->expected(0, 1);
     files->footer(kGroupHelp);
     addJSON(files);
@@ -259,7 +262,8 @@ struct QVCommandLine::Impl {
       names.push_back(candidate->get_name());
     }
     if (!command)
-      return "unknown command " + qv::quoted(first) + qv::didYouMean(first, names) + " (see \"" + kProgram + " --help\")";
+      return "unknown command " + qv::quoted(first) + qv::didYouMean(first, names) + " (see \"" + kProgram +
+             " --help\")";
     if ((command != groupCommand && command != targetCommand) || argc < 3 || argv[2][0] == '-') return "";
     const std::string second = argv[2];
     names.clear();
@@ -273,16 +277,26 @@ struct QVCommandLine::Impl {
 
   QVCommand chosen() const {
     const std::pair<const CLI::App*, QVCommand> table[] = {
-        {groupAdd, QVCommand::groupAdd},         {groupList, QVCommand::groupList},
-        {groupShow, QVCommand::groupShow},       {groupSet, QVCommand::groupSet},
-        {groupRemove, QVCommand::groupRemove},   {groupRemoveItems, QVCommand::groupRemoveItems},
-        {targetAdd, QVCommand::targetAdd},       {targetList, QVCommand::targetList},
-        {targetSet, QVCommand::targetSet},       {targetRemove, QVCommand::targetRemove},
-        {versionsCommand, QVCommand::versions},  {backup, QVCommand::backup},
-        {daemon, QVCommand::daemon},             {menu, QVCommand::menu},
-        {restore, QVCommand::restore},           {verify, QVCommand::verify},
-        {log, QVCommand::log},                   {status, QVCommand::status},
-        {cancel, QVCommand::cancel},             {files, QVCommand::files},
+        {groupAdd, QVCommand::groupAdd},
+        {groupList, QVCommand::groupList},
+        {groupShow, QVCommand::groupShow},
+        {groupSet, QVCommand::groupSet},
+        {groupRemove, QVCommand::groupRemove},
+        {groupRemoveItems, QVCommand::groupRemoveItems},
+        {targetAdd, QVCommand::targetAdd},
+        {targetList, QVCommand::targetList},
+        {targetSet, QVCommand::targetSet},
+        {targetRemove, QVCommand::targetRemove},
+        {versionsCommand, QVCommand::versions},
+        {backup, QVCommand::backup},
+        {daemon, QVCommand::daemon},
+        {menu, QVCommand::menu},
+        {restore, QVCommand::restore},
+        {verify, QVCommand::verify},
+        {log, QVCommand::log},
+        {status, QVCommand::status},
+        {cancel, QVCommand::cancel},
+        {files, QVCommand::files},
     };
     for (const auto& [command, value] : table)
       if (command->parsed()) return value;

@@ -38,7 +38,7 @@ enum class QVCommand {
 struct QVCommandOptions {
   QVCommand command = QVCommand::summary;
   bool json = false;
-  bool ids = false;  // --ids: tables show each record's identifier
+  bool ids = false;      // --ids: tables show each record's identifier
   bool verbose = false;  // --verbose: diagnostics on stderr too
 
   std::string name;                 // group add NAME

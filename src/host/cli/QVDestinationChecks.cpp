@@ -8,8 +8,11 @@ QVDAVListingVerdict checkDAVListing(const QVTarget& target) {
   QVDAVListingVerdict verdict;
   if (target.type != "dav") return verdict;
   switch (QVDAVBackupTarget::checkListing(target)) {
-    case QVDAVBackupTarget::QVListingCheck::readable: break;
-    case QVDAVBackupTarget::QVListingCheck::unreachable: verdict.unreachable = true; break;
+    case QVDAVBackupTarget::QVListingCheck::readable:
+      break;
+    case QVDAVBackupTarget::QVListingCheck::unreachable:
+      verdict.unreachable = true;
+      break;
     case QVDAVBackupTarget::QVListingCheck::unreadable:
       verdict.unreadable = true;
       verdict.message =
@@ -17,8 +20,8 @@ QVDAVListingVerdict checkDAVListing(const QVTarget& target) {
           ") writes its listings in a form the dav kind cannot read: its versions would never be found or pruned, "
           "and a failed run would remove the group's folder with every version in it. Switch it to the webdav "
           "kind, which reads any server and keeps the versions already there and the destination's identifier: "
-          "stellwin-backup target set " + target.identifier + " --type webdav --url " +
-          QVDAVBackupTarget::folderURL(target) +
+          "stellwin-backup target set " +
+          target.identifier + " --type webdav --url " + QVDAVBackupTarget::folderURL(target) +
           (target.user && !target.user->empty() && target.pass && !target.pass->empty()
                ? " --allow-plain-http (its password already travels over plain http; give an https:// URL "
                  "instead where the server offers one)"

@@ -49,10 +49,14 @@ std::size_t utf8SequenceLength(const std::string& text, std::size_t at) {
   std::size_t length = 0;
   unsigned char low = 0x80, high = 0xBF;
   if (lead < 0x80) return 1;
-  if (lead >= 0xC2 && lead <= 0xDF) length = 2;
-  else if (lead >= 0xE0 && lead <= 0xEF) length = 3, low = lead == 0xE0 ? 0xA0 : 0x80, high = lead == 0xED ? 0x9F : 0xBF;
-  else if (lead >= 0xF0 && lead <= 0xF4) length = 4, low = lead == 0xF0 ? 0x90 : 0x80, high = lead == 0xF4 ? 0x8F : 0xBF;
-  else return 0;
+  if (lead >= 0xC2 && lead <= 0xDF)
+    length = 2;
+  else if (lead >= 0xE0 && lead <= 0xEF)
+    length = 3, low = lead == 0xE0 ? 0xA0 : 0x80, high = lead == 0xED ? 0x9F : 0xBF;
+  else if (lead >= 0xF0 && lead <= 0xF4)
+    length = 4, low = lead == 0xF0 ? 0x90 : 0x80, high = lead == 0xF4 ? 0x8F : 0xBF;
+  else
+    return 0;
   if (at + length > text.size()) return 0;
   if (byte(at + 1) < low || byte(at + 1) > high) return 0;
   for (std::size_t i = 2; i < length; ++i)
@@ -93,7 +97,9 @@ bool oneTypoApart(const std::string& given, const std::string& candidate) {
   if (sizeA > sizeB + 1 || sizeB > sizeA + 1) return false;
   std::size_t head = 0;
   while (head < sizeA && head < sizeB && a[head] == b[head]) ++head;
-  auto sameTail = [&](std::size_t fromA, std::size_t fromB) { return a.compare(fromA, std::string::npos, b, fromB) == 0; };
+  auto sameTail = [&](std::size_t fromA, std::size_t fromB) {
+    return a.compare(fromA, std::string::npos, b, fromB) == 0;
+  };
   if (sizeA == sizeB)
     return sameTail(head + 1, head + 1) ||
            (head + 1 < sizeA && a[head] == b[head + 1] && a[head + 1] == b[head] && sameTail(head + 2, head + 2));
@@ -120,7 +126,8 @@ QVFoundRecord<Ref> findRecord(const std::vector<Ref>& records, const std::string
   }
   std::string identifiers;
   for (const auto& record : titled) identifiers += (identifiers.empty() ? "" : ", ") + record->identifier;
-  return {nullptr, std::to_string(titled.size()) + " " + kind + "s are titled " + quoted(argument) + " (" + identifiers + "); name one by its identifier"};
+  return {nullptr, std::to_string(titled.size()) + " " + kind + "s are titled " + quoted(argument) + " (" +
+                       identifiers + "); name one by its identifier"};
 }
 
 }  // namespace
@@ -175,8 +182,8 @@ std::string groupTitleProblem(const std::string& title) {
 QVVersionsArgument versionsArgument(const std::string& text, bool confirmed) {
   auto value = wholeNumber(text);
   if (!value || *value > kMaxVersions)
-    return {std::nullopt, "--versions takes a whole number from 1 to " + std::to_string(kMaxVersions) + ", not " +
-                              quoted(text)};
+    return {std::nullopt,
+            "--versions takes a whole number from 1 to " + std::to_string(kMaxVersions) + ", not " + quoted(text)};
   if (*value == 0 && !confirmed)
     return {std::nullopt,
             "--versions 0 removes every backup of the group right after it is made; give --yes as well to mean it"};

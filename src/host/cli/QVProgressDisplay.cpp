@@ -125,7 +125,8 @@ void QVProgressDisplay::printLine(std::FILE* stream, const std::string& line) {
 void QVProgressDisplay::draw() {
   if (!m_live) return;
   std::size_t titleWidth = 0;
-  for (const auto& bar : m_bars) titleWidth = std::max(titleWidth, std::min(kMaxTitleWidth, qv::displayWidth(bar.title)));
+  for (const auto& bar : m_bars)
+    titleWidth = std::max(titleWidth, std::min(kMaxTitleWidth, qv::displayWidth(bar.title)));
   static const char kSpinner[] = {'|', '/', '-', '\\'};
   const std::string spinner = m_busy && m_busy() ? std::string(1, kSpinner[m_frame++ % 4]) + " " : "  ";
   std::string text;

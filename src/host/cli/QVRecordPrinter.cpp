@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/QVBackupAgent.h"
-#include "host/run/QVRecords.h"
 #include "host/run/QVReadableText.h"
+#include "host/run/QVRecords.h"
 #include "host/run/QVRunJournal.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVMenu.h"
@@ -152,8 +152,7 @@ std::string groupsJSON(const QVBackupAgent& agent, QVDate now) {
   for (const auto& group : agent.groups()) {
     QVDictionary record = groupRecord(*group);
     record["nextRun"] = QVValue();
-    if (auto next = agent.nextRunDateForGroupWithID(group->identifier, now))
-      record["nextRun"] = iso8601(*next);
+    if (auto next = agent.nextRunDateForGroupWithID(group->identifier, now)) record["nextRun"] = iso8601(*next);
     records.emplace_back(std::move(record));
   }
   return recordJSON(QVValue(std::move(records)));
@@ -182,8 +181,10 @@ std::string groupDetails(const QVBackupAgent& agent, const QVGroup& group, QVDat
   fields.addRow({"Destination:", destination});
   fields.addRow({"Schedule:", scheduleText(group)});
   std::string versions = group.versions ? std::to_string(*group.versions) : std::string("not set");
-  if (group.hasUnreadableVersions()) versions = "cannot be read (no old version is removed)";
-  else if (group.versions.value_or(0) == 0) versions += " (each backup is removed right after it is made)";
+  if (group.hasUnreadableVersions())
+    versions = "cannot be read (no old version is removed)";
+  else if (group.versions.value_or(0) == 0)
+    versions += " (each backup is removed right after it is made)";
   fields.addRow({"Versions kept:", versions});
   fields.addRow({"Status:", statusText(group)});
   fields.addRow({"Last backup:", dateText(group.lastBackupDate)});
@@ -225,8 +226,8 @@ std::string versionsJSON(const QVGroup& group, const std::vector<std::string>& n
   records.reserve(names.size());
   for (const auto& name : names) {
     const bool isPartial = std::find(partial.begin(), partial.end(), name) != partial.end();
-    records.emplace_back(
-        QVDictionary{{"groupID", group.identifier}, {"groupTitle", group.title}, {"name", name}, {"partial", isPartial}});
+    records.emplace_back(QVDictionary{
+        {"groupID", group.identifier}, {"groupTitle", group.title}, {"name", name}, {"partial", isPartial}});
   }
   return recordJSON(QVValue(std::move(records)));
 }
@@ -236,7 +237,8 @@ std::string journalTable(const std::vector<QVJournalEntry>& entries, bool colour
     auto date = dateFromISO8601(iso);
     return date ? tableDateText(*date) : iso;
   };
-  QVTextTable table({"STARTED", "ENDED", "GROUP", "OUTCOME", "STATUS", "VERSION", "ITEMS", "FILES", "SIZE", "LEFT OUT"});
+  QVTextTable table(
+      {"STARTED", "ENDED", "GROUP", "OUTCOME", "STATUS", "VERSION", "ITEMS", "FILES", "SIZE", "LEFT OUT"});
   for (const auto& entry : entries) {
     table.addRow({local(entry.started), local(entry.ended), entry.title,
                   colour ? outcomeColoured(entry.outcome, entry.outcome) : entry.outcome,

@@ -5,9 +5,9 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstdio>
 #include <functional>
 #include <map>
-#include <cstdio>
 #include <ostream>
 
 #include "agent/QVBackupAgent.h"
@@ -16,8 +16,8 @@
 #include "host/cli/QVHostArguments.h"
 #include "host/cli/QVPasswordInput.h"
 #include "host/cli/QVRecordPrinter.h"
-#include "host/run/QVRecords.h"
 #include "host/run/QVReadableText.h"
+#include "host/run/QVRecords.h"
 #include "host/run/QVRunJournal.h"
 #include "host/run/QVRunMonitor.h"
 #include "host/run/QVVersionNames.h"
@@ -111,27 +111,44 @@ void QVRegistryCommands::warn(const std::string& line) {
 
 int QVRegistryCommands::run(const QVCommandOptions& options) {
   switch (options.command) {
-    case QVCommand::groupAdd: return groupAdd(options);
-    case QVCommand::groupList: return groupList(options);
-    case QVCommand::groupShow: return groupShow(options);
-    case QVCommand::groupSet: return groupSet(options);
-    case QVCommand::groupRemove: return groupRemove(options);
-    case QVCommand::groupRemoveItems: return groupRemoveItems(options);
-    case QVCommand::targetAdd: return targetAdd(options);
-    case QVCommand::targetList: return targetList(options);
-    case QVCommand::targetSet: return targetSet(options);
-    case QVCommand::targetRemove: return targetRemove(options);
-    case QVCommand::versions: return versions(options);
-    case QVCommand::menu: return menu(options);
-    case QVCommand::log: return log(options);
-    case QVCommand::summary: return summary(options);
-    case QVCommand::status: return status(options);
-    case QVCommand::cancel: return cancel(options);
+    case QVCommand::groupAdd:
+      return groupAdd(options);
+    case QVCommand::groupList:
+      return groupList(options);
+    case QVCommand::groupShow:
+      return groupShow(options);
+    case QVCommand::groupSet:
+      return groupSet(options);
+    case QVCommand::groupRemove:
+      return groupRemove(options);
+    case QVCommand::groupRemoveItems:
+      return groupRemoveItems(options);
+    case QVCommand::targetAdd:
+      return targetAdd(options);
+    case QVCommand::targetList:
+      return targetList(options);
+    case QVCommand::targetSet:
+      return targetSet(options);
+    case QVCommand::targetRemove:
+      return targetRemove(options);
+    case QVCommand::versions:
+      return versions(options);
+    case QVCommand::menu:
+      return menu(options);
+    case QVCommand::log:
+      return log(options);
+    case QVCommand::summary:
+      return summary(options);
+    case QVCommand::status:
+      return status(options);
+    case QVCommand::cancel:
+      return cancel(options);
     case QVCommand::backup:
     case QVCommand::daemon:
     case QVCommand::restore:
     case QVCommand::verify:
-    case QVCommand::files: break;
+    case QVCommand::files:
+      break;
   }
   return refuse("internal error: not a registry command");
 }
@@ -168,13 +185,15 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
     }
     // The preferences hold text: such a path would be stored changed, and its item then be missing.
     if (!qv::isValidUTF8(path)) {
-      warn(qv::quoted(path) + " is not added: its name is not valid UTF-8, which the preferences cannot keep; "
+      warn(qv::quoted(path) +
+           " is not added: its name is not valid UTF-8, which the preferences cannot keep; "
            "add the folder that holds it instead");
       continue;
     }
     if (!contains(existing, path)) existing.push_back(path);
   }
-  if (existing.empty()) return fail("nothing was added to " + qv::quoted(options.name) + ": none of the given paths exists");
+  if (existing.empty())
+    return fail("nothing was added to " + qv::quoted(options.name) + ": none of the given paths exists");
 
   // The agent adds to the first group with this title, or makes one.
   std::vector<std::string> itemsBefore;
@@ -195,9 +214,12 @@ int QVRegistryCommands::groupAdd(const QVCommandOptions& options) {
   }
   if (!group) return fail("the group " + qv::quoted(options.name) + " could not be made");
   for (const auto& path : existing) {
-    if (contains(itemsBefore, path)) m_out << "already in the group: " << path << "\n";
-    else if (contains(group->items, path)) m_out << "added: " << path << "\n";
-    else m_out << "already covered by a folder of the group: " << path << "\n";
+    if (contains(itemsBefore, path))
+      m_out << "already in the group: " << path << "\n";
+    else if (contains(group->items, path))
+      m_out << "added: " << path << "\n";
+    else
+      m_out << "already covered by a folder of the group: " << path << "\n";
   }
   // A version that held its destination would hold every version before it.
   qv::passOverOwnFolders(m_agent);
@@ -303,7 +325,8 @@ int QVRegistryCommands::groupRemoveItems(const QVCommandOptions& options) {
     }
   }
   if (removing.empty())
-    return refuse((strangers.size() == 1 ? qv::quoted(strangers.front()) + " is not an item" : "none of the given paths is an item") +
+    return refuse((strangers.size() == 1 ? qv::quoted(strangers.front()) + " is not an item"
+                                         : "none of the given paths is an item") +
                   std::string(" of group ") + qv::quoted(group->title));
   for (const auto& path : strangers) warn(qv::quoted(path) + " is not an item of group " + qv::quoted(group->title));
   m_agent.removeItemsWithPaths(removing, group->identifier);
@@ -362,8 +385,7 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
     if (options.passwordStdin && !target.user) return "--password-stdin needs --user";
   } else {
     if (options.server) target.server = *options.server;
-    if (!target.server || target.server->empty())
-      return "--server is required for a " + target.type + " destination";
+    if (!target.server || target.server->empty()) return "--server is required for a " + target.type + " destination";
     if (options.server && options.server->find_first_of("/ ") != std::string::npos)
       return "--server takes a host name, not " + qv::quoted(*options.server);
     if (options.port) {
@@ -393,7 +415,8 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
       if (!password) return "could not read the password from standard input";
       target.pass = *password;
     } else if (options.user && !options.user->empty() && !options.remote && qv::canPromptForPassword()) {
-      auto password = qv::promptForPassword("Password for " + *target.user + " at " + target.server.value_or("") + ": ");
+      auto password =
+          qv::promptForPassword("Password for " + *target.user + " at " + target.server.value_or("") + ": ");
       target.pass = password.value_or("");
     } else if (isNew) {
       target.pass = "";
@@ -401,8 +424,8 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
     }
   }
   const std::string url = QVWebDAVBackupTarget::urlOfTarget(target);
-  if (target.type == "webdav" && url.rfind("http://", 0) == 0 && target.user && !target.user->empty() &&
-      target.pass && !target.pass->empty() && !QVWebDAVBackupTarget::allowsPlainHTTP(target))
+  if (target.type == "webdav" && url.rfind("http://", 0) == 0 && target.user && !target.user->empty() && target.pass &&
+      !target.pass->empty() && !QVWebDAVBackupTarget::allowsPlainHTTP(target))
     return "the password would travel over plain http:// to " + QVWebDAVBackupTarget::serverOfURL(url) +
            ", where anyone on the network between can read it and then use the account; give an https:// URL, "
            "or, on a network you trust, add --allow-plain-http";
@@ -413,8 +436,10 @@ int QVRegistryCommands::refuseUnreadableDAV(const QVTarget& target, bool isNew) 
   const qv::QVDAVListingVerdict verdict = qv::checkDAVListing(target);
   if (verdict.unreadable) return refuse(verdict.message);
   if (verdict.unreachable)
-    warn("the server of destination " + qv::quoted(target.title) + " could not be reached, so its listing was not "
-         "checked; " + (isNew ? "it is added all the same" : "the change is saved all the same"));
+    warn("the server of destination " + qv::quoted(target.title) +
+         " could not be reached, so its listing was not "
+         "checked; " +
+         (isNew ? "it is added all the same" : "the change is saved all the same"));
   return 0;
 }
 
@@ -449,7 +474,8 @@ int QVRegistryCommands::targetAdd(const QVCommandOptions& options) {
                                      (other->type == "dav") == (target.type == "dav");
     if (samePlace)
       return refuse("the destination " + qv::quoted(other->title) + " (" + other->identifier + ") is at " +
-                    qv::quoted(qv::redactedString(qv::locationText(*other))) + " already; use it, or change it with "
+                    qv::quoted(qv::redactedString(qv::locationText(*other))) +
+                    " already; use it, or change it with "
                     "\"stellwin-backup target set\"");
   }
   if (target.type == "local" && !qv::fileExistsAtPath(target.path))
@@ -474,8 +500,9 @@ int QVRegistryCommands::targetSet(const QVCommandOptions& options) {
   if (!found.record) return refuse(found.error);
   if (!options.type && !options.title && !options.path && !options.server && !options.port && !options.user &&
       !options.passwordStdin && !options.makeDefault && !options.url && !options.caFile && !options.allowPlainHTTP)
-    return refuse("nothing to change; give --type, --title, --path, --server, --port, --url, --user, --password-stdin, "
-                  "--ca-file, --allow-plain-http or --default");
+    return refuse(
+        "nothing to change; give --type, --title, --path, --server, --port, --url, --user, --password-stdin, "
+        "--ca-file, --allow-plain-http or --default");
   QVTarget changed = *found.record;
   if (std::string problem = applyTargetOptions(options, changed, false); !problem.empty()) return refuse(problem);
   if (refuseUnreadableDAV(changed, false) != 0) return 2;
@@ -511,8 +538,10 @@ int QVRegistryCommands::targetRemove(const QVCommandOptions& options) {
   if (!users.empty() && !heir && !options.force) {
     const bool one = users.size() == 1;
     return refuse(std::string(one ? "the group " : "the groups ") + titles + (one ? " backs up to " : " back up to ") +
-                  qv::quoted(target->title) + (one ? "; move it" : "; move them") + " with --groups-to OTHER, or give "
-                  "--force to leave " + (one ? "it" : "them") + " without a destination");
+                  qv::quoted(target->title) + (one ? "; move it" : "; move them") +
+                  " with --groups-to OTHER, or give "
+                  "--force to leave " +
+                  (one ? "it" : "them") + " without a destination");
   }
   for (const auto& group : users) {
     if (!heir) break;
@@ -530,7 +559,8 @@ int QVRegistryCommands::targetRemove(const QVCommandOptions& options) {
   m_out << "removed destination " << qv::quoted(target->title) << " (" << target->identifier << ")\n";
   if (!users.empty() && !heir)
     warn((users.size() == 1 ? "the group " : "the groups ") + titles +
-         " cannot be backed up until given another destination with \"stellwin-backup group set GROUP --target TARGET\"");
+         " cannot be backed up until given another destination with \"stellwin-backup group set GROUP --target "
+         "TARGET\"");
   return 0;
 }
 
@@ -597,18 +627,24 @@ int QVRegistryCommands::log(const QVCommandOptions& options) {
     if (!found.record && chosen.empty()) return refuse(found.error);
     entries = std::move(chosen);
   }
-  if (options.json) m_out << qv::journalJSON(entries);
-  else if (entries.empty()) m_out << "no runs recorded\n";
-  else m_out << qv::journalTable(entries, options.colour);
+  if (options.json)
+    m_out << qv::journalJSON(entries);
+  else if (entries.empty())
+    m_out << "no runs recorded\n";
+  else
+    m_out << qv::journalTable(entries, options.colour);
   return 0;
 }
 
 int QVRegistryCommands::menu(const QVCommandOptions& options) {
   if (!options.menuEntry.empty()) return menuEntry(options);
   auto items = m_agent.menuItems().value_or(std::vector<std::shared_ptr<QVMenuItem>>{});
-  if (options.json) m_out << qv::menuJSON(items);
-  else if (items.empty()) m_out << "No groups.\n";
-  else m_out << qv::menuText(items);
+  if (options.json)
+    m_out << qv::menuJSON(items);
+  else if (items.empty())
+    m_out << "No groups.\n";
+  else
+    m_out << qv::menuText(items);
   return 0;
 }
 
@@ -663,7 +699,8 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
   const QVDate current = now();
   // The journal knows each group's last outcome, also one that the stored status code cannot tell.
   std::map<std::string, QVJournalEntry> lastRuns;
-  for (auto& entry : QVRunJournal(QVRunJournal::defaultDirectory()).entries()) lastRuns[entry.groupID] = std::move(entry);
+  for (auto& entry : QVRunJournal(QVRunJournal::defaultDirectory()).entries())
+    lastRuns[entry.groupID] = std::move(entry);
   QVArray records;
   QVTextTable table({"TITLE", "STATE", "PROGRESS", "LAST BACKUP", "STATUS", "NEXT RUN", "ID"});
   // Newest first: the group that ran last leads, groups that never ran close the list.
@@ -681,7 +718,8 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
     if (group->lastBackupAttemptDate && code != 0) {
       message = qv::statusText(*group);
       const QVTargetRef target = group->target ? m_agent.targetWithIdentifier(*group->target) : nullptr;
-      if (std::string comment = qv::statusCommentStringForDestination(target ? target->type : "", code); !comment.empty())
+      if (std::string comment = qv::statusCommentStringForDestination(target ? target->type : "", code);
+          !comment.empty())
         message += ": " + comment;
       if (std::string missing = target ? qv::missingDestinationText(*target) : ""; !missing.empty() && code == -120)
         message += " T" + missing.substr(1);
@@ -699,7 +737,10 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
     records.emplace_back(std::move(record));
     auto statusCell = [&](const std::string& text) {
       if (!options.colour || !group->lastBackupAttemptDate) return text;
-      const std::string kind = code == -128 ? "cancelled" : code != 0 ? "failed" : lastOutcome.empty() ? "complete" : lastOutcome;
+      const std::string kind = code == -128          ? "cancelled"
+                               : code != 0           ? "failed"
+                               : lastOutcome.empty() ? "complete"
+                                                     : lastOutcome;
       return qv::outcomeColoured(text, kind);
     };
     std::string nextText = "manual";
@@ -709,9 +750,12 @@ int QVRegistryCommands::status(const QVCommandOptions& options) {
                   statusCell(message.empty() ? qv::statusText(*group) : message), nextText, group->identifier});
   }
   if (!options.ids) table.dropLastColumn();
-  if (options.json) m_out << qv::recordJSON(QVValue(records));
-  else if (records.empty()) m_out << "No groups.\n";
-  else m_out << table.text();
+  if (options.json)
+    m_out << qv::recordJSON(QVValue(records));
+  else if (records.empty())
+    m_out << "No groups.\n";
+  else
+    m_out << table.text();
   noteWithoutDaemon(options, m_agent.groups());
   return 0;
 }
@@ -737,8 +781,10 @@ int QVRegistryCommands::cancel(const QVCommandOptions& options) {
 
 int QVRegistryCommands::summary(const QVCommandOptions& options) {
   m_out << "Groups:\n";
-  if (m_agent.groups().empty()) m_out << "  none; add one with: stellwin-backup group add NAME PATH...\n";
-  else m_out << qv::groupsTable(m_agent, now(), options.ids);
+  if (m_agent.groups().empty())
+    m_out << "  none; add one with: stellwin-backup group add NAME PATH...\n";
+  else
+    m_out << qv::groupsTable(m_agent, now(), options.ids);
   m_out << "\nDestinations:\n" << qv::targetsTable(m_agent.targets(), options.ids);
   m_out << "\nRun \"stellwin-backup --help\" for the commands.\n";
   return 0;

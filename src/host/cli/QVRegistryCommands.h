@@ -5,8 +5,8 @@
 // command that refuses its arguments writes one line to stderr, returns 2 and leaves the preferences
 // as they were. The commands guard what the agent would do without a word: a group title must name one
 // folder of its own at the destination (valid, and no other group's), a destination title is unique,
-// and a number of versions to keep that removes every backup needs --yes. Passwords come from standard input or the terminal only, and are never printed.
-// Uses the agent without owning it. Main thread.
+// and a number of versions to keep that removes every backup needs --yes. Passwords come from standard input or the
+// terminal only, and are never printed. Uses the agent without owning it. Main thread.
 #pragma once
 
 #include <iosfwd>

@@ -15,7 +15,9 @@ constexpr const char* kProgram = "stellwin-backup";
 }  // namespace
 
 QVRunPresenter::QVRunPresenter(std::vector<std::string> requested, bool json, std::ostream& out)
-    : m_requested(std::move(requested)), m_json(json), m_out(out),
+    : m_requested(std::move(requested)),
+      m_json(json),
+      m_out(out),
       m_display(std::make_unique<QVProgressDisplay>(stderr, true)) {
   m_out.flush();
 }
@@ -43,7 +45,8 @@ void QVRunPresenter::report(const QVRunOutcome& outcome) {
     m_outcomes.push_back(outcome);
     if (!m_json) {
       const std::string line = outcome.line();
-      m_display->printLine(stdout, qv::colourWanted(stdout) ? qv::outcomeColoured(line, QVRunOutcome::kindName(outcome.kind)) : line);
+      m_display->printLine(
+          stdout, qv::colourWanted(stdout) ? qv::outcomeColoured(line, QVRunOutcome::kindName(outcome.kind)) : line);
       for (const auto& line : outcome.detailLines()) m_display->printLine(stdout, "  " + line);
     }
   } else {

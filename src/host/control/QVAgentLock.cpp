@@ -7,12 +7,12 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <functional>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <vector>
+#include <functional>
 #include <thread>
+#include <vector>
 
 #include "platform/QVUserDefaults.h"
 
@@ -51,7 +51,8 @@ int inheritedLock() {
   const int fd = std::atoi(value);
   unsetenv(kInheritedLockVariable);
   // Only the lock file of these preferences itself: a number handed down from elsewhere is not a lock.
-  struct stat st {}, file {};
+  struct stat st {
+  }, file{};
   if (fd <= 2 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || stat(lockPath().c_str(), &file) != 0 ||
       st.st_dev != file.st_dev || st.st_ino != file.st_ino)
     return -1;

@@ -6,11 +6,11 @@
 #include <csignal>
 #include <ostream>
 
+#include "host/cli/QVRunPresenter.h"
 #include "host/control/QVControlConnection.h"
 #include "host/control/QVControlProtocol.h"
-#include "host/run/QVRunMonitor.h"
 #include "host/run/QVRecords.h"
-#include "host/cli/QVRunPresenter.h"
+#include "host/run/QVRunMonitor.h"
 #include "platform/QVRunLoop.h"
 
 namespace {

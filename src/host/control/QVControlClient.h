@@ -47,7 +47,7 @@ class QVControlClient {
   std::unique_ptr<QVControlConnection> m_connection;
   std::vector<QVDictionary> m_inbox;
   bool m_closed = false;
-  std::string m_closeReason;  // "" for an orderly end
+  std::string m_closeReason;            // "" for an orderly end
   std::function<void()> m_onInterrupt;  // what Ctrl-C or SIGTERM does now
   bool m_interrupted = false;           // before the daemon's answer
 };

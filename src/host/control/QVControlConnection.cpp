@@ -100,8 +100,10 @@ bool QVControlConnection::readAvailable() {
       continue;
     }
     if (count == 0) {
-      if (m_reader.hasPartialMessage()) refuse("the message was cut short");
-      else if (m_queue.empty()) close("");
+      if (m_reader.hasPartialMessage())
+        refuse("the message was cut short");
+      else if (m_queue.empty())
+        close("");
       else {
         m_closeWhenSent = true;
         watch();

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <utility>
 
-
 namespace {
 
 // Command names on the wire; a name the daemon does not know is refused, never guessed.
@@ -33,18 +32,25 @@ constexpr std::pair<QVCommand, const char*> kCommandNames[] = {
 
 // The string fields of the options, by key.
 constexpr std::pair<const char*, std::string QVCommandOptions::*> kStrings[] = {
-    {"name", &QVCommandOptions::name},       {"group", &QVCommandOptions::group},
-    {"target", &QVCommandOptions::target},   {"restoreFolder", &QVCommandOptions::restoreFolder},
+    {"name", &QVCommandOptions::name},           {"group", &QVCommandOptions::group},
+    {"target", &QVCommandOptions::target},       {"restoreFolder", &QVCommandOptions::restoreFolder},
     {"menuEntry", &QVCommandOptions::menuEntry},
 };
 constexpr std::pair<const char*, std::optional<std::string> QVCommandOptions::*> kOptionalStrings[] = {
-    {"title", &QVCommandOptions::title},     {"groupTarget", &QVCommandOptions::groupTarget},
-    {"versions", &QVCommandOptions::versions}, {"schedule", &QVCommandOptions::schedule},
-    {"type", &QVCommandOptions::type},       {"path", &QVCommandOptions::path},
-    {"server", &QVCommandOptions::server},   {"port", &QVCommandOptions::port},
-    {"user", &QVCommandOptions::user},       {"version", &QVCommandOptions::version},
-    {"password", &QVCommandOptions::suppliedPassword}, {"groupsTo", &QVCommandOptions::groupsTo},
-    {"url", &QVCommandOptions::url},         {"caFile", &QVCommandOptions::caFile},
+    {"title", &QVCommandOptions::title},
+    {"groupTarget", &QVCommandOptions::groupTarget},
+    {"versions", &QVCommandOptions::versions},
+    {"schedule", &QVCommandOptions::schedule},
+    {"type", &QVCommandOptions::type},
+    {"path", &QVCommandOptions::path},
+    {"server", &QVCommandOptions::server},
+    {"port", &QVCommandOptions::port},
+    {"user", &QVCommandOptions::user},
+    {"version", &QVCommandOptions::version},
+    {"password", &QVCommandOptions::suppliedPassword},
+    {"groupsTo", &QVCommandOptions::groupsTo},
+    {"url", &QVCommandOptions::url},
+    {"caFile", &QVCommandOptions::caFile},
 };
 constexpr std::pair<const char*, std::vector<std::string> QVCommandOptions::*> kLists[] = {
     {"paths", &QVCommandOptions::paths}, {"groups", &QVCommandOptions::groups}};
@@ -66,9 +72,12 @@ bool nestsTooDeep(const std::string& body) {
   bool inString = false, escaped = false;
   for (char c : body) {
     if (inString) {
-      if (escaped) escaped = false;
-      else if (c == '\\') escaped = true;
-      else if (c == '"') inString = false;
+      if (escaped)
+        escaped = false;
+      else if (c == '\\')
+        escaped = true;
+      else if (c == '"')
+        inString = false;
     } else if (c == '"') {
       inString = true;
     } else if (c == '[' || c == '{') {

@@ -15,13 +15,13 @@
 #include "host/cli/QVBackupCommand.h"
 #include "host/cli/QVCommandLine.h"
 #include "host/cli/QVDestinationChecks.h"
+#include "host/cli/QVHostArguments.h"
+#include "host/cli/QVRegistryCommands.h"
 #include "host/control/QVControlConnection.h"
 #include "host/control/QVControlProtocol.h"
 #include "host/run/QVHostApp.h"
-#include "host/cli/QVHostArguments.h"
-#include "host/cli/QVRegistryCommands.h"
-#include "host/run/QVRunMonitor.h"
 #include "host/run/QVRecords.h"
+#include "host/run/QVRunMonitor.h"
 #include "platform/QVRunLoop.h"
 
 namespace {
@@ -151,10 +151,11 @@ bool QVControlService::acceptConnections() {
       client.connection->refuse("connection refused: this daemon serves only its own user");
       continue;
     }
-    client.deadline = std::make_unique<QVTimer>(std::chrono::system_clock::now() + kRequestTimeout, [this, id](QVTimer&) {
-      auto it = m_clients.find(id);
-      if (it != m_clients.end() && !it->second.requested) it->second.connection->close("no request in time");
-    });
+    client.deadline =
+        std::make_unique<QVTimer>(std::chrono::system_clock::now() + kRequestTimeout, [this, id](QVTimer&) {
+          auto it = m_clients.find(id);
+          if (it != m_clients.end() && !it->second.requested) it->second.connection->close("no request in time");
+        });
   }
 }
 
@@ -331,9 +332,8 @@ bool QVControlService::isHeld(const std::string& groupID) const {
 }
 
 bool QVControlService::hasHolds() const {
-  return std::any_of(m_clients.begin(), m_clients.end(), [](const auto& entry) {
-    return entry.second.connection->isOpen() && !entry.second.held.empty();
-  });
+  return std::any_of(m_clients.begin(), m_clients.end(),
+                     [](const auto& entry) { return entry.second.connection->isOpen() && !entry.second.held.empty(); });
 }
 
 void QVControlService::runStarted(const QVGroup& group) {

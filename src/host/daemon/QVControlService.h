@@ -64,7 +64,7 @@ class QVControlService {
  private:
   struct Client {
     std::unique_ptr<QVControlConnection> connection;
-    std::unique_ptr<QVTimer> deadline;   // until its request has come
+    std::unique_ptr<QVTimer> deadline;  // until its request has come
     bool requested = false;
     std::vector<std::string> following;  // backup: groups whose outcome it waits for
     std::vector<std::string> held;       // restore, verify: groups no backup may start

@@ -5,23 +5,23 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <ostream>
 
 #include "agent/QVBackupAgent.h"
+#include "host/cli/QVHostArguments.h"
 #include "host/control/QVAgentLock.h"
 #include "host/daemon/QVControlService.h"
 #include "host/daemon/QVDaemonTray.h"
 #include "host/run/QVHostApp.h"
-#include "host/cli/QVHostArguments.h"
-#include "host/run/QVRunMonitor.h"
 #include "host/run/QVReadableText.h"
+#include "host/run/QVRunMonitor.h"
+#include "platform/QVConstants.h"
 #include "platform/QVFoundation.h"
 #include "platform/QVRunLoop.h"
 #include "platform/QVUserDefaults.h"
-#include "platform/QVConstants.h"
 #include "platform/QVValue.h"
 
 namespace {
@@ -108,8 +108,8 @@ int QVDaemonCommand::run() {
     m_service->runStarted(group);
     m_tray->runStarted(group);
   }));
-  subscriptions.push_back(m_monitor.addProgressListener(
-      [this](const std::string& groupID, std::int64_t percent, const std::string& item) {
+  subscriptions.push_back(
+      m_monitor.addProgressListener([this](const std::string& groupID, std::int64_t percent, const std::string& item) {
         m_service->runProgress(groupID, percent, item);
         m_tray->runProgress(groupID, percent);
       }));
@@ -120,7 +120,8 @@ int QVDaemonCommand::run() {
   }));
 
   auto stop = [this] {
-    if (!m_stopping) m_log << (m_monitor.isIdle() ? "stopping" : "stopping: cancelling the running backups") << std::endl;
+    if (!m_stopping)
+      m_log << (m_monitor.isIdle() ? "stopping" : "stopping: cancelling the running backups") << std::endl;
     m_stopping = true;
     m_service->stopListening();  // new commands wait for the lock, then run on their own
     m_agent.stopTimers();        // and no scheduled run starts while the others end
@@ -164,7 +165,8 @@ int QVDaemonCommand::run() {
 
   for (;;) {
     auto done = [this] {
-      return m_monitor.isIdle() && (m_stopping || (m_reloading && !m_service->hasHolds() && !m_service->hasWaitingRuns()));
+      return m_monitor.isIdle() &&
+             (m_stopping || (m_reloading && !m_service->hasHolds() && !m_service->hasWaitingRuns()));
     };
     while (!done()) qv::runMainLoopUntil(done, std::chrono::hours(1));
     if (m_stopping) break;

@@ -56,8 +56,10 @@ QVDaemonTray::QVDaemonTray(QVBackupAgent& agent, QVHostApp& host, std::ostream& 
     QVStatusNotifierItem::Look look;
     for (auto it = m_failedGroupIDs.begin(); it != m_failedGroupIDs.end();)
       it = m_agent.groupWithIdentifier(*it) ? std::next(it) : m_failedGroupIDs.erase(it);
-    if (m_host.animationDepth() > 0) look.status = QVStatusNotifierItem::Status::running;
-    else if (!m_failedGroupIDs.empty()) look.status = QVStatusNotifierItem::Status::needsAttention;
+    if (m_host.animationDepth() > 0)
+      look.status = QVStatusNotifierItem::Status::running;
+    else if (!m_failedGroupIDs.empty())
+      look.status = QVStatusNotifierItem::Status::needsAttention;
     look.toolTipTitle = QVLocalizedString("Stellwin Backup");
     // The status lines as the menu shows them now, one per group.
     for (const auto& item : m_agent.menuItems().value_or(std::vector<std::shared_ptr<QVMenuItem>>{})) {
@@ -99,8 +101,10 @@ void QVDaemonTray::runStarted(const QVGroup&) { groupsDidChange(); }
 void QVDaemonTray::runProgress(const std::string&, std::int64_t) { groupsDidChange(); }
 
 void QVDaemonTray::runEnded(const QVRunOutcome& outcome) {
-  if (outcome.kind == QVRunOutcome::Kind::failed) m_failedGroupIDs.insert(outcome.groupID);
-  else if (outcome.isSuccess()) m_failedGroupIDs.erase(outcome.groupID);
+  if (outcome.kind == QVRunOutcome::Kind::failed)
+    m_failedGroupIDs.insert(outcome.groupID);
+  else if (outcome.isSuccess())
+    m_failedGroupIDs.erase(outcome.groupID);
   groupsDidChange();
 }
 
@@ -151,11 +155,14 @@ void QVDaemonTray::showGroupsWithIDs(const std::vector<std::string>& groupIDs) {
       continue;
     }
     std::string state;
-    if (m_agent.isBackingUpGroupWithID(groupID)) state = QVLocalizedString("Backing up...");
-    else if (QVBackupMenuItemController* controller = m_agent.menuItemController()) state = controller->pasiveStatusForGroup(*group);
+    if (m_agent.isBackingUpGroupWithID(groupID))
+      state = QVLocalizedString("Backing up...");
+    else if (QVBackupMenuItemController* controller = m_agent.menuItemController())
+      state = controller->pasiveStatusForGroup(*group);
     text += group->title + ": " + state;
     if (group->target.value_or("nil") == "nil") text += " (" + QVLocalizedString("No destination") + ")";
-    text += "\n" + qv::stringWithFormat(QVLocalizedString("More: %@"), {"stellwin-backup group show " + group->identifier});
+    text +=
+        "\n" + qv::stringWithFormat(QVLocalizedString("More: %@"), {"stellwin-backup group show " + group->identifier});
   }
   if (!text.empty()) notify(text, "", nullptr);
 }

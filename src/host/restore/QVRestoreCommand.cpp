@@ -164,7 +164,8 @@ void applyAttributes(int fd, const std::string& path, const QVVersionEntry& entr
   if (entry.mode) fd >= 0 ? ::fchmod(fd, *entry.mode) : ::chmod(path.c_str(), *entry.mode);
   if (entry.modificationTimeNanoseconds) {
     const std::int64_t ns = *entry.modificationTimeNanoseconds;
-    const timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)}};
+    const timespec times[2] = {{0, UTIME_OMIT},
+                               {static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)}};
     fd >= 0 ? ::futimens(fd, times) : ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
   }
 }
@@ -266,24 +267,28 @@ bool QVRestoreCommand::Reading::restoreFile(VersionReader& reader, const Member&
   bool written = true;
   int writeError = 0;
   std::uint64_t fileBytes = 0;
-  const bool read = reader.read(member.path, [&](const char* bytes, std::size_t length) {
-    for (std::size_t at = 0; written && at < length;) {
-      ssize_t n = ::write(fd, bytes + at, length - at);
-      if (n < 0 && errno == EINTR) continue;
-      written = n > 0;
-      if (!written) writeError = n < 0 ? errno : ENOSPC;
-      at += n > 0 ? static_cast<std::size_t>(n) : 0;
-      fileBytes += n > 0 ? static_cast<std::uint64_t>(n) : 0;
-    }
-    bytesDone += length;
-    return written;
-  }, &error);
+  const bool read = reader.read(
+      member.path,
+      [&](const char* bytes, std::size_t length) {
+        for (std::size_t at = 0; written && at < length;) {
+          ssize_t n = ::write(fd, bytes + at, length - at);
+          if (n < 0 && errno == EINTR) continue;
+          written = n > 0;
+          if (!written) writeError = n < 0 ? errno : ENOSPC;
+          at += n > 0 ? static_cast<std::size_t>(n) : 0;
+          fileBytes += n > 0 ? static_cast<std::uint64_t>(n) : 0;
+        }
+        bytesDone += length;
+        return written;
+      },
+      &error);
   if (read && written) applyAttributes(fd, local, member.entry);
   ::close(fd);
   if (!read || !written) {
     ::unlink(local.c_str());  // a file half restored is not restored
     if (!target.isCancelled())
-      errors.push_back({member.path, written ? describe(error) : "cannot be written here: " + std::string(std::strerror(writeError))});
+      errors.push_back({member.path, written ? describe(error)
+                                             : "cannot be written here: " + std::string(std::strerror(writeError))});
     return false;
   }
   bytesKept += fileBytes;
@@ -336,19 +341,22 @@ void QVRestoreCommand::Reading::verifyFile(VersionReader& reader, const Member& 
   setCurrent(member.path);
   bool same = true;
   std::vector<char> mine;
-  const bool read = reader.read(member.path, [&](const char* bytes, std::size_t length) {
-    mine.resize(length);
-    std::size_t got = 0;
-    while (same && got < length) {
-      ssize_t n = ::read(fd, mine.data() + got, length - got);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      got += static_cast<std::size_t>(n);
-    }
-    same = same && got == length && std::memcmp(mine.data(), bytes, length) == 0;
-    bytesDone += length;
-    return true;
-  }, &error);
+  const bool read = reader.read(
+      member.path,
+      [&](const char* bytes, std::size_t length) {
+        mine.resize(length);
+        std::size_t got = 0;
+        while (same && got < length) {
+          ssize_t n = ::read(fd, mine.data() + got, length - got);
+          if (n < 0 && errno == EINTR) continue;
+          if (n <= 0) break;
+          got += static_cast<std::size_t>(n);
+        }
+        same = same && got == length && std::memcmp(mine.data(), bytes, length) == 0;
+        bytesDone += length;
+        return true;
+      },
+      &error);
   char extra;
   if (read && same && ::read(fd, &extra, 1) > 0) same = false;  // the source is longer
   ::close(fd);
@@ -361,12 +369,13 @@ void QVRestoreCommand::Reading::verifyFile(VersionReader& reader, const Member& 
 }
 
 void QVRestoreCommand::Reading::findSourcesNotInVersion(const std::map<std::string, std::string>& sourceOfItem,
-                                      const std::set<std::string>& inVersion, std::time_t madeAt) {
+                                                        const std::set<std::string>& inVersion, std::time_t madeAt) {
   for (const auto& [name, item] : sourceOfItem) {
     if (target.isCancelled()) break;
     std::vector<std::string> files;
     std::error_code ec;
-    if (fs::is_regular_file(fs::symlink_status(item, ec))) files.push_back(item);
+    if (fs::is_regular_file(fs::symlink_status(item, ec)))
+      files.push_back(item);
     else if (fs::is_directory(fs::symlink_status(item, ec)))
       for (fs::recursive_directory_iterator it(item, fs::directory_options::skip_permission_denied, ec), end;
            !ec && it != end; it.increment(ec))
@@ -375,12 +384,13 @@ void QVRestoreCommand::Reading::findSourcesNotInVersion(const std::map<std::stri
       if (inVersion.count(file)) continue;
       const std::string shown = name + file.substr(item.size());
       struct stat info {};
-      if (::stat(file.c_str(), &info) == 0 && info.st_mtime < madeAt) errors.push_back({shown, "missing from the version"});
-      else reported["added"].push_back(shown);
+      if (::stat(file.c_str(), &info) == 0 && info.st_mtime < madeAt)
+        errors.push_back({shown, "missing from the version"});
+      else
+        reported["added"].push_back(shown);
     }
   }
 }
-
 
 QVRestoreCommand::QVRestoreCommand(QVBackupAgent& agent, std::ostream& out, std::ostream& err)
     : m_agent(agent), m_out(out), m_err(err) {}
@@ -400,8 +410,7 @@ int QVRestoreCommand::run(const QVCommandOptions& options) {
   }
   if (m_agent.isBackingUpGroupWithID(group.identifier))
     return fail("group " + qv::quoted(group.title) + " is being backed up; try again when it has finished", 1);
-  std::unique_ptr<QVBackupTarget> target =
-      group.target ? m_agent.backupTargetWithIdentifier(*group.target) : nullptr;
+  std::unique_ptr<QVBackupTarget> target = group.target ? m_agent.backupTargetWithIdentifier(*group.target) : nullptr;
   if (!target) return fail("group " + qv::quoted(group.title) + " has no usable destination", 1);
 
   std::string version;
@@ -469,8 +478,11 @@ int QVRestoreCommand::chooseVersion(QVBackupTarget& target, const QVGroup& group
       return fail("no version of group " + qv::quoted(group.title) + " could be found at its destination", 1);
     chosen = qv::newestCompleteVersion(versions);
     if (!chosen)
-      return fail("group " + qv::quoted(group.title) + " has no complete version, only partial ones, whose runs were "
-                  "cancelled or failed; name one with --version (the newest is " + versions.back().name + ")", 1);
+      return fail("group " + qv::quoted(group.title) +
+                      " has no complete version, only partial ones, whose runs were "
+                      "cancelled or failed; name one with --version (the newest is " +
+                      versions.back().name + ")",
+                  1);
   } else {
     std::string why;
     bool usage = false;
@@ -491,8 +503,10 @@ int QVRestoreCommand::chooseVersion(QVBackupTarget& target, const QVGroup& group
 
 void QVRestoreCommand::report(Reading& reading, bool restoring, bool interrupted, bool json) {
   if (json) {
-    nlohmann::json result = {{"groupID", reading.group.identifier}, {"groupTitle", reading.group.title},
-                             {"version", reading.version},         {"bytesRead", reading.bytesDone.load()},
+    nlohmann::json result = {{"groupID", reading.group.identifier},
+                             {"groupTitle", reading.group.title},
+                             {"version", reading.version},
+                             {"bytesRead", reading.bytesDone.load()},
                              {"interrupted", interrupted}};
     result[restoring ? "filesRestored" : "filesChecked"] = reading.filesHandled;
     if (restoring) result["to"] = reading.restoreFolder, result["bytesWritten"] = reading.bytesKept;
@@ -500,21 +514,22 @@ void QVRestoreCommand::report(Reading& reading, bool restoring, bool interrupted
     for (const auto& problem : reading.errors) problems.push_back({{"path", problem.path}, {"error", problem.text}});
     result["errors"] = problems;
     if (!restoring)
-      for (const char* kind : {"changed", "added", "gone"}) result[std::string(kind) + "Since"] = reading.reported[kind];
+      for (const char* kind : {"changed", "added", "gone"})
+        result[std::string(kind) + "Since"] = reading.reported[kind];
     m_out << result.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << "\n";
   } else {
     for (const auto& problem : reading.errors)
-      m_err << kProgram << ": " << qv::singleLine(problem.path.empty() ? problem.text : problem.path + ": " + problem.text)
-            << std::endl;
+      m_err << kProgram << ": "
+            << qv::singleLine(problem.path.empty() ? problem.text : problem.path + ": " + problem.text) << std::endl;
     if (restoring) {
-      m_out << "restored " << qv::countText(reading.filesHandled, "file") << " (" << qv::sizeText(reading.bytesKept) << ") of version "
-            << reading.version << " into " << reading.restoreFolder << "\n";
+      m_out << "restored " << qv::countText(reading.filesHandled, "file") << " (" << qv::sizeText(reading.bytesKept)
+            << ") of version " << reading.version << " into " << reading.restoreFolder << "\n";
     } else {
       m_out << "checked " << qv::countText(reading.filesHandled, "file") << " of version " << reading.version << ", "
-            << qv::sizeText(reading.bytesDone) << " read; "
-            << reading.errors.size() << (reading.errors.size() == 1 ? " error" : " errors") << "; " << reading.reported["changed"].size()
-            << " changed since, " << reading.reported["added"].size() << " added since, " << reading.reported["gone"].size()
-            << " no longer in the source\n";
+            << qv::sizeText(reading.bytesDone) << " read; " << reading.errors.size()
+            << (reading.errors.size() == 1 ? " error" : " errors") << "; " << reading.reported["changed"].size()
+            << " changed since, " << reading.reported["added"].size() << " added since, "
+            << reading.reported["gone"].size() << " no longer in the source\n";
       for (const char* kind : {"changed", "added", "gone"})
         for (const auto& path : reading.reported[kind]) m_out << "  " << kind << ": " << qv::singleLine(path) << "\n";
     }
@@ -530,8 +545,7 @@ int QVRestoreCommand::listFiles(QVBackupTarget& target, const QVGroup& group, co
                                 const QVCommandOptions& options) {
   const std::string given = options.paths.empty() ? "" : options.paths.front();
   const std::string folder = given.empty() ? "" : pathInVersion(group, given);
-  if (!given.empty() && folder.empty())
-    return fail(qv::quoted(given) + " is not a path inside version " + version, 2);
+  if (!given.empty() && folder.empty()) return fail(qv::quoted(given) + " is not a path inside version " + version, 2);
   QVError error;
   VersionReader reader(target, group, version);
   std::optional<std::vector<QVVersionEntry>> entries = target.contentsOfVersion(group, version, folder, &error);
@@ -543,18 +557,21 @@ int QVRestoreCommand::listFiles(QVBackupTarget& target, const QVGroup& group, co
   }
   if (!entries)
     return fail(qv::quoted(given.empty() ? version : given) + " could not be listed in version " + version + ": " +
-                describe(error), 1);
+                    describe(error),
+                1);
   std::sort(entries->begin(), entries->end(), [](const auto& a, const auto& b) { return a.name < b.name; });
   if (options.json) {
     nlohmann::json array = nlohmann::json::array();
     for (const auto& entry : *entries) {
       nlohmann::json object = {{"name", entry.name},
                                {"path", joined(folder, entry.name)},
-                               {"kind", entry.symbolicLinkTarget ? "link" : entry.isDirectory ? "folder" : "file"},
+                               {"kind", entry.symbolicLinkTarget ? "link"
+                                        : entry.isDirectory      ? "folder"
+                                                                 : "file"},
                                {"size", entry.size}};
       object["modified"] = entry.modificationTimeNanoseconds
                                ? nlohmann::json(qv::iso8601(QVDate(std::chrono::duration_cast<QVDate::duration>(
-                                                     std::chrono::nanoseconds(*entry.modificationTimeNanoseconds)))))
+                                     std::chrono::nanoseconds(*entry.modificationTimeNanoseconds)))))
                                : nlohmann::json(nullptr);
       if (entry.symbolicLinkTarget) object["linkTarget"] = *entry.symbolicLinkTarget;
       array.push_back(std::move(object));
@@ -569,8 +586,10 @@ int QVRestoreCommand::listFiles(QVBackupTarget& target, const QVGroup& group, co
   if (entries->empty()) m_out << "  (empty)\n";
   for (const auto& entry : *entries) {
     std::string name = qv::singleLine(entry.name);
-    if (entry.symbolicLinkTarget) name += " -> " + qv::singleLine(*entry.symbolicLinkTarget);
-    else if (entry.isDirectory) name += "/";
+    if (entry.symbolicLinkTarget)
+      name += " -> " + qv::singleLine(*entry.symbolicLinkTarget);
+    else if (entry.isDirectory)
+      name += "/";
     const std::string size = entry.isDirectory || entry.symbolicLinkTarget ? "" : std::to_string(entry.size);
     const std::string time = entry.modificationTimeNanoseconds ? localTime(*entry.modificationTimeNanoseconds) : "";
     char line[64];

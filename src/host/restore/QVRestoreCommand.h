@@ -32,10 +32,12 @@ class QVRestoreCommand {
   struct Reading;  // one reading of a version, shared by its worker and the main thread
 
   // files: the entries of one folder of the version (or one file), with sizes and times.
-  int listFiles(QVBackupTarget& target, const QVGroup& group, const std::string& version, const QVCommandOptions& options);
+  int listFiles(QVBackupTarget& target, const QVGroup& group, const std::string& version,
+                const QVCommandOptions& options);
   // The version to read: the one --version names, else the newest complete one. 0, or the exit status
   // of a refusal already told.
-  int chooseVersion(QVBackupTarget& target, const QVGroup& group, const QVCommandOptions& options, std::string& version);
+  int chooseVersion(QVBackupTarget& target, const QVGroup& group, const QVCommandOptions& options,
+                    std::string& version);
   // What the reading did: JSON, or the problems on stderr and a summary line.
   void report(Reading& reading, bool restoring, bool interrupted, bool json);
   // "stellwin-backup: <line>" on stderr; returns status.

@@ -44,9 +44,12 @@ void QVDesktopNCTemplate::show() {
 
 void QVDesktopNCTemplate::bubbleButtonClicked(const std::string& actionKey) {
   const std::uint32_t id = m_bubbleId;
-  if (actionKey == "1") buttonClicked(1);
-  else if (actionKey == "2") buttonClicked(2);
-  else return;
+  if (actionKey == "1")
+    buttonClicked(1);
+  else if (actionKey == "2")
+    buttonClicked(2);
+  else
+    return;
   clearItems();
   m_bubbleId = 0;
   if (QVDesktopNotifications* desktop = m_host.desktopNotifications()) {

@@ -98,7 +98,8 @@ void QVHostApp::showNotification(const QVNotification& notification) {
   const std::string userInfo = notification.userInfo;
   const int timeout = notification.liveTime > 0.0 ? static_cast<int>(notification.liveTime * 1000.0) : -1;
   std::uint32_t id = desktop->notify(
-      0, QVLocalizedString("Stellwin Backup"), qv::redactedString(notification.text), actions, desktopIconName(notification.icon), timeout,
+      0, QVLocalizedString("Stellwin Backup"), qv::redactedString(notification.text), actions,
+      desktopIconName(notification.icon), timeout,
       [this, action, userInfo, tag](const std::string& key) {
         if (key == "1" && action) action(userInfo);
         // The second button only dismisses.

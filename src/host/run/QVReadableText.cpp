@@ -16,8 +16,10 @@ std::string sizeText(std::uint64_t bytes) {
   while (value >= 1024.0 && unit + 1 < std::size(kUnits)) value /= 1024.0, ++unit;
   char text[32];
   // Two significant figures at least; "10.0" never shows, it reads "10".
-  if (value < 9.95) std::snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
-  else std::snprintf(text, sizeof text, "%.0f %s", value, kUnits[unit]);
+  if (value < 9.95)
+    std::snprintf(text, sizeof text, "%.1f %s", value, kUnits[unit]);
+  else
+    std::snprintf(text, sizeof text, "%.0f %s", value, kUnits[unit]);
   return text;
 }
 
@@ -30,8 +32,10 @@ std::string durationText(std::chrono::duration<double> duration) {
     std::snprintf(text, sizeof text, "%.0f s", seconds);
   } else {
     const auto whole = static_cast<long long>(seconds + 0.5);
-    if (whole < 3600) std::snprintf(text, sizeof text, "%lld min %lld s", whole / 60, whole % 60);
-    else std::snprintf(text, sizeof text, "%lld h %lld min", whole / 3600, whole % 3600 / 60);
+    if (whole < 3600)
+      std::snprintf(text, sizeof text, "%lld min %lld s", whole / 60, whole % 60);
+    else
+      std::snprintf(text, sizeof text, "%lld h %lld min", whole / 3600, whole % 3600 / 60);
   }
   return text;
 }

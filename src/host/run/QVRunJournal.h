@@ -15,12 +15,12 @@
 struct QVJournalEntry {
   std::string groupID;
   std::string title;
-  std::string version;   // "" when the run did not get as far as naming one
-  std::string started;   // ISO 8601, UTC
-  std::string ended;     // ISO 8601, UTC
-  std::string outcome;   // "complete", "complete with missing items", "failed", "cancelled"
+  std::string version;  // "" when the run did not get as far as naming one
+  std::string started;  // ISO 8601, UTC
+  std::string ended;    // ISO 8601, UTC
+  std::string outcome;  // "complete", "complete with missing items", "failed", "cancelled"
   std::optional<std::int64_t> statusCode;
-  std::string message;   // failed, empty: what went wrong
+  std::string message;  // failed, empty: what went wrong
   std::uint64_t items = 0;
   std::uint64_t files = 0;
   std::uint64_t bytes = 0;
@@ -30,7 +30,7 @@ struct QVJournalEntry {
   std::vector<std::string> failedItems;  // "path (reason)"
   bool versionsUnreadable = false;
   std::vector<std::string> passedOver;  // folders inside the items that no copy entered
-  std::vector<std::string> notes;  // what the destination added to the outcome
+  std::vector<std::string> notes;       // what the destination added to the outcome
 
   // A run that stopped half-way: its version, if it stayed, lacks items.
   bool isPartial() const { return outcome == "cancelled" || outcome == "failed"; }

@@ -17,11 +17,16 @@
 
 std::string QVRunOutcome::kindName(Kind kind) {
   switch (kind) {
-    case Kind::complete: return "complete";
-    case Kind::completeWithMissingItems: return "complete with missing items";
-    case Kind::failed: return "failed";
-    case Kind::cancelled: return "cancelled";
-    case Kind::empty: return "empty";
+    case Kind::complete:
+      return "complete";
+    case Kind::completeWithMissingItems:
+      return "complete with missing items";
+    case Kind::failed:
+      return "failed";
+    case Kind::cancelled:
+      return "cancelled";
+    case Kind::empty:
+      return "empty";
   }
   return "failed";
 }
@@ -65,8 +70,10 @@ std::vector<std::string> QVRunOutcome::detailLines() const {
     lines.push_back("passed over (a backup destination or this program's own folder): " + folder);
   for (const auto& note : report->notes) lines.push_back(note);
   if (report->versionsUnreadable)
-    lines.push_back("the group's stored \"versions\" cannot be read, so no old version was removed; set it with "
-                    "\"stellwin-backup group set " + groupID + " --versions N\"");
+    lines.push_back(
+        "the group's stored \"versions\" cannot be read, so no old version was removed; set it with "
+        "\"stellwin-backup group set " +
+        groupID + " --versions N\"");
   return lines;
 }
 
@@ -103,7 +110,8 @@ namespace qv {
 void passOverOwnFolders(const QVBackupAgent& agent) {
   std::vector<std::string> folders{QVUserDefaults::configDirectory(), QVRunJournal::defaultDirectory()};
   for (const auto& target : agent.targets())
-    if (target->type == "local" && !target->path.empty() && target->path.front() == '/') folders.push_back(target->path);
+    if (target->type == "local" && !target->path.empty() && target->path.front() == '/')
+      folders.push_back(target->path);
   setFoldersPassedOver(std::move(folders));
 }
 
@@ -164,8 +172,10 @@ void QVRunMonitor::findStartedRuns() {
 void QVRunMonitor::templateDidShowItem(const QVNCTemplate& nctemplate, const QVNCTemplateItem& item) {
   auto it = m_runs.find(item.userInfo);
   if (it == m_runs.end()) return;
-  if (&nctemplate == m_agent.ncTemplate()) it->second.failureText = item.name;
-  else if (&nctemplate == m_agent.ncWarningTemplate()) it->second.warned = true;
+  if (&nctemplate == m_agent.ncTemplate())
+    it->second.failureText = item.name;
+  else if (&nctemplate == m_agent.ncWarningTemplate())
+    it->second.warned = true;
 }
 
 void QVRunMonitor::backupProgress(double, const std::string& forGroupID, std::size_t item, QVBackupAgent& inAgent) {
@@ -253,8 +263,10 @@ void QVRunMonitor::finishRun(const std::string& groupID) {
       for (const auto& item : group->items)
         for (auto& folder : qv::foldersPassedOverInside(item)) outcome.report->passedOver.push_back(std::move(folder));
   }
-  if (group) settleVersionsThenHandOut(*group, std::move(outcome));
-  else handOut(outcome);
+  if (group)
+    settleVersionsThenHandOut(*group, std::move(outcome));
+  else
+    handOut(outcome);
 }
 
 void QVRunMonitor::handOut(const QVRunOutcome& outcome) {
@@ -290,8 +302,11 @@ void QVRunMonitor::settleVersions(QVBackupTarget& target, const QVGroup& group, 
   if (partial) {
     // Out of the names the agent's pruning counts: a partial version never pushes out a complete one.
     const std::string renamed = qv::partialVersionName(version);
-    if (target.renameEntry(version, renamed, group)) outcome.report->version = renamed;
-    else qv::debugLog("host", "QVRunMonitor could not mark the version " + version + " of \"" + group.title + "\" as partial");
+    if (target.renameEntry(version, renamed, group))
+      outcome.report->version = renamed;
+    else
+      qv::debugLog("host",
+                   "QVRunMonitor could not mark the version " + version + " of \"" + group.title + "\" as partial");
     return;
   }
   // A complete version now stands: the partial ones before it hold nothing that it lacks (also those

@@ -39,7 +39,7 @@ struct QVRunOutcome {
   std::string title;
   Kind kind = Kind::failed;
   std::optional<std::int64_t> statusCode;
-  std::string message;  // failed, empty: what went wrong
+  std::string message;                // failed, empty: what went wrong
   std::optional<QVRunReport> report;  // what the run did; none for a group that was not run
 
   // Names what the run left out, one line each, for under the outcome line: the missing items, the
@@ -82,8 +82,8 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   ~QVRunMonitor() override;
 
   // Listeners of the runs it follows (each called until its subscription is destroyed): a run's start,
-  // its progress as the group's percentage with the item being copied, its outcome; and of the agent's groups and destinations
-  // changing (added, changed, removed; also a run's dates and status code).
+  // its progress as the group's percentage with the item being copied, its outcome; and of the agent's groups and
+  // destinations changing (added, changed, removed; also a run's dates and status code).
   [[nodiscard]] QVSubscription addStartListener(std::function<void(const QVGroup& group)> listener) {
     return m_starts.add(std::move(listener));
   }
@@ -106,7 +106,8 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   bool isIdle() const;
 
   // QVBackupAgentDelegate
-  void backupProgress(double progress, const std::string& forGroupID, std::size_t item, QVBackupAgent& inAgent) override;
+  void backupProgress(double progress, const std::string& forGroupID, std::size_t item,
+                      QVBackupAgent& inAgent) override;
   void backupDidEndForGroup(const QVGroupRef& group, QVBackupAgent& inAgent) override;
   void backupFailedForGroup(const QVGroupRef& group, const std::optional<QVError>& withError,
                             QVBackupAgent& inAgent) override;

@@ -16,8 +16,8 @@ std::string stamp(const std::string& name) { return name.substr(0, kStampLength)
 
 bool isPartialVersionName(const std::string& name) {
   const std::string extension = kQVPartialExtension;
-  return name.size() == kStampLength + extension.size() && name.compare(kStampLength, std::string::npos, extension) == 0 &&
-         isVersionName(stamp(name) + ".backup");
+  return name.size() == kStampLength + extension.size() &&
+         name.compare(kStampLength, std::string::npos, extension) == 0 && isVersionName(stamp(name) + ".backup");
 }
 
 std::string partialVersionName(const std::string& version) { return stamp(version) + kQVPartialExtension; }
@@ -26,7 +26,8 @@ std::vector<QVVersionName> versionsInListing(const std::vector<std::string>& ent
                                              const std::vector<std::string>& knownPartial) {
   std::vector<QVVersionName> versions;
   for (const auto& name : entries) {
-    if (isPartialVersionName(name)) versions.push_back({name, true});
+    if (isPartialVersionName(name))
+      versions.push_back({name, true});
     else if (isVersionName(name))
       versions.push_back({name, std::find(knownPartial.begin(), knownPartial.end(), name) != knownPartial.end()});
   }
@@ -59,8 +60,10 @@ std::optional<QVVersionName> findVersion(const std::vector<QVVersionName>& versi
     return refuse("there is no complete version", false);
   }
   if (given.empty() || given.find_first_not_of("0123456789") < std::min(given.size(), kStampLength))
-    return refuse("\"" + given + "\" is not a version (yyyyMMddHHmmss, with or without \".backup\", a unique beginning "
-                  "of one, or \"latest\")", true);
+    return refuse("\"" + given +
+                      "\" is not a version (yyyyMMddHHmmss, with or without \".backup\", a unique beginning "
+                      "of one, or \"latest\")",
+                  true);
   for (const auto& version : versions)
     if (version.name == given) return version;
   std::vector<QVVersionName> matches;

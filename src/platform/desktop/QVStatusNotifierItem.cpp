@@ -147,7 +147,8 @@ struct QVStatusNotifierItem::Impl {
     GDBusNodeInfo* node = g_dbus_node_info_new_for_xml(kItemXML, nullptr);
     static const GDBusInterfaceVTable vtable = {&Impl::onMethod, &Impl::onGetProperty, nullptr, {}};
     GError* error = nullptr;
-    m_objectID = g_dbus_connection_register_object(m_bus, kItemPath, node->interfaces[0], &vtable, this, nullptr, &error);
+    m_objectID =
+        g_dbus_connection_register_object(m_bus, kItemPath, node->interfaces[0], &vtable, this, nullptr, &error);
     g_dbus_node_info_unref(node);
     if (!m_objectID) {
       qv::debugLog("platform", std::string("tray: cannot publish the item: ") + error->message);
@@ -161,8 +162,8 @@ struct QVStatusNotifierItem::Impl {
 
     static int instance = 0;
     m_busName = "org.kde.StatusNotifierItem-" + std::to_string(getpid()) + "-" + std::to_string(++instance);
-    m_ownerID = g_bus_own_name_on_connection(m_bus, m_busName.c_str(), G_BUS_NAME_OWNER_FLAGS_NONE, &Impl::onNameAcquired,
-                                             &Impl::onNameLost, this, nullptr);
+    m_ownerID = g_bus_own_name_on_connection(m_bus, m_busName.c_str(), G_BUS_NAME_OWNER_FLAGS_NONE,
+                                             &Impl::onNameAcquired, &Impl::onNameLost, this, nullptr);
   }
 
   static void onNameAcquired(GDBusConnection*, const gchar*, gpointer data) {
@@ -199,8 +200,7 @@ struct QVStatusNotifierItem::Impl {
     ++m_attempts;
     g_dbus_connection_call(m_bus, m_watcherOwner.c_str(), kWatcherPath, kWatcherInterface, "RegisterStatusNotifierItem",
                            g_variant_new("(s)", g_dbus_connection_get_unique_name(m_bus)), nullptr,
-                           G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs,
-                           m_cancellable, &Impl::onRegistered, this);
+                           G_DBUS_CALL_FLAGS_NONE, kCallTimeoutMs, m_cancellable, &Impl::onRegistered, this);
   }
 
   static gboolean onRetryDue(gpointer data) {
@@ -254,8 +254,8 @@ struct QVStatusNotifierItem::Impl {
     if (name == "OverlayIconName" || name == "AttentionMovieName") return g_variant_new_string("");
     if (name == "IconPixmap" || name == "OverlayIconPixmap" || name == "AttentionIconPixmap") return emptyPixmaps();
     if (name == "ToolTip")
-      return g_variant_new("(s@a(iiay)ss)", self->iconName().c_str(), emptyPixmaps(), self->m_shown.toolTipTitle.c_str(),
-                           self->m_shown.toolTipText.c_str());
+      return g_variant_new("(s@a(iiay)ss)", self->iconName().c_str(), emptyPixmaps(),
+                           self->m_shown.toolTipTitle.c_str(), self->m_shown.toolTipText.c_str());
     if (name == "ItemIsMenu") return g_variant_new_boolean(TRUE);
     if (name == "Menu") return g_variant_new_object_path(kMenuPath);
     return nullptr;
@@ -267,9 +267,12 @@ struct QVStatusNotifierItem::Impl {
 
   const std::string& iconName() const {
     switch (m_shown.status) {
-      case Status::running: return m_options.runningIconName;
-      case Status::needsAttention: return m_options.attentionIconName;
-      case Status::idle: break;
+      case Status::running:
+        return m_options.runningIconName;
+      case Status::needsAttention:
+        return m_options.attentionIconName;
+      case Status::idle:
+        break;
     }
     return m_options.idleIconName;
   }
@@ -306,7 +309,8 @@ struct QVStatusNotifierItem::Impl {
     }
     if (look.toolTipTitle != before.toolTipTitle || look.toolTipText != before.toolTipText) emit("NewToolTip");
 
-    const std::vector<std::shared_ptr<QVMenuItem>> items = m_menu ? m_menu() : std::vector<std::shared_ptr<QVMenuItem>>{};
+    const std::vector<std::shared_ptr<QVMenuItem>> items =
+        m_menu ? m_menu() : std::vector<std::shared_ptr<QVMenuItem>>{};
     if (sameShape(m_nodes, items)) {
       refresh(m_nodes, items);
       return;
@@ -372,7 +376,8 @@ struct QVStatusNotifierItem::Impl {
     // An entry without an action is inert text, as a status line is.
     dbusmenu_menuitem_property_set_bool(item, DBUSMENU_MENUITEM_PROP_ENABLED, model.hasAction() || model.submenu());
     if (model.submenu())
-      dbusmenu_menuitem_property_set(item, DBUSMENU_MENUITEM_PROP_CHILD_DISPLAY, DBUSMENU_MENUITEM_CHILD_DISPLAY_SUBMENU);
+      dbusmenu_menuitem_property_set(item, DBUSMENU_MENUITEM_PROP_CHILD_DISPLAY,
+                                     DBUSMENU_MENUITEM_CHILD_DISPLAY_SUBMENU);
   }
 
   static void onActivated(DbusmenuMenuitem* item, guint, gpointer data) {
@@ -382,8 +387,10 @@ struct QVStatusNotifierItem::Impl {
     // Held while its action runs: the action may remove the entry from the model.
     std::shared_ptr<QVMenuItem> model = it->second.lock();
     if (!model || model->isHidden() || !model->hasAction()) return;
-    if (self->m_onClick) self->m_onClick(*model);
-    else model->performAction();
+    if (self->m_onClick)
+      self->m_onClick(*model);
+    else
+      model->performAction();
     self->scheduleUpdate();
   }
 };
@@ -393,7 +400,7 @@ QVStatusNotifierItem::QVStatusNotifierItem() : m_impl(std::make_unique<Impl>()) 
 QVStatusNotifierItem::~QVStatusNotifierItem() = default;
 
 std::unique_ptr<QVStatusNotifierItem> QVStatusNotifierItem::publish(const Options& options, MenuModel menu,
-                                                                   LookModel look, ClickHandler onClick) {
+                                                                    LookModel look, ClickHandler onClick) {
   if (!sessionBusIsKnown()) {
     qv::debugLog("platform", "tray: no session bus is known");
     return nullptr;
