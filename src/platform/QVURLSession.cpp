@@ -77,7 +77,7 @@ struct QVURLSession::Impl {
   std::unique_ptr<QVInputStream> upload;
   std::int64_t sent = 0;
   QVURLConnectionDelegate* delegate = nullptr;
-  std::string trustedBundle;  // the certificates the session trusts, when more than the system's
+  std::string trustedBundle;  // the file of certificates trusted beside the system's, when one is given
 
   Impl() {
     initializeLibraryOnce();
@@ -288,15 +288,11 @@ bool QVURLSession::allowHTTPS(const std::string& trustedCertificatesFile, std::s
     if (error) *error = "\"" + trustedCertificatesFile + "\" cannot be read or holds no PEM certificate";
     return false;
   }
-  // The system's store and the one file together, for this connection alone.
-  const char* systemStore = nullptr;
-  curl_easy_getinfo(easy, CURLINFO_CAINFO, &systemStore);
-  std::string bundle;
-  if (!readWholeFile(systemStore ? systemStore : "/etc/ssl/certs/ca-certificates.crt", bundle)) bundle.clear();
-  bundle += "\n" + added;
-  m_impl->trustedBundle = std::move(bundle);
-  curl_blob blob{m_impl->trustedBundle.data(), m_impl->trustedBundle.size(), CURL_BLOB_NOCOPY};
-  curl_easy_setopt(easy, CURLOPT_CAINFO_BLOB, &blob);
+  // The one file and the system's store (its hashed folder) together, for this connection alone. Given
+  // as paths: libcurl 7.88 leaks the certificates of a CA bundle handed over in memory.
+  m_impl->trustedBundle = trustedCertificatesFile;
+  curl_easy_setopt(easy, CURLOPT_CAINFO, m_impl->trustedBundle.c_str());
+  curl_easy_setopt(easy, CURLOPT_CAPATH, "/etc/ssl/certs");
   return true;
 }
 
