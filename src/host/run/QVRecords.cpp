@@ -137,12 +137,15 @@ QVDictionary groupRecord(const QVGroup& group) {
   // The stored record, as the agent writes it, under the names every record here uses; dates as text.
   const QVDictionary stored = group.dictionary();
   QVDictionary record{{"groupID", group.identifier}, {"groupTitle", group.title}};
-  for (const char* key : {kQVItemsKey, "target", "schedule", "versions", "statusCode", "lastBackupDate",
-                          "lastBackupAttemptDate"}) {
+  for (const char* key :
+       {kQVItemsKey, "target", "schedule", "versions", "statusCode", "lastBackupDate", "lastBackupAttemptDate"}) {
     auto it = stored.find(key);
-    if (it == stored.end()) record[key] = QVValue();
-    else if (auto date = it->second.date()) record[key] = iso8601(*date);
-    else record[key] = it->second;
+    if (it == stored.end())
+      record[key] = QVValue();
+    else if (auto date = it->second.date())
+      record[key] = iso8601(*date);
+    else
+      record[key] = it->second;
   }
   return record;
 }
