@@ -144,7 +144,9 @@ std::shared_ptr<QVRunMonitor> QVRunMonitor::make(QVBackupAgent& agent, QVHostApp
 QVRunMonitor::QVRunMonitor(QVBackupAgent& agent, QVHostApp& host, QVRunJournal journal)
     : m_agent(agent), m_host(host), m_journal(std::move(journal)) {}
 
-QVRunMonitor::~QVRunMonitor() = default;
+QVRunMonitor::~QVRunMonitor() {
+  for (auto& [id, thread] : m_settlers) thread.join();
+}
 
 void QVRunMonitor::followRun(const std::string& groupID) {
   if (m_runs.count(groupID)) return;
@@ -282,15 +284,23 @@ void QVRunMonitor::settleVersionsThenHandOut(const QVGroup& group, QVRunOutcome 
   if (!target) return handOut(outcome);
   ++m_settling;
   std::weak_ptr<QVRunMonitor> weak = weak_from_this();
-  std::thread([weak, target, group, outcome = std::move(outcome)]() mutable {
+  const unsigned id = m_nextSettler++;
+  // Joined once its outcome is back on the main thread (or when the monitor goes), so that the destination
+  // it used is gone before the outcome counts as handed out.
+  m_settlers[id] = std::thread([weak, id, target = std::move(target), group, outcome = std::move(outcome)]() mutable {
     settleVersions(*target, group, outcome);
-    qv::postToMainThread([weak, outcome = std::move(outcome)] {
+    target.reset();
+    qv::postToMainThread([weak, id, outcome = std::move(outcome)] {
       if (auto self = weak.lock()) {
+        if (auto it = self->m_settlers.find(id); it != self->m_settlers.end()) {
+          it->second.join();
+          self->m_settlers.erase(it);
+        }
         --self->m_settling;
         self->handOut(outcome);
       }
     });
-  }).detach();
+  });
 }
 
 void QVRunMonitor::settleVersions(QVBackupTarget& target, const QVGroup& group, QVRunOutcome& outcome) {

@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "agent/QVBackupAgentDelegate.h"
@@ -148,7 +149,9 @@ class QVRunMonitor : public QVBackupAgentDelegate, public std::enable_shared_fro
   QVRunJournal m_journal;
   std::map<std::string, Run> m_runs;
   std::size_t m_pendingOutcomes = 0;
-  std::size_t m_settling = 0;  // outcomes whose versions are being settled
+  std::size_t m_settling = 0;                  // outcomes whose versions are being settled
+  std::map<unsigned, std::thread> m_settlers;  // the threads settling them, by number
+  unsigned m_nextSettler = 0;
   QVListeners<const QVGroup&> m_starts;
   QVListeners<const std::string&, std::int64_t, const std::string&> m_progress;
   QVListeners<const QVRunOutcome&> m_outcomes;
