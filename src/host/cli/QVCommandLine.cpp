@@ -11,6 +11,9 @@ namespace {
 
 constexpr const char* kProgram = "stellwin-backup";
 
+constexpr const char* kVersionHelp =
+    "its name (with or without \".backup\"), a unique beginning of it, or \"latest\"; default: the newest complete "
+    "version";
 constexpr const char* kGroupHelp =
     "GROUP is a group's identifier or its title; a title that several groups share must be given as an "
     "identifier.";
@@ -209,8 +212,7 @@ struct QVCommandLine::Impl {
     restore->add_option("GROUP", group, "The group")->required();
     restore->add_option("--to", restoreFolder, "Folder to restore into; it must not exist or be empty")->required();
     addOptional(restore, "--version", version, &QVCommandOptions::version,
-                "The version to restore: its name (with or without \".backup\"), a unique beginning of it, or "
-                "\"latest\"; default: the newest complete version");
+                std::string("The version to restore: ") + kVersionHelp);
     restore->add_option("PATH", paths,
                         "Only these items or files: paths inside the version, or the files' own absolute paths");
     restore->footer(std::string(kGroupHelp) +
@@ -220,8 +222,7 @@ struct QVCommandLine::Impl {
     verify = app.add_subcommand("verify", "Check a version of a group against the group's files as they are now");
     verify->add_option("GROUP", group, "The group")->required();
     addOptional(verify, "--version", version, &QVCommandOptions::version,
-                "The version to check: its name (with or without \".backup\"), a unique beginning of it, or "
-                "\"latest\"; default: the newest complete version");
+                std::string("The version to check: ") + kVersionHelp);
     verify->footer(std::string(kGroupHelp) +
                    "\nEvery file of the version is read back. A file unchanged since the version was made must match"
                    "\nbyte for byte; files changed, added or removed since are listed, not counted as errors."
@@ -229,9 +230,7 @@ struct QVCommandLine::Impl {
     addJSON(verify);
     files = app.add_subcommand("files", "List what a version of a group holds: names, sizes and times");
     files->add_option("GROUP", group, "The group")->required();
-    addOptional(files, "--version", version, &QVCommandOptions::version,
-                "The version: its name (with or without \".backup\"), a unique beginning of it, or \"latest\"; "
-                "default: the newest complete version");
+    addOptional(files, "--version", version, &QVCommandOptions::version, std::string("The version: ") + kVersionHelp);
     files
         ->add_option("PATH", paths,
                      "A folder inside the version, or its own absolute path (default: the version itself)")

@@ -358,6 +358,18 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
   }
   const bool networked = isNetworkedType(target.type);
   if (std::string problem = applyWebDAVOptions(options, target); !problem.empty()) return problem;
+  // A user name given replaces the one before; an empty one drops it with its password.
+  auto applyUser = [&]() -> std::string {
+    if (options.user) {
+      if (options.user->empty()) {
+        target.user.reset();
+        target.pass.reset();
+      } else {
+        target.user = *options.user;
+      }
+    }
+    return options.passwordStdin && !target.user ? "--password-stdin needs --user" : "";
+  };
   if (!networked) {
     // A local destination has no server, port or account.
     if (options.server) return "--server does not apply to a local destination";
@@ -374,15 +386,7 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
     target.server = "";
     target.port.reset();
     target.path.clear();
-    if (options.user) {
-      if (options.user->empty()) {
-        target.user.reset();
-        target.pass.reset();
-      } else {
-        target.user = *options.user;
-      }
-    }
-    if (options.passwordStdin && !target.user) return "--password-stdin needs --user";
+    if (std::string problem = applyUser(); !problem.empty()) return problem;
   } else {
     if (options.server) target.server = *options.server;
     if (!target.server || target.server->empty()) return "--server is required for a " + target.type + " destination";
@@ -395,15 +399,7 @@ std::string QVRegistryCommands::applyTargetOptions(const QVCommandOptions& optio
     } else if (target.port && *target.port == 0) {
       target.port.reset();  // a former local destination's 0: the protocol's own port
     }
-    if (options.user) {
-      if (options.user->empty()) {
-        target.user.reset();
-        target.pass.reset();
-      } else {
-        target.user = *options.user;
-      }
-    }
-    if (options.passwordStdin && !target.user) return "--password-stdin needs --user";
+    if (std::string problem = applyUser(); !problem.empty()) return problem;
   }
 
   // The password last: a refusal above must not have consumed standard input or asked for it.
@@ -441,6 +437,12 @@ int QVRegistryCommands::refuseUnreadableDAV(const QVTarget& target, bool isNew) 
          "checked; " +
          (isNew ? "it is added all the same" : "the change is saved all the same"));
   return 0;
+}
+
+void QVRegistryCommands::markDefault(const QVCommandOptions& options, QVTarget& target) {
+  if (!options.makeDefault) return;
+  target.isDefault = true;
+  clearOtherDefaults(target.identifier);
 }
 
 void QVRegistryCommands::clearOtherDefaults(const std::string& keepID) {
@@ -481,10 +483,7 @@ int QVRegistryCommands::targetAdd(const QVCommandOptions& options) {
   if (target.type == "local" && !qv::fileExistsAtPath(target.path))
     warn("the folder " + qv::quoted(target.path) + " does not exist; backups to it fail until it does");
   if (refuseUnreadableDAV(target, true) != 0) return 2;
-  if (options.makeDefault) {
-    target.isDefault = true;
-    clearOtherDefaults(target.identifier);
-  }
+  markDefault(options, target);
   m_agent.createTargetWithDictionary(target);
   m_out << "added destination " << qv::quoted(target.title) << " (" << target.identifier << ")\n";
   return 0;
@@ -506,10 +505,7 @@ int QVRegistryCommands::targetSet(const QVCommandOptions& options) {
   QVTarget changed = *found.record;
   if (std::string problem = applyTargetOptions(options, changed, false); !problem.empty()) return refuse(problem);
   if (refuseUnreadableDAV(changed, false) != 0) return 2;
-  if (options.makeDefault) {
-    changed.isDefault = true;
-    clearOtherDefaults(changed.identifier);
-  }
+  markDefault(options, changed);
   m_agent.updateTarget(changed);
   m_out << "updated destination " << qv::quoted(changed.title) << " (" << changed.identifier << ")\n";
   return 0;

@@ -66,6 +66,8 @@ class QVRegistryCommands {
   // A dav destination whose server answers with listings the dav kind cannot read is refused (2, with
   // how to switch to the webdav kind); one whose server gives no answer is kept with a warning (0).
   int refuseUnreadableDAV(const QVTarget& target, bool isNew);
+  // With --default: marks target as the default and removes the mark of every other destination.
+  void markDefault(const QVCommandOptions& options, QVTarget& target);
   // Removes the default mark of every destination but keepID.
   void clearOtherDefaults(const std::string& keepID);
 
